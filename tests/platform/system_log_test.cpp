@@ -1,0 +1,112 @@
+#include "lumo/system_log.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/log_capture.h"
+
+namespace lumo {
+namespace {
+
+// Points stderr at a temporary file for its lifetime.
+class StderrToFile {
+ public:
+  StderrToFile() : file_(std::tmpfile()), saved_(::dup(STDERR_FILENO)) {
+    ::dup2(::fileno(file_), STDERR_FILENO);
+  }
+  ~StderrToFile() {
+    restore();
+    std::fclose(file_);
+  }
+  void restore() {
+    if (saved_ >= 0) {
+      ::dup2(saved_, STDERR_FILENO);
+      ::close(saved_);
+      saved_ = -1;
+    }
+  }
+  std::string contents() {
+    std::string text;
+    std::rewind(file_);
+    char buffer[4096];
+    while (std::size_t n = std::fread(buffer, 1, sizeof buffer, file_)) text.append(buffer, n);
+    return text;
+  }
+
+ private:
+  std::FILE* file_;
+  int saved_;
+};
+
+TEST(SystemLog, DefaultSinkWritesWholeStampedLinesFromManyThreads) {
+  constexpr int kThreads = 4;
+  constexpr int kLinesEach = 200;
+  StderrToFile redirect;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      for (int i = 0; i < kLinesEach; ++i) {
+        systemLog("[BrixtelLumo] thread " + std::to_string(t) + " line " + std::to_string(i) + " " +
+                  std::string(300, 'x'));
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  redirect.restore();
+
+  const std::regex shape(
+      R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} [^\[\] ]+\[(\d+):(\d+)\] \[BrixtelLumo\] thread (\d) line (\d+) x{300})");
+  std::istringstream lines(redirect.contents());
+  std::string line;
+  std::vector<int> nextLine(kThreads, 0);
+  int count = 0;
+  while (std::getline(lines, line)) {
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(line, m, shape)) << line;
+    EXPECT_EQ(std::stol(m[1]), ::getpid());
+    const int thread = std::stoi(m[3]);
+    EXPECT_EQ(std::stoi(m[4]), nextLine[thread]++);  // each thread's lines stay in order
+    ++count;
+  }
+  EXPECT_EQ(count, kThreads * kLinesEach);
+}
+
+TEST(SystemLog, SinkCanBeReplacedAndRestored) {
+  std::vector<std::string> first;
+  std::vector<std::string> second;
+  SystemLogSink original =
+      setSystemLogSink([&](std::string_view line) { first.emplace_back(line); });
+  systemLog("one");
+  SystemLogSink returned =
+      setSystemLogSink([&](std::string_view line) { second.emplace_back(line); });
+  systemLog("two");
+  returned("three");  // the previous sink comes back as a working function
+  setSystemLogSink(original);
+  EXPECT_EQ(first, (std::vector<std::string>{"one", "three"}));
+  EXPECT_EQ(second, (std::vector<std::string>{"two"}));
+
+  // An empty sink restores the default stderr writer.
+  StderrToFile redirect;
+  setSystemLogSink([](std::string_view) {});
+  setSystemLogSink({});
+  systemLog("back to stderr");
+  redirect.restore();
+  EXPECT_NE(redirect.contents().find("] back to stderr\n"), std::string::npos);
+}
+
+TEST(SystemLog, CaptureSeesLinesFromOtherThreads) {
+  test::LogCapture capture;
+  std::thread([] { systemLog("from a worker"); }).join();
+  EXPECT_EQ(capture.lines(), std::vector<std::string>{"from a worker"});
+}
+
+}  // namespace
+}  // namespace lumo
