@@ -1,0 +1,308 @@
+#include "lumo/server/image_comparer.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+
+#include "strict_metric.h"
+#include "structure_metric.h"
+
+namespace lumo::server {
+namespace {
+
+using detail::LevelMap;
+using detail::PixelDiffs;
+
+// A floating region gives up after this many pixel comparisons: offsets are the client's to
+// choose, and a search must not hold a request thread for minutes.
+constexpr std::size_t kFloatingSearchBudget = std::size_t{1} << 27;
+
+constexpr std::array<std::string_view, 5> kLevelNames = {"None", "Layout", "Content", "Strict",
+                                                         "Exact"};
+
+std::uint8_t pixelLevel(MatchLevel level) {
+  switch (level) {
+    case MatchLevel::None:
+      return detail::kSkip;
+    case MatchLevel::Layout:
+      return detail::kAtLayout;
+    case MatchLevel::Content:
+      return detail::kAtContent;
+    case MatchLevel::Strict:
+      return detail::kAtStrict;
+    case MatchLevel::Exact:
+      return detail::kAtExact;
+  }
+  return detail::kAtStrict;
+}
+
+// The part of r inside a width x height image; empty rectangles have width or height 0.
+Rect clip(const Rect& r, int width, int height) {
+  const long left = std::clamp<long>(r.left, 0, width);
+  const long top = std::clamp<long>(r.top, 0, height);
+  const long right = std::clamp<long>(static_cast<long>(r.left) + std::max(r.width, 0), 0, width);
+  const long bottom = std::clamp<long>(static_cast<long>(r.top) + std::max(r.height, 0), 0, height);
+  return {static_cast<int>(left), static_cast<int>(top), static_cast<int>(right - left),
+          static_cast<int>(bottom - top)};
+}
+
+bool isEmpty(const Rect& r) { return r.width <= 0 || r.height <= 0; }
+
+bool contains(const Rect& outer, const Rect& inner) {
+  return inner.left >= outer.left && inner.top >= outer.top &&
+         inner.left + inner.width <= outer.left + outer.width &&
+         inner.top + inner.height <= outer.top + outer.height;
+}
+
+// The area a floating region's content may occupy once moved.
+Rect reach(const FloatingRect& f) {
+  const long up = std::max(f.maxUpOffset, 0), down = std::max(f.maxDownOffset, 0);
+  const long left = std::max(f.maxLeftOffset, 0), right = std::max(f.maxRightOffset, 0);
+  auto narrow = [](long v) { return static_cast<int>(std::clamp<long>(v, -(1L << 30), 1L << 30)); };
+  return {narrow(f.rect.left - left), narrow(f.rect.top - up),
+          narrow(std::max(f.rect.width, 0) + left + right),
+          narrow(std::max(f.rect.height, 0) + up + down)};
+}
+
+void paint(std::vector<std::uint8_t>& levels, int width, int height, const Rect& r,
+           std::uint8_t level) {
+  const Rect c = clip(r, width, height);
+  for (int y = c.top; y < c.top + c.height; ++y) {
+    std::memset(levels.data() + static_cast<std::size_t>(y) * width + c.left, level,
+                static_cast<std::size_t>(std::max(c.width, 0)));
+  }
+}
+
+bool hasRegions(const CompareSettings& s) {
+  return !s.ignore.empty() || !s.layout.empty() || !s.content.empty() || !s.strict.empty() ||
+         !s.floating.empty();
+}
+
+// Whether the baseline's pixels in `area` appear in the current image shifted by some offset
+// within the region's limits. The smallest shifts are tried first.
+bool floatingContentFound(const Image& baseline, const Image& current, const Rect& area,
+                          const FloatingRect& f, bool exact, float maxDelta) {
+  const int width = current.width(), height = current.height();
+  const int minDy = -std::min(std::max(f.maxUpOffset, 0), area.top);
+  const int maxDy = std::min(std::max(f.maxDownOffset, 0), height - area.top - area.height);
+  const int minDx = -std::min(std::max(f.maxLeftOffset, 0), area.left);
+  const int maxDx = std::min(std::max(f.maxRightOffset, 0), width - area.left - area.width);
+  std::vector<std::pair<int, int>> shifts;
+  for (int dy = minDy; dy <= maxDy; ++dy) {
+    for (int dx = minDx; dx <= maxDx; ++dx) {
+      shifts.emplace_back(dx, dy);
+    }
+  }
+  std::stable_sort(shifts.begin(), shifts.end(), [](const auto& p, const auto& q) {
+    return std::abs(p.first) + std::abs(p.second) < std::abs(q.first) + std::abs(q.second);
+  });
+  std::size_t budget = kFloatingSearchBudget;
+  for (const auto& [dx, dy] : shifts) {
+    bool same = true;
+    for (int y = area.top; same && y < area.top + area.height; ++y) {
+      const std::uint8_t* b = baseline.row(y) + area.left * 4;
+      const std::uint8_t* c = current.row(y + dy) + (area.left + dx) * 4;
+      if (std::memcmp(b, c, static_cast<std::size_t>(area.width) * 4) == 0) {
+        continue;
+      }
+      for (int x = 0; same && x < area.width; ++x) {
+        same = exact ? std::memcmp(b + x * 4, c + x * 4, 4) == 0
+                     : detail::colourDelta(b + x * 4, c + x * 4) <= maxDelta;
+      }
+    }
+    if (same) {
+      return true;
+    }
+    const std::size_t cost = static_cast<std::size_t>(area.width) * area.height;
+    if (cost >= budget) {
+      return false;
+    }
+    budget -= cost;
+  }
+  return false;
+}
+
+void setPixel(Image& image, std::uint32_t index, std::uint8_t r, std::uint8_t g, std::uint8_t b) {
+  std::uint8_t* p = image.data() + static_cast<std::size_t>(index) * 4;
+  p[0] = r, p[1] = g, p[2] = b, p[3] = 255;
+}
+
+// The pixel as a light grey, so that marks drawn over it stand out.
+void fade(const std::uint8_t* in, std::uint8_t* out) {
+  const float y = detail::onWhite(in[0], in[3]) * 0.29889531f +
+                  detail::onWhite(in[1], in[3]) * 0.58662247f +
+                  detail::onWhite(in[2], in[3]) * 0.11448223f;
+  const auto v = static_cast<std::uint8_t>(255.0f + (y - 255.0f) * 0.2f);
+  out[0] = out[1] = out[2] = v;
+  out[3] = 255;
+}
+
+void outline(Image& image, const Rect& r) {
+  const Rect c = clip(r, image.width(), image.height());
+  if (isEmpty(c)) {
+    return;
+  }
+  constexpr int kLine = 2;
+  for (int y = c.top; y < c.top + c.height; ++y) {
+    for (int x = c.left; x < c.left + c.width; ++x) {
+      const bool border = x < c.left + kLine || x >= c.left + c.width - kLine ||
+                          y < c.top + kLine || y >= c.top + c.height - kLine;
+      if (border) {
+        setPixel(image, static_cast<std::uint32_t>(y * image.width() + x), 255, 0, 0);
+      }
+    }
+  }
+}
+
+}  // namespace
+
+std::string_view matchLevelName(MatchLevel level) {
+  return kLevelNames.at(static_cast<std::size_t>(level));
+}
+
+std::optional<MatchLevel> matchLevelFromName(std::string_view name) {
+  for (std::size_t i = 0; i < kLevelNames.size(); ++i) {
+    if (kLevelNames[i] == name) {
+      return static_cast<MatchLevel>(i);
+    }
+  }
+  return std::nullopt;
+}
+
+ImageComparer::ImageComparer(ComparerOptions options) : options_(options) {}
+
+CompareResult ImageComparer::compare(const Image& baseline, const Image& current,
+                                     const CompareSettings& settings) const {
+  CompareResult result;
+  const bool regions = hasRegions(settings);
+  if (settings.level == MatchLevel::None && !regions) {
+    return result;
+  }
+  if (baseline.width() != current.width() || baseline.height() != current.height()) {
+    result.matches = false;
+    result.sizeMismatch = true;
+    return result;
+  }
+  const int width = current.width(), height = current.height();
+  if (width == 0 || height == 0) {
+    return result;
+  }
+
+  LevelMap map{nullptr, pixelLevel(settings.level)};
+  std::vector<std::uint8_t> levels;
+  bool atPixels = map.uniform >= detail::kAtStrict;
+  bool atContent = map.uniform == detail::kAtContent;
+  bool atLayout = map.uniform == detail::kAtLayout;
+  if (regions) {
+    levels.assign(static_cast<std::size_t>(width) * height, map.uniform);
+    for (const Rect& r : settings.layout) {
+      paint(levels, width, height, r, detail::kAtLayout);
+      atLayout = atLayout || !isEmpty(clip(r, width, height));
+    }
+    for (const Rect& r : settings.content) {
+      paint(levels, width, height, r, detail::kAtContent);
+      atContent = atContent || !isEmpty(clip(r, width, height));
+    }
+    for (const Rect& r : settings.strict) {
+      paint(levels, width, height, r, detail::kAtStrict);
+      atPixels = atPixels || !isEmpty(clip(r, width, height));
+    }
+    // Inside a floating region's reach only the floating search decides.
+    for (const FloatingRect& f : settings.floating) {
+      if (!isEmpty(clip(f.rect, width, height))) {
+        paint(levels, width, height, reach(f), detail::kSkip);
+      }
+    }
+    for (const Rect& r : settings.ignore) {
+      paint(levels, width, height, r, detail::kSkip);
+    }
+    map.levels = levels.data();
+  }
+
+  const float maxDelta = detail::maxDeltaFor(options_.colourThreshold);
+  PixelDiffs diffs;
+  if (atPixels) {
+    diffs = detail::scanPixels(baseline, current, maxDelta, map, options_.threads);
+  }
+  if (atContent || atLayout) {
+    const auto edgesA = detail::edgeMap(baseline, options_.edgeThreshold);
+    const auto edgesB = detail::edgeMap(current, options_.edgeThreshold);
+    if (atContent) {
+      detail::scanEdges(edgesA, edgesB, width, height, map, diffs);
+    }
+    if (atLayout) {
+      const auto a = detail::layoutElements(edgesA, width, height, map, options_.layoutCell);
+      const auto b = detail::layoutElements(edgesB, width, height, map, options_.layoutCell);
+      result.differentAreas = detail::unmatchedElements(a, b, options_.layoutTolerance);
+      const auto added = detail::unmatchedElements(b, a, options_.layoutTolerance);
+      result.differentAreas.insert(result.differentAreas.end(), added.begin(), added.end());
+    }
+  }
+  if (settings.level != MatchLevel::None) {
+    for (const FloatingRect& f : settings.floating) {
+      const Rect area = clip(f.rect, width, height);
+      const bool ignored = std::any_of(settings.ignore.begin(), settings.ignore.end(),
+                                       [&](const Rect& r) { return contains(r, area); });
+      if (isEmpty(area) || ignored) {
+        continue;
+      }
+      if (!floatingContentFound(baseline, current, area, f, settings.level == MatchLevel::Exact,
+                                maxDelta)) {
+        result.differentAreas.push_back(clip(reach(f), width, height));
+      }
+    }
+  }
+  result.differences = std::move(diffs.differences);
+  result.tolerated = std::move(diffs.tolerated);
+  result.matches = result.differences.empty() && result.differentAreas.empty();
+  return result;
+}
+
+Image ImageComparer::diffImage(const Image& baseline, const Image& current,
+                               const CompareSettings& settings, const CompareResult& result) const {
+  if (result.sizeMismatch) {
+    const int width = std::max(baseline.width(), current.width());
+    const int height = std::max(baseline.height(), current.height());
+    Image out(width, height);
+    for (int y = 0; y < height; ++y) {
+      for (int x = 0; x < width; ++x) {
+        const bool inBoth = x < baseline.width() && y < baseline.height() && x < current.width() &&
+                            y < current.height();
+        if (inBoth) {
+          fade(current.row(y) + x * 4, out.row(y) + x * 4);
+        } else {
+          setPixel(out, static_cast<std::uint32_t>(y * width + x), 255, 0, 0);
+        }
+      }
+    }
+    return out;
+  }
+  Image out(current.width(), current.height());
+  const std::size_t pixels = static_cast<std::size_t>(current.width()) * current.height();
+  for (std::size_t i = 0; i < pixels; ++i) {
+    fade(current.data() + i * 4, out.data() + i * 4);
+  }
+  for (const Rect& r : settings.ignore) {
+    const Rect c = clip(r, out.width(), out.height());
+    for (int y = c.top; y < c.top + c.height; ++y) {
+      for (int x = c.left; x < c.left + c.width; ++x) {
+        std::uint8_t* p = out.row(y) + x * 4;
+        p[0] = static_cast<std::uint8_t>(p[0] * 3 / 4);
+        p[1] = static_cast<std::uint8_t>(p[1] * 3 / 4);
+      }
+    }
+  }
+  for (std::uint32_t index : result.tolerated) {
+    setPixel(out, index, 255, 200, 0);
+  }
+  for (std::uint32_t index : result.differences) {
+    setPixel(out, index, 255, 0, 0);
+  }
+  for (const Rect& r : result.differentAreas) {
+    outline(out, r);
+  }
+  return out;
+}
+
+}  // namespace lumo::server

@@ -1,0 +1,146 @@
+#include "structure_metric.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace lumo::server::detail {
+namespace {
+
+// Integer brightness of a pixel composed over white, 0..255.
+int luminance(const std::uint8_t* p) {
+  const int y = (p[0] * 299 + p[1] * 587 + p[2] * 114) / 1000;
+  return 255 - (255 - y) * p[3] / 255;
+}
+
+bool edgeNear(const std::vector<std::uint8_t>& edges, int width, int height, int x, int y) {
+  for (int ny = std::max(y - 1, 0); ny <= std::min(y + 1, height - 1); ++ny) {
+    for (int nx = std::max(x - 1, 0); nx <= std::min(x + 1, width - 1); ++nx) {
+      if (edges[static_cast<std::size_t>(ny) * width + nx]) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+std::vector<std::uint8_t> edgeMap(const Image& image, int threshold) {
+  const int width = image.width(), height = image.height();
+  std::vector<std::uint8_t> edges(static_cast<std::size_t>(width) * height, 0);
+  std::vector<int> row(width), below(width);
+  for (int x = 0; x < width; ++x) {
+    row[x] = luminance(image.row(0) + x * 4);
+  }
+  for (int y = 0; y < height; ++y) {
+    const bool last = y + 1 == height;
+    if (!last) {
+      for (int x = 0; x < width; ++x) {
+        below[x] = luminance(image.row(y + 1) + x * 4);
+      }
+    }
+    std::uint8_t* out = edges.data() + static_cast<std::size_t>(y) * width;
+    for (int x = 0; x < width; ++x) {
+      const int right = x + 1 < width ? std::abs(row[x + 1] - row[x]) : 0;
+      const int down = last ? 0 : std::abs(below[x] - row[x]);
+      out[x] = std::max(right, down) > threshold;
+    }
+    std::swap(row, below);
+  }
+  return edges;
+}
+
+void scanEdges(const std::vector<std::uint8_t>& edgesA, const std::vector<std::uint8_t>& edgesB,
+               int width, int height, const LevelMap& map, PixelDiffs& out) {
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      const std::size_t index = static_cast<std::size_t>(y) * width + x;
+      if (edgesA[index] == edgesB[index] || map.at(index) != kAtContent) {
+        continue;
+      }
+      // An edge one pixel off is the same edge drawn with other anti-aliasing.
+      const auto& other = edgesA[index] ? edgesB : edgesA;
+      if (edgeNear(other, width, height, x, y)) {
+        out.tolerated.push_back(static_cast<std::uint32_t>(index));
+      } else {
+        out.differences.push_back(static_cast<std::uint32_t>(index));
+      }
+    }
+  }
+}
+
+std::vector<Rect> layoutElements(const std::vector<std::uint8_t>& edges, int width, int height,
+                                 const LevelMap& map, int cell) {
+  cell = std::max(cell, 1);
+  const int gridW = (width + cell - 1) / cell, gridH = (height + cell - 1) / cell;
+  struct Bounds {
+    int left = 0, top = 0, right = -1, bottom = -1;  // inclusive; empty while right < left
+  };
+  std::vector<Bounds> cells(static_cast<std::size_t>(gridW) * gridH);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      const std::size_t index = static_cast<std::size_t>(y) * width + x;
+      if (!edges[index] || map.at(index) != kAtLayout) {
+        continue;
+      }
+      Bounds& b = cells[static_cast<std::size_t>(y / cell) * gridW + x / cell];
+      if (b.right < b.left) {
+        b = {x, y, x, y};
+      } else {
+        b.left = std::min(b.left, x), b.right = std::max(b.right, x);
+        b.top = std::min(b.top, y), b.bottom = std::max(b.bottom, y);
+      }
+    }
+  }
+  // Occupied cells that touch, corners included, form one element.
+  std::vector<Rect> elements;
+  std::vector<char> seen(cells.size(), 0);
+  std::vector<int> stack;
+  for (std::size_t start = 0; start < cells.size(); ++start) {
+    if (seen[start] || cells[start].right < cells[start].left) {
+      continue;
+    }
+    Bounds box = cells[start];
+    seen[start] = 1;
+    stack.assign(1, static_cast<int>(start));
+    while (!stack.empty()) {
+      const int current = stack.back();
+      stack.pop_back();
+      const int cx = current % gridW, cy = current / gridW;
+      for (int ny = std::max(cy - 1, 0); ny <= std::min(cy + 1, gridH - 1); ++ny) {
+        for (int nx = std::max(cx - 1, 0); nx <= std::min(cx + 1, gridW - 1); ++nx) {
+          const int n = ny * gridW + nx;
+          const Bounds& b = cells[n];
+          if (seen[n] || b.right < b.left) {
+            continue;
+          }
+          seen[n] = 1;
+          box.left = std::min(box.left, b.left), box.right = std::max(box.right, b.right);
+          box.top = std::min(box.top, b.top), box.bottom = std::max(box.bottom, b.bottom);
+          stack.push_back(n);
+        }
+      }
+    }
+    elements.push_back({box.left, box.top, box.right - box.left + 1, box.bottom - box.top + 1});
+  }
+  return elements;
+}
+
+std::vector<Rect> unmatchedElements(const std::vector<Rect>& a, const std::vector<Rect>& b,
+                                    int tolerance) {
+  auto near = [tolerance](int p, int q) { return std::abs(p - q) <= tolerance; };
+  std::vector<Rect> unmatched;
+  for (const Rect& e : a) {
+    const bool found = std::any_of(b.begin(), b.end(), [&](const Rect& f) {
+      return near(e.top, f.top) && near(e.top + e.height, f.top + f.height) &&
+             (near(e.left, f.left) || near(e.left + e.width, f.left + f.width) ||
+              std::abs((2 * e.left + e.width) - (2 * f.left + f.width)) <= 2 * tolerance);
+    });
+    if (!found) {
+      unmatched.push_back(e);
+    }
+  }
+  return unmatched;
+}
+
+}  // namespace lumo::server::detail

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <cstdint>
+#include <random>
+
+#include "lumo/image.h"
+
+// Builders of the images the server tests compare: flat backgrounds, boxes, and glyph-like
+// strokes that stand in for text.
+namespace lumo::server::testing {
+
+struct Colour {
+  std::uint8_t r = 0, g = 0, b = 0, a = 255;
+};
+
+inline constexpr Colour kWhite{255, 255, 255};
+inline constexpr Colour kBlack{0, 0, 0};
+inline constexpr Colour kRed{220, 30, 30};
+inline constexpr Colour kBlue{30, 60, 220};
+
+inline Image solid(int width, int height, Colour c = kWhite) {
+  Image image(width, height);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      std::uint8_t* p = image.row(y) + x * 4;
+      p[0] = c.r, p[1] = c.g, p[2] = c.b, p[3] = c.a;
+    }
+  }
+  return image;
+}
+
+inline void fill(Image& image, int left, int top, int width, int height, Colour c) {
+  for (int y = top; y < top + height; ++y) {
+    for (int x = left; x < left + width; ++x) {
+      std::uint8_t* p = image.row(y) + x * 4;
+      p[0] = c.r, p[1] = c.g, p[2] = c.b, p[3] = c.a;
+    }
+  }
+}
+
+// A line of "text": vertical strokes 2 px wide, spaced by 4 px, whose heights follow `seed`,
+// so that two seeds give two different words of the same extent.
+inline void text(Image& image, int left, int top, int width, int height, unsigned seed,
+                 Colour c = kBlack) {
+  std::mt19937 random(seed);
+  for (int x = left; x + 2 <= left + width; x += 4) {
+    const int h = height / 2 + static_cast<int>(random() % (height / 2 + 1));
+    fill(image, x, top + height - h, 2, h, c);
+  }
+  // Every word starts and ends at full height, as capitals and ascenders make it.
+  fill(image, left, top, 2, height, c);
+  fill(image, left + width - 2, top, 2, height, c);
+}
+
+// A button: a filled box with a word inside.
+inline void button(Image& image, int left, int top, int width, int height, Colour fillColour,
+                   unsigned word) {
+  fill(image, left, top, width, height, fillColour);
+  text(image, left + 8, top + 6, width - 16, height - 12, word, kWhite);
+}
+
+// Noise with the given seed: every pixel a random colour.
+inline Image noise(int width, int height, unsigned seed) {
+  Image image(width, height);
+  std::mt19937 random(seed);
+  for (std::size_t i = 0; i < image.pixels().size(); ++i) {
+    image.data()[i] = static_cast<std::uint8_t>(random());
+  }
+  return image;
+}
+
+}  // namespace lumo::server::testing
