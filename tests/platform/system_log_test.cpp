@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -62,18 +61,28 @@ TEST(SystemLog, DefaultSinkWritesWholeStampedLinesFromManyThreads) {
   for (auto& thread : threads) thread.join();
   redirect.restore();
 
-  const std::regex shape(
-      R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} [^\[\] ]+\[(\d+):(\d+)\] \[BrixtelLumo\] thread (\d) line (\d+) x{300})");
   std::istringstream lines(redirect.contents());
   std::string line;
   std::vector<int> nextLine(kThreads, 0);
   int count = 0;
   while (std::getline(lines, line)) {
-    std::smatch m;
-    ASSERT_TRUE(std::regex_match(line, m, shape)) << line;
-    EXPECT_EQ(std::stol(m[1]), ::getpid());
-    const int thread = std::stoi(m[3]);
-    EXPECT_EQ(std::stoi(m[4]), nextLine[thread]++);  // each thread's lines stay in order
+    // "YYYY-MM-DD HH:MM:SS.mmm name[pid:tid] [BrixtelLumo] thread T line N xxx..."
+    int date[7];
+    char name[64];
+    long pid = 0, tid = 0;
+    int thread = -1, index = -1, consumed = 0;
+    const int fields = std::sscanf(
+        line.c_str(),
+        "%4d-%2d-%2d %2d:%2d:%2d.%3d %63[^[][%ld:%ld] [BrixtelLumo] thread %d line %d %n", &date[0],
+        &date[1], &date[2], &date[3], &date[4], &date[5], &date[6], name, &pid, &tid, &thread,
+        &index, &consumed);
+    ASSERT_EQ(fields, 12) << line;
+    EXPECT_EQ(line.substr(10, 1), " ");
+    EXPECT_EQ(line.substr(19, 1), ".");
+    EXPECT_EQ(line.substr(consumed), std::string(300, 'x')) << line;
+    EXPECT_EQ(pid, ::getpid());
+    ASSERT_TRUE(thread >= 0 && thread < kThreads) << line;
+    EXPECT_EQ(index, nextLine[thread]++);  // each thread's lines stay in order
     ++count;
   }
   EXPECT_EQ(count, kThreads * kLinesEach);
