@@ -1,0 +1,152 @@
+#include "lumo/session_start_info.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "lumo/exception.h"
+#include "lumo/internal_inconsistency_exception.h"
+#include "lumo/running_session.h"
+
+namespace lumo {
+namespace {
+
+using Opt = std::optional<std::string>;
+
+class SessionStartInfoTest : public ::testing::Test {
+ protected:
+  void setUp(Opt branch, Opt parent, Opt baseline, Opt baselineEnv = std::nullopt) {
+    info_.setupWithAgentId("agent/1", "Shop", "Login", std::move(baselineEnv), env_, batch_,
+                           std::move(branch), std::move(parent), std::move(baseline), true,
+                           settings_);
+  }
+
+  std::shared_ptr<AppEnvironment> env_ =
+      std::make_shared<AppEnvironment>("Linux", std::nullopt, "pixel", Size{320, 568});
+  std::shared_ptr<BatchInfo> batch_ =
+      std::make_shared<BatchInfo>("nightly", std::chrono::system_clock::from_time_t(1795346513));
+  std::shared_ptr<ImageMatchSettings> settings_ =
+      std::make_shared<ImageMatchSettings>(MatchLevelLayout);
+  SessionStartInfo info_;
+};
+
+TEST_F(SessionStartInfoTest, WritesTheEightKeysAndNestedRecords) {
+  info_.addProperty(StartSessionProperty("team", "checkout"));
+  info_.addProperty(StartSessionProperty("team", "again"));
+  setUp(std::nullopt, std::nullopt, std::nullopt);
+  const Json expected = {{"appIdOrName", "Shop"},
+                         {"scenarioIdOrName", "Login"},
+                         {"batchInfo", batch_->dictionary()},
+                         {"environment", env_->dictionary()},
+                         {"defaultMatchSettings", settings_->dictionary()},
+                         {"agentId", "agent/1"},
+                         {"saveDiffs", true},
+                         {"properties", Json::parse(R"([{"name":"team","value":"checkout"},
+                                                        {"name":"team","value":"again"}])")}};
+  EXPECT_EQ(info_.dictionary(), expected);
+}
+
+TEST_F(SessionStartInfoTest, ParentAndBaselineKeysCarryTheBranchName) {
+  setUp("feature", "main", std::nullopt);
+  Json json = info_.dictionary();
+  EXPECT_EQ(json["branchName"], "feature");
+  EXPECT_EQ(json["parentBranchName"], "feature");
+  EXPECT_FALSE(json.contains("baselineBranchName"));
+
+  setUp("feature", "", "release");
+  json = info_.dictionary();
+  EXPECT_FALSE(json.contains("parentBranchName"));
+  EXPECT_EQ(json["baselineBranchName"], "feature");
+}
+
+TEST_F(SessionStartInfoTest, EmptyBranchNameIsLeftOutButStillFillsTheOtherKeys) {
+  setUp("", "main", std::nullopt);
+  const Json json = info_.dictionary();
+  EXPECT_FALSE(json.contains("branchName"));
+  EXPECT_EQ(json["parentBranchName"], "");
+}
+
+TEST_F(SessionStartInfoTest, ParentBranchWithoutBranchNameRefusesToWrite) {
+  setUp(std::nullopt, "main", std::nullopt);
+  try {
+    (void)info_.dictionary();
+    FAIL() << "wrote a start record without a branch name";
+  } catch (const Exception& e) {
+    EXPECT_EQ(e.name(), "IllegalArgumentException");
+    EXPECT_NE(e.reason().find("parentBranchName"), std::string::npos) << e.reason();
+  }
+  setUp(std::nullopt, std::nullopt, "base");
+  EXPECT_THROW((void)info_.dictionary(), Exception);
+}
+
+TEST_F(SessionStartInfoTest, BaselineEnvNameOnlyWhenNotEmpty) {
+  setUp(std::nullopt, std::nullopt, std::nullopt, "");
+  EXPECT_FALSE(info_.dictionary().contains("baselineEnvName"));
+  setUp(std::nullopt, std::nullopt, std::nullopt, "env");
+  EXPECT_EQ(info_.dictionary()["baselineEnvName"], "env");
+}
+
+TEST_F(SessionStartInfoTest, SetupChecksRequiredValuesInOrderAndKeepsOldValues) {
+  setUp(std::nullopt, std::nullopt, std::nullopt);
+  auto failing = [&](Opt agent, Opt app, Opt test, std::shared_ptr<AppEnvironment> env,
+                     std::shared_ptr<BatchInfo> batch, std::shared_ptr<ImageMatchSettings> s) {
+    try {
+      info_.setupWithAgentId(agent, app, test, "x", env, batch, "b", "p", "q", false, s);
+    } catch (const InternalInconsistencyException& e) {
+      return e.reason();
+    }
+    return std::string("no failure");
+  };
+  EXPECT_EQ(failing(std::nullopt, std::nullopt, "t", env_, batch_, settings_), "agentId is nil");
+  EXPECT_EQ(failing("a", std::nullopt, std::nullopt, env_, batch_, settings_), "appName is nil");
+  EXPECT_EQ(failing("a", "b", std::nullopt, nullptr, batch_, settings_), "testName is nil");
+  EXPECT_EQ(failing("a", "b", "c", nullptr, nullptr, settings_), "appEnv is nil");
+  EXPECT_EQ(failing("a", "b", "c", env_, nullptr, nullptr), "batchInfo is nil");
+  EXPECT_EQ(failing("a", "b", "c", env_, batch_, nullptr), "defaultMatchSettings is nil");
+  EXPECT_EQ(info_.agentId(), "agent/1");
+  EXPECT_EQ(info_.baselineEnvName(), std::nullopt);
+  EXPECT_TRUE(info_.saveDiffs());
+}
+
+TEST_F(SessionStartInfoTest, NeverSetUpRecordCannotBeWritten) {
+  EXPECT_THROW((void)info_.dictionary(), Exception);
+}
+
+TEST_F(SessionStartInfoTest, AddPropertyLeavesEarlierCopiesAlone) {
+  info_.addProperty(StartSessionProperty("a", "1"));
+  const std::vector<StartSessionProperty> before = info_.properties();
+  info_.addProperty(StartSessionProperty("b", "2"));
+  EXPECT_EQ(before.size(), 1u);
+  EXPECT_EQ(info_.properties().back(), StartSessionProperty("b", "2"));
+}
+
+TEST_F(SessionStartInfoTest, SharesTheSettingsObjectItWasGiven) {
+  setUp(std::nullopt, std::nullopt, std::nullopt);
+  settings_->setMatchLevel(MatchLevelExact);
+  EXPECT_EQ(info_.dictionary()["defaultMatchSettings"]["matchLevel"], "Exact");
+}
+
+TEST(RunningSession, ReadsIdAndUrlAndIgnoresTheRest) {
+  const RunningSession session(Json::parse(R"({"id":"s1","url":"https://u","x":1})"));
+  EXPECT_EQ(session.sessionId(), "s1");
+  EXPECT_EQ(session.url(), "https://u");
+  EXPECT_FALSE(session.isNewSession());
+  EXPECT_EQ(RunningSession(Json::parse(R"({"id":"s1"})")).url(), std::nullopt);
+}
+
+TEST(RunningSession, BadAnswersLeaveFieldsNil) {
+  for (const char* text : {R"({"id":null,"url":7})", R"([1,2])", R"("id")", "null",
+                           R"({"id":{"nested":true},"url":["u"]})"}) {
+    const RunningSession session(Json::parse(text));
+    EXPECT_EQ(session.sessionId(), std::nullopt) << text;
+    EXPECT_EQ(session.url(), std::nullopt) << text;
+  }
+  RunningSession session;
+  session.setIsNewSession(true);
+  EXPECT_TRUE(session.isNewSession());
+}
+
+}  // namespace
+}  // namespace lumo
