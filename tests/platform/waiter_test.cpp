@@ -1,0 +1,62 @@
+#include "lumo/waiter.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <thread>
+
+#include "lumo/expectation.h"
+
+namespace lumo {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(Waiter, CompletesWhenAnotherThreadFulfils) {
+  auto first = std::make_shared<Expectation>("first");
+  auto second = std::make_shared<Expectation>("second");
+  std::jthread fulfiller([=] {
+    second->fulfill();
+    first->fulfill();
+  });
+  EXPECT_EQ(Waiter::waitForExpectations({first, second}, 60s), WaiterResult::completed);
+  EXPECT_TRUE(first->isFulfilled());
+  EXPECT_EQ(first->description(), "first");
+}
+
+TEST(Waiter, TimesOutWhileAnyExpectationIsUnfulfilled) {
+  auto done = std::make_shared<Expectation>();
+  auto never = std::make_shared<Expectation>();
+  done->fulfill();
+  EXPECT_EQ(Waiter::waitForExpectations({done, never}, 20ms), WaiterResult::timedOut);
+  EXPECT_EQ(Waiter::waitForExpectations({never}, 0s), WaiterResult::timedOut);
+  EXPECT_EQ(Waiter::waitForExpectations({never}, -1s), WaiterResult::timedOut);
+}
+
+TEST(Waiter, FulfilledOrNoExpectationsCompleteWithoutWaiting) {
+  auto done = std::make_shared<Expectation>();
+  done->fulfill();
+  done->fulfill();
+  EXPECT_EQ(Waiter::waitForExpectations({done}, 0s), WaiterResult::completed);
+  EXPECT_EQ(Waiter::waitForExpectations({}, 0s), WaiterResult::completed);
+  // A bound far beyond the clock's range must not overflow into the past.
+  EXPECT_EQ(Waiter::waitForExpectations({done}, std::chrono::duration<double>(1e300)),
+            WaiterResult::completed);
+}
+
+TEST(Waiter, AFulfilmentAfterTheTimeOutIsHarmless) {
+  auto late = std::make_shared<Expectation>("late");
+  std::jthread fulfiller;
+  {
+    EXPECT_EQ(Waiter::waitForExpectations({late}, 1ms), WaiterResult::timedOut);
+    // The waiter has moved on; the completion still holds the expectation.
+    fulfiller = std::jthread([late] { late->fulfill(); });
+  }
+  fulfiller.join();
+  EXPECT_TRUE(late->isFulfilled());
+  EXPECT_EQ(Waiter::waitForExpectations({late}, 0s), WaiterResult::completed);
+}
+
+}  // namespace
+}  // namespace lumo
