@@ -26,8 +26,9 @@ class Logger {
 };
 
 // Text of an optional string in a log line or message: the value, or "(null)" when missing.
-inline std::string_view textOrNull(const std::optional<std::string>& value) {
-  return value ? std::string_view(*value) : std::string_view("(null)");
+// Returns a copy so that it is safe on temporaries.
+inline std::string textOrNull(const std::optional<std::string>& value) {
+  return value ? *value : std::string("(null)");
 }
 
 // Text of a flag in a log line: "YES" or "NO".
