@@ -1,0 +1,108 @@
+#include "lumo/check_settings.h"
+
+#include <gtest/gtest.h>
+
+#include "lumo/floating_region_by_rectangle.h"
+#include "lumo/ignore_region_by_rectangle.h"
+
+namespace lumo {
+namespace {
+
+std::vector<Region> regionsOf(const CheckSettingsInternalProtocol::RegionProviders& providers) {
+  std::vector<Region> regions;
+  for (const auto& provider : providers) regions.push_back(*provider->getRegion());
+  return regions;
+}
+
+TEST(CheckSettings, StartsWithNoneAndNoRetries) {
+  const CheckSettings settings;
+  EXPECT_EQ(settings.getMatchLevel(), MatchLevelNone);
+  EXPECT_EQ(settings.getTimeoutInSeconds(), 0u);
+  EXPECT_TRUE(settings.getTargetRegion()->isEmpty());
+  EXPECT_FALSE(settings.getIgnoreCaret() || settings.getWithStatusBar() ||
+               settings.getStitchContent());
+  EXPECT_TRUE(settings.getIgnoredRegions().empty() && settings.getLayoutRegions().empty() &&
+              settings.getStrictRegions().empty() && settings.getContentRegions().empty() &&
+              settings.getFloatingRegions().empty());
+  EXPECT_EQ(CheckSettings(7).getTimeoutInSeconds(), 7u);
+}
+
+TEST(CheckSettings, FluentOperationsLeaveTheReceiverUntouched) {
+  const CheckSettings base = CheckSettings().ignore({Region(1, 2, 3, 4)});
+  const CheckSettings refined = base.layout()
+                                    .ignore({Region(5, 6, 7, 8)})
+                                    .timeoutInSeconds(5)
+                                    .ignoreCaret()
+                                    .withStatusBar()
+                                    .fully();
+  EXPECT_EQ(base.getMatchLevel(), MatchLevelNone);
+  EXPECT_EQ(base.getTimeoutInSeconds(), 0u);
+  EXPECT_FALSE(base.getIgnoreCaret() || base.getWithStatusBar() || base.getStitchContent());
+  EXPECT_EQ(base.getIgnoredRegions().size(), 1u);
+
+  EXPECT_EQ(refined.getMatchLevel(), MatchLevelLayout);
+  EXPECT_EQ(refined.getTimeoutInSeconds(), 5u);
+  EXPECT_TRUE(refined.getIgnoreCaret() && refined.getWithStatusBar() && refined.getStitchContent());
+  EXPECT_EQ(regionsOf(refined.getIgnoredRegions()),
+            (std::vector<Region>{Region(1, 2, 3, 4), Region(5, 6, 7, 8)}));
+}
+
+TEST(CheckSettings, CopiesShareProvidersAndRegionsButNotLists) {
+  const CheckSettings base = CheckSettings().strict({Region(1, 1, 1, 1)});
+  const CheckSettings copy = base.strict({Region(2, 2, 2, 2)});
+  ASSERT_EQ(copy.getStrictRegions().size(), 2u);
+  EXPECT_EQ(copy.getStrictRegions()[0], base.getStrictRegions()[0]);
+  // The Region inside a shared provider is one object for both settings.
+  base.getStrictRegions()[0]->getRegion()->updateWithRect(Rect(9, 9, 9, 9));
+  EXPECT_EQ(*copy.getStrictRegions()[0]->getRegion(), Region(9, 9, 9, 9));
+  EXPECT_EQ(base.getTargetRegion(), copy.getTargetRegion());
+}
+
+TEST(CheckSettings, EachKindLandsInItsOwnListInOrder) {
+  const CheckSettings settings = CheckSettings()
+                                     .layout({Region(1, 0, 1, 1), Region(2, 0, 1, 1)})
+                                     .content({Region(3, 0, 1, 1)})
+                                     .layout({Region(4, 0, 1, 1)})
+                                     .ignore({});
+  EXPECT_EQ(regionsOf(settings.getLayoutRegions()),
+            (std::vector<Region>{Region(1, 0, 1, 1), Region(2, 0, 1, 1), Region(4, 0, 1, 1)}));
+  EXPECT_EQ(regionsOf(settings.getContentRegions()), std::vector<Region>{Region(3, 0, 1, 1)});
+  EXPECT_TRUE(settings.getIgnoredRegions().empty());
+  EXPECT_TRUE(settings.getStrictRegions().empty());
+}
+
+TEST(CheckSettings, FloatingOffsetsArePassedByMeaning) {
+  // The builder takes up, down, right, left; the region's offsets read up, down, left, right.
+  const CheckSettings settings = CheckSettings().floating(Region(10, 20, 30, 40), 1, 2, 3, 4);
+  ASSERT_EQ(settings.getFloatingRegions().size(), 1u);
+  EXPECT_EQ(*settings.getFloatingRegions()[0]->getRegion(),
+            FloatingMatchSettings(10, 20, 30, 40, 1, 2, 4, 3));
+
+  const CheckSettings many =
+      CheckSettings().floating({Region(0, 0, 1, 1), Region(1, 1, 1, 1), Region(2, 2, 1, 1)}, 5);
+  ASSERT_EQ(many.getFloatingRegions().size(), 3u);
+  EXPECT_EQ(*many.getFloatingRegions()[2]->getRegion(),
+            FloatingMatchSettings(2, 2, 1, 1, 5, 5, 5, 5));
+}
+
+TEST(CheckSettings, ElementRegionsFollowTheElement) {
+  auto button = std::make_shared<MovableElement>(Rect(10.7, 20.2, 30, 40));
+  const CheckSettings settings = CheckSettings().ignore(button).floating(button, 1, 2, 3, 4);
+  button->setFrame(Rect(50, 60, 70, 80.9));
+  EXPECT_EQ(settings.getIgnoredRegions()[0]->getRegion()->dictionary(),
+            Region(50, 60, 70, 80).dictionary());
+  EXPECT_EQ(*settings.getFloatingRegions()[0]->getRegion(),
+            FloatingMatchSettings(50, 60, 70, 80, 1, 2, 4, 3));
+}
+
+TEST(CheckSettings, MatchLevelShortcuts) {
+  const CheckSettings settings;
+  EXPECT_EQ(settings.exact().getMatchLevel(), MatchLevelExact);
+  EXPECT_EQ(settings.strict().getMatchLevel(), MatchLevelStrict);
+  EXPECT_EQ(settings.content().getMatchLevel(), MatchLevelContent);
+  EXPECT_EQ(settings.exact().matchLevel(MatchLevelNone).getMatchLevel(), MatchLevelNone);
+  EXPECT_FALSE(settings.ignoreCaret().ignoreCaret(false).getIgnoreCaret());
+}
+
+}  // namespace
+}  // namespace lumo
