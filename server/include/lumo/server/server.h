@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "lumo/server/session_manager.h"
+
+namespace lumo::server {
+
+// The key a server started without keys accepts, so that a demo runs with no setup. Give
+// real keys to any server that others can reach.
+inline constexpr std::string_view kDemoApiKey = "lumo-demo-key";
+
+inline constexpr std::size_t kDefaultMaxBodyBytes = std::size_t{64} << 20;
+
+struct ServerConfig {
+  std::string host = "127.0.0.1";
+  int port = 0;  // 0: an ephemeral port, see Server::port()
+  std::filesystem::path dataDir = "lumo-data";
+  std::vector<std::string> apiKeys;  // empty: kDemoApiKey only
+  // HTTPS when both are given (PEM files); plain HTTP otherwise.
+  std::filesystem::path certFile;
+  std::filesystem::path keyFile;
+  std::size_t maxBodyBytes = kDefaultMaxBodyBytes;
+  std::uint64_t maxImagePixels = kDefaultMaxImagePixels;
+  int threads = 8;  // requests served at once
+};
+
+// The reference visual-testing server: the session API under "/api/sessions", results pages
+// at "/", "/batches/{id}" and "/sessions/{id}", images at "/images/{hash}.png". Embeddable:
+//   Server server(config); server.start(); ... server.port() ...; server.stop();
+// Requests are served on the server's own threads; start, wait and stop may be called from
+// any thread.
+class Server {
+ public:
+  explicit Server(ServerConfig config);
+  // Stops the server if it is running.
+  ~Server();
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  // Opens the store, binds and starts serving in the background; returns once connections
+  // are accepted. Throws std::runtime_error (StoreError for the store) when it cannot, and
+  // std::logic_error when called twice.
+  void start();
+  // The bound port (the ephemeral one when the config asked for 0); -1 before start.
+  int port() const;
+  // "http://host:port" or "https://host:port".
+  std::string baseUrl() const;
+  // Blocks until the server stops (by stop() on another thread).
+  void wait();
+  // Stops accepting, finishes the requests in flight and returns. Idempotent.
+  void stop();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace lumo::server

@@ -1,0 +1,183 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <openssl/evp.h>
+
+#include <memory>
+#include <string>
+
+#include "image_codec.h"
+#include "lumo/json.h"
+#include "lumo/server/server.h"
+#include "temp_dir.h"
+#include "test_images.h"
+
+namespace lumo::server::testing {
+
+// The screenshot as the client sends it: PNG in base64 with CR LF after every 64 characters.
+inline std::string screenshot64(const Image& image) {
+  const std::string png = detail::encodePngImage(image);
+  std::string text(4 * ((png.size() + 2) / 3) + 1, '\0');
+  const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                                reinterpret_cast<const unsigned char*>(png.data()),
+                                static_cast<int>(png.size()));
+  text.resize(static_cast<std::size_t>(n));
+  std::string lines;
+  for (std::size_t i = 0; i < text.size(); i += 64) {
+    lines += text.substr(i, 64);
+    if (i + 64 < text.size()) {
+      lines += "\r\n";
+    }
+  }
+  return lines;
+}
+
+// A start record as the client writes it.
+inline Json startInfo(const std::string& test, const std::string& branch = "",
+                      const std::string& baselineEnvName = "") {
+  Json info = {
+      {"appIdOrName", "Shop"},
+      {"scenarioIdOrName", test},
+      {"batchInfo", {{"name", "Nightly"}, {"startedAt", "2026-01-01T10:00:00Z"}, {"id", "B1"}}},
+      {"environment",
+       {{"displaySize", {{"width", 200}, {"height", 240}}},
+        {"OSInfo", "iOS 17.2"},
+        {"DeviceInfo", "iPhone 15"}}},
+      {"defaultMatchSettings",
+       {{"matchLevel", "Strict"},
+        {"ignoreCaret", false},
+        {"Ignore", Json::array()},
+        {"Layout", Json::array()},
+        {"Strict", Json::array()},
+        {"Content", Json::array()},
+        {"Floating", Json::array()}}},
+      {"agentId", "lumo-tests"},
+      {"saveDiffs", false},
+      {"properties", Json::array()}};
+  if (!branch.empty()) {
+    info["branchName"] = branch;
+    info["parentBranchName"] = branch;
+  }
+  if (!baselineEnvName.empty()) {
+    info["baselineEnvName"] = baselineEnvName;
+  }
+  return info;
+}
+
+inline Json settings(const std::string& level = "Strict") {
+  return {{"matchLevel", level},      {"ignoreCaret", false},    {"Ignore", Json::array()},
+          {"Layout", Json::array()},  {"Strict", Json::array()}, {"Content", Json::array()},
+          {"Floating", Json::array()}};
+}
+
+// A match-window record as the client writes it.
+inline Json matchData(const std::string& screenshot, const std::string& tag,
+                      bool ignoreMismatch = false, const Json& imageMatchSettings = settings()) {
+  Json appOutput = Json::object();
+  if (!screenshot.empty()) {
+    appOutput["screenshot64"] = screenshot;
+  }
+  return {{"appOutput", appOutput},
+          {"tag", tag},
+          {"options",
+           {{"name", tag},
+            {"ignoreMismatch", ignoreMismatch},
+            {"ignoreMatch", false},
+            {"forceMismatch", false},
+            {"forceMatch", false},
+            {"imageMatchSettings", imageMatchSettings}}}};
+}
+
+// A small screen: a title, a line of text and a button; `word` varies the text.
+inline Image screen(unsigned word = 1, Colour buttonColour = kRed, int buttonTop = 120) {
+  Image image = solid(200, 240);
+  text(image, 20, 20, 120, 16, 100);
+  text(image, 20, 60, 160, 12, word);
+  button(image, 40, buttonTop, 120, 36, buttonColour, 7);
+  return image;
+}
+
+// A server on an ephemeral loopback port with its data in a fresh directory, and a client.
+class ServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { startServer(); }
+  void TearDown() override { stopServer(); }
+
+  void startServer(ServerConfig config = {}) {
+    config.dataDir = dir_.path();
+    server_ = std::make_unique<Server>(std::move(config));
+    server_->start();
+    client_ = std::make_unique<httplib::Client>("127.0.0.1", server_->port());
+  }
+  void stopServer() {
+    client_.reset();
+    if (server_) {
+      server_->stop();
+    }
+    server_.reset();
+  }
+
+  static std::string keyQuery(const std::string& key = std::string(kDemoApiKey)) {
+    return "apiKey=" + key;
+  }
+
+  httplib::Result post(const std::string& path, const Json& body,
+                       const std::string& key = std::string(kDemoApiKey)) {
+    return client_->Post(path + "?" + keyQuery(key), body.dump(), "application/json");
+  }
+
+  httplib::Result startSession(const Json& info) {
+    return post("/api/sessions/running.json", {{"startInfo", info}});
+  }
+
+  // Starts a session and returns its id, checking the status (201 new, 200 with baseline).
+  std::string start(const Json& info, int expectedStatus) {
+    auto res = startSession(info);
+    EXPECT_TRUE(res);
+    if (!res) {
+      return {};
+    }
+    EXPECT_EQ(res->status, expectedStatus) << res->body;
+    return Json::parse(res->body).value("id", "");
+  }
+
+  httplib::Result matchWindow(const std::string& id, const Json& data) {
+    return post("/api/sessions/running/" + id + ".json", data);
+  }
+
+  // Sends one checkpoint and returns asExpected (false on any error answer).
+  bool check(const std::string& id, const Image& image, const std::string& tag,
+             bool ignoreMismatch = false, const Json& imageMatchSettings = settings()) {
+    auto res =
+        matchWindow(id, matchData(screenshot64(image), tag, ignoreMismatch, imageMatchSettings));
+    EXPECT_TRUE(res);
+    if (!res) {
+      return false;
+    }
+    EXPECT_EQ(res->status, 200) << res->body;
+    return Json::parse(res->body).value("asExpected", false);
+  }
+
+  httplib::Result stopSession(const std::string& id, bool aborted, bool update,
+                              const std::string& key = std::string(kDemoApiKey)) {
+    return client_->Delete("/api/sessions/running/" + id + ".json?" + keyQuery(key) + "&aborted=" +
+                           (aborted ? "1" : "0") + "&updateBaseline=" + (update ? "1" : "0"));
+  }
+
+  Json stop(const std::string& id, bool update, bool aborted = false) {
+    auto res = stopSession(id, aborted, update);
+    EXPECT_TRUE(res);
+    if (!res) {
+      return Json::object();
+    }
+    EXPECT_EQ(res->status, 200) << res->body;
+    return Json::parse(res->body);
+  }
+
+  TempDir dir_;
+  std::unique_ptr<Server> server_;
+  std::unique_ptr<httplib::Client> client_;
+};
+
+}  // namespace lumo::server::testing

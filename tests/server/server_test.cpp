@@ -1,0 +1,303 @@
+#include "lumo/server/server.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "server_fixture.h"
+
+namespace lumo::server::testing {
+namespace {
+
+using ServerProtocol = ServerTest;
+
+TEST_F(ServerProtocol, NewTestThenPassingRerunThenDifferenceThenApproval) {
+  const Image home = screen(1), cart = screen(2, kBlue);
+
+  // A new test: 201, every step as expected, saved on request.
+  auto res = startSession(startInfo("Checkout"));
+  ASSERT_TRUE(res);
+  ASSERT_EQ(res->status, 201);
+  const Json started = Json::parse(res->body);
+  const std::string first = started["id"];
+  EXPECT_EQ(started["url"], server_->baseUrl() + "/sessions/" + first);
+  EXPECT_TRUE(check(first, home, "home"));
+  EXPECT_TRUE(check(first, cart, "cart"));
+  Json results = stop(first, true);
+  EXPECT_EQ(results["status"], "Unresolved");
+  EXPECT_EQ(results["isNew"], true);
+  EXPECT_EQ(results["isDifferent"], false);
+  EXPECT_EQ(results["steps"], 2);
+  EXPECT_EQ(results["name"], "Checkout");
+  EXPECT_EQ(results["appName"], "Shop");
+  EXPECT_EQ(results["batchId"], "B1");
+  EXPECT_EQ(results["batchName"], "Nightly");
+  EXPECT_EQ(results["branchName"], "default");
+  EXPECT_EQ(results["hostOS"], "iOS 17.2");
+  EXPECT_EQ(results["hostDisplaySize"]["width"], 200);
+  EXPECT_EQ(results["apiUrls"]["session"], started["url"]);
+  EXPECT_EQ(results["apiUrls"]["batch"], server_->baseUrl() + "/batches/B1");
+  EXPECT_TRUE(results["appUrls"].contains("session"));
+  ASSERT_EQ(results["stepsInfo"].size(), 2u);
+  const Json& step = results["stepsInfo"][1];
+  EXPECT_EQ(step["name"], "cart");
+  EXPECT_EQ(step["hasCurrentImage"], true);
+  EXPECT_EQ(step["hasBaselineImage"], false);
+  // The stored image is the PNG the client sent, served back as PNG.
+  const std::string imageUrl = step["apiUrls"]["currentImage"];
+  auto image = client_->Get(imageUrl.substr(server_->baseUrl().size()));
+  ASSERT_TRUE(image);
+  EXPECT_EQ(image->status, 200);
+  EXPECT_EQ(image->get_header_value("Content-Type"), "image/png");
+  EXPECT_EQ(detail::decodePngImage(image->body), cart);
+
+  // The same screens again: 200 and Passed.
+  const std::string second = start(startInfo("Checkout"), 200);
+  EXPECT_TRUE(check(second, home, "home"));
+  EXPECT_TRUE(check(second, cart, "cart"));
+  results = stop(second, false);
+  EXPECT_EQ(results["status"], "Passed");
+  EXPECT_EQ(results["isNew"], false);
+  EXPECT_EQ(results["matches"], 2);
+  EXPECT_EQ(results["strictMatches"], 2);
+  EXPECT_EQ(results["mismatches"], 0);
+
+  // A changed first screen: retries are not recorded, the last attempt is.
+  const Image changedHome = screen(3);
+  const std::string third = start(startInfo("Checkout"), 200);
+  EXPECT_FALSE(check(third, changedHome, "home", true));
+  EXPECT_FALSE(check(third, changedHome, "home", true));
+  EXPECT_FALSE(check(third, changedHome, "home", false));
+  EXPECT_TRUE(check(third, cart, "cart"));
+  results = stop(third, false);
+  EXPECT_EQ(results["status"], "Unresolved");
+  EXPECT_EQ(results["isNew"], false);
+  EXPECT_EQ(results["isDifferent"], true);
+  EXPECT_EQ(results["steps"], 2);
+  EXPECT_EQ(results["matches"], 1);
+  EXPECT_EQ(results["mismatches"], 1);
+  EXPECT_EQ(results["stepsInfo"][0]["isDifferent"], true);
+  EXPECT_TRUE(results["stepsInfo"][0]["apiUrls"].contains("diffImage"));
+
+  // Not saved: the baseline still has the old screen.
+  const std::string fourth = start(startInfo("Checkout"), 200);
+  EXPECT_FALSE(check(fourth, changedHome, "home"));
+  stop(fourth, false);
+
+  // Approving the differing session makes its images the baseline.
+  res = post("/api/sessions/" + third + "/approve", Json::object());
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 200) << res->body;
+  const std::string fifth = start(startInfo("Checkout"), 200);
+  EXPECT_TRUE(check(fifth, changedHome, "home"));
+  EXPECT_TRUE(check(fifth, cart, "cart"));
+  EXPECT_EQ(stop(fifth, false)["status"], "Passed");
+}
+
+TEST_F(ServerProtocol, DifferingRunSavedWithUpdateBaselineBecomesTheBaseline) {
+  const std::string first = start(startInfo("Profile"), 201);
+  check(first, screen(1), "profile");
+  stop(first, true);
+
+  const std::string second = start(startInfo("Profile"), 200);
+  EXPECT_FALSE(check(second, screen(5), "profile"));
+  EXPECT_EQ(stop(second, true)["status"], "Unresolved");
+
+  const std::string third = start(startInfo("Profile"), 200);
+  EXPECT_TRUE(check(third, screen(5), "profile"));
+  EXPECT_EQ(stop(third, false)["status"], "Passed");
+}
+
+TEST_F(ServerProtocol, ANewTestNotSavedStaysNew) {
+  const std::string first = start(startInfo("Settings"), 201);
+  EXPECT_TRUE(check(first, screen(1), "settings"));
+  EXPECT_EQ(stop(first, false)["status"], "Unresolved");
+  start(startInfo("Settings"), 201);
+}
+
+TEST_F(ServerProtocol, MissingAndExtraStepsLeaveTheTestUnresolved) {
+  const std::string first = start(startInfo("Search"), 201);
+  check(first, screen(1), "one");
+  check(first, screen(2), "two");
+  stop(first, true);
+
+  const std::string shorter = start(startInfo("Search"), 200);
+  EXPECT_TRUE(check(shorter, screen(1), "one"));
+  Json results = stop(shorter, false);
+  EXPECT_EQ(results["status"], "Unresolved");
+  EXPECT_EQ(results["missing"], 1);
+  EXPECT_EQ(results["steps"], 2);
+  EXPECT_EQ(results["stepsInfo"][1]["hasBaselineImage"], true);
+  EXPECT_EQ(results["stepsInfo"][1]["hasCurrentImage"], false);
+
+  const std::string longer = start(startInfo("Search"), 200);
+  EXPECT_TRUE(check(longer, screen(1), "one"));
+  EXPECT_TRUE(check(longer, screen(2), "two"));
+  EXPECT_TRUE(check(longer, screen(3), "three"));  // nothing to compare with yet
+  results = stop(longer, false);
+  EXPECT_EQ(results["status"], "Unresolved");
+  EXPECT_EQ(results["isDifferent"], true);
+  EXPECT_EQ(results["matches"], 2);
+}
+
+TEST_F(ServerProtocol, AStepWithoutAScreenshotFailsTheTest) {
+  const std::string id = start(startInfo("Broken"), 201);
+  auto res = matchWindow(id, matchData("", "empty"));
+  ASSERT_TRUE(res);
+  EXPECT_EQ(Json::parse(res->body)["asExpected"], false);
+  const Json results = stop(id, true);
+  EXPECT_EQ(results["status"], "Failed");
+  start(startInfo("Broken"), 201);  // a failed test saves nothing
+}
+
+TEST_F(ServerProtocol, AnAbortedSessionSavesNothing) {
+  const std::string id = start(startInfo("Aborted"), 201);
+  check(id, screen(1), "one");
+  const Json results = stop(id, true, true);
+  EXPECT_EQ(results["isAborted"], true);
+  start(startInfo("Aborted"), 201);
+  auto res = post("/api/sessions/" + id + "/approve", Json::object());
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 409);
+}
+
+TEST_F(ServerProtocol, ABranchWithoutABaselineUsesTheDefaultBranchs) {
+  const std::string base = start(startInfo("Cart"), 201);
+  check(base, screen(1), "cart");
+  stop(base, true);
+
+  // The feature branch compares with the default branch's baseline and saves its own.
+  const std::string feature = start(startInfo("Cart", "feature"), 200);
+  EXPECT_TRUE(check(feature, screen(1), "cart", true));
+  EXPECT_EQ(stop(feature, false)["status"], "Passed");
+  const std::string changed = start(startInfo("Cart", "feature"), 200);
+  EXPECT_FALSE(check(changed, screen(4), "cart"));
+  EXPECT_EQ(stop(changed, true)["branchName"], "feature");
+
+  const std::string onFeature = start(startInfo("Cart", "feature"), 200);
+  EXPECT_TRUE(check(onFeature, screen(4), "cart"));
+  stop(onFeature, false);
+  const std::string onDefault = start(startInfo("Cart"), 200);
+  EXPECT_TRUE(check(onDefault, screen(1), "cart"));
+  stop(onDefault, false);
+  // Another branch still falls back to the default one, not to the feature branch.
+  const std::string other = start(startInfo("Cart", "other"), 200);
+  EXPECT_TRUE(check(other, screen(1), "cart"));
+  stop(other, false);
+}
+
+TEST_F(ServerProtocol, TheEnvironmentIsTheBaselineEnvNameOrTheDeviceItRunsOn) {
+  const std::string first = start(startInfo("Home", "", "phones"), 201);
+  check(first, screen(1), "home");
+  stop(first, true);
+
+  Json otherDevice = startInfo("Home", "", "phones");
+  otherDevice["environment"]["DeviceInfo"] = "Pixel 8";
+  start(otherDevice, 200);
+
+  const std::string plain = start(startInfo("Home"), 201);
+  check(plain, screen(1), "home");
+  stop(plain, true);
+  Json otherSize = startInfo("Home");
+  otherSize["environment"]["displaySize"]["width"] = 390;
+  start(otherSize, 201);
+  Json otherOs = startInfo("Home");
+  otherOs["environment"]["OSInfo"] = "iOS 18";
+  start(otherOs, 201);
+  start(startInfo("Home"), 200);
+}
+
+TEST_F(ServerProtocol, MatchSettingsOfEachStepAreApplied) {
+  const std::string first = start(startInfo("Regions"), 201);
+  check(first, screen(1, kRed), "screen");
+  stop(first, true);
+
+  const std::string id = start(startInfo("Regions"), 200);
+  EXPECT_FALSE(check(id, screen(2, kBlue), "screen", true));
+  Json ignoring = settings("Content");
+  ignoring["Ignore"] = {{{"left", 10}, {"top", 55}, {"width", 180}, {"height", 25}}};
+  EXPECT_FALSE(check(id, screen(2, kBlue), "screen", true, settings("Content")));
+  EXPECT_TRUE(check(id, screen(2, kBlue), "screen", true, ignoring));
+  const Json results = stop(id, false);
+  EXPECT_EQ(results["contentMatches"], 1);
+  EXPECT_EQ(results["matches"], 1);
+  EXPECT_EQ(results["steps"], 1);
+
+  const std::string layout = start(startInfo("Regions"), 200);
+  EXPECT_TRUE(check(layout, screen(2, kBlue), "screen", true, settings("Layout")));
+  EXPECT_EQ(stop(layout, false)["layoutMatches"], 1);
+
+  const std::string floating = start(startInfo("Regions"), 200);
+  Json moving = settings("Strict");
+  moving["Floating"] = {{{"left", 36},
+                         {"top", 116},
+                         {"width", 128},
+                         {"height", 44},
+                         {"maxUpOffset", 10},
+                         {"maxDownOffset", 10},
+                         {"maxLeftOffset", 0},
+                         {"maxRightOffset", 0}}};
+  EXPECT_FALSE(check(floating, screen(1, kRed, 126), "screen", true));
+  EXPECT_TRUE(check(floating, screen(1, kRed, 126), "screen", true, moving));
+  EXPECT_EQ(stop(floating, false)["status"], "Passed");
+}
+
+TEST_F(ServerProtocol, BaselinesSurviveARestart) {
+  const std::string first = start(startInfo("Durable"), 201);
+  check(first, screen(1), "one");
+  stop(first, true);
+  stopServer();
+
+  startServer();
+  const std::string second = start(startInfo("Durable"), 200);
+  EXPECT_TRUE(check(second, screen(1), "one"));
+  EXPECT_EQ(stop(second, false)["status"], "Passed");
+  // The results of the session before the restart are still there.
+  auto res = client_->Get("/api/sessions/" + first + ".json?" + keyQuery());
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 200);
+  EXPECT_EQ(Json::parse(res->body)["isNew"], true);
+}
+
+TEST_F(ServerProtocol, ConcurrentSessionsDoNotDisturbOneAnother) {
+  constexpr int kTests = 4;
+  for (int t = 0; t < kTests; ++t) {
+    const std::string id = start(startInfo("Parallel " + std::to_string(t)), 201);
+    check(id, screen(t), "a");
+    check(id, screen(t + 10), "b");
+    stop(id, true);
+  }
+  std::vector<std::thread> runners;
+  std::vector<Json> results(kTests);
+  for (int t = 0; t < kTests; ++t) {
+    runners.emplace_back([&, t] {
+      httplib::Client client("127.0.0.1", server_->port());
+      const std::string query = "?" + keyQuery();
+      auto res = client.Post("/api/sessions/running.json" + query,
+                             Json{{"startInfo", startInfo("Parallel " + std::to_string(t))}}.dump(),
+                             "application/json");
+      const std::string id = Json::parse(res->body)["id"];
+      // Odd tests send their screens swapped: both steps differ.
+      const bool swap = t % 2 == 1;
+      for (unsigned step = 0; step < 2; ++step) {
+        const unsigned word = (step == 0) != swap ? t : t + 10;
+        client.Post("/api/sessions/running/" + id + ".json" + query,
+                    matchData(screenshot64(screen(word)), "step").dump(), "application/json");
+      }
+      res = client.Delete("/api/sessions/running/" + id + ".json" + query +
+                          "&aborted=0&updateBaseline=0");
+      results[t] = Json::parse(res->body);
+    });
+  }
+  for (auto& runner : runners) {
+    runner.join();
+  }
+  for (int t = 0; t < kTests; ++t) {
+    EXPECT_EQ(results[t]["name"], "Parallel " + std::to_string(t));
+    EXPECT_EQ(results[t]["status"], t % 2 == 1 ? "Unresolved" : "Passed") << t;
+    EXPECT_EQ(results[t]["matches"], t % 2 == 1 ? 0 : 2) << t;
+  }
+}
+
+}  // namespace
+}  // namespace lumo::server::testing
