@@ -9,7 +9,6 @@
 namespace lumo::server::detail {
 
 std::optional<std::string> decodeBase64(std::string_view text) {
-  // TEMPORARY until lumo/base64.h lands.
   std::string clean;
   for (char c : text) {
     if (c != '\r' && c != '\n') {
@@ -51,7 +50,6 @@ std::optional<std::pair<std::uint32_t, std::uint32_t>> pngSize(std::string_view 
 }
 
 std::optional<Image> decodePngImage(std::string_view png) {
-  // TEMPORARY until lumo/png.h lands.
   png_image image{};
   image.version = PNG_IMAGE_VERSION;
   if (!png_image_begin_read_from_memory(&image, png.data(), png.size())) {
@@ -67,7 +65,6 @@ std::optional<Image> decodePngImage(std::string_view png) {
 }
 
 std::string encodePngImage(const Image& source) {
-  // TEMPORARY until lumo/png.h lands.
   png_image image{};
   image.version = PNG_IMAGE_VERSION;
   image.width = static_cast<png_uint_32>(source.width());
