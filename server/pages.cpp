@@ -37,7 +37,8 @@ std::string statusText(const SessionRecord& s) {
   if (s.state == "aborted") {
     return "Aborted";
   }
-  return s.saved ? s.status + ", saved as baseline" : s.status;
+  const std::string status = s.isNew && s.status == "Unresolved" ? "New" : s.status;
+  return s.saved ? status + ", saved as baseline" : status;
 }
 
 std::string statusClass(const SessionRecord& s) {
