@@ -99,12 +99,17 @@ class BaselineStore {
 
   // Records a batch the first time its id is seen; later calls keep the first record.
   void addBatch(const BatchRecord& batch);
+  // Records a new session; its id must be unused. Throws StoreError.
   void addSession(const SessionRecord& session);
+  // Records one step of a session; a position is recorded once. Throws StoreError.
   void addStep(const std::string& sessionId, const StepRecord& step);
+  // Sets the state, status and duration of a session that ends. Throws StoreError.
   void finishSession(const std::string& sessionId, const std::string& state,
                      const std::string& status, std::int64_t durationMs);
 
+  // Lookups; nullopt or an empty list when nothing matches.
   std::optional<SessionRecord> findSession(const std::string& id) const;
+  // A session's steps in position order.
   std::vector<StepRecord> steps(const std::string& sessionId) const;
   std::optional<BatchRecord> findBatch(const std::string& id) const;
   // The most recently created batches first.
@@ -112,6 +117,7 @@ class BaselineStore {
   // A batch's sessions, earliest first.
   std::vector<SessionRecord> sessionsOfBatch(const std::string& batchId) const;
 
+  // The directory given at construction.
   const std::filesystem::path& dataDir() const { return dataDir_; }
 
  private:

@@ -95,6 +95,7 @@ class ImageComparer {
   Image diffImage(const Image& baseline, const Image& current, const CompareSettings& settings,
                   const CompareResult& result) const;
 
+  // The options given at construction.
   const ComparerOptions& options() const { return options_; }
 
  private:

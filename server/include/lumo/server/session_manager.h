@@ -69,6 +69,7 @@ class SessionManager {
   // The test results of a stopped session, as stop answered them (with later approval).
   Json results(const std::string& sessionId, std::string_view baseUrl) const;
 
+  // The store given at construction.
   BaselineStore& store() const { return store_; }
 
  private:
