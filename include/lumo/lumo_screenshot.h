@@ -1,0 +1,47 @@
+#pragma once
+
+#include <memory>
+
+#include "lumo/geometry.h"
+#include "lumo/image.h"
+#include "lumo/image_cropper.h"
+#include "lumo/region.h"
+
+namespace lumo {
+
+// One captured screen with the edits a checkpoint makes before encoding: crop to the check's
+// region, cut the status bar off, downscale. The crops replace the image in place (the image
+// objects themselves are never changed); cropping needs a cropper, which a capturing subclass
+// supplies. Held as std::shared_ptr<LumoScreenshot>; used on the test thread.
+class LumoScreenshot {
+ public:
+  explicit LumoScreenshot(ImagePtr image) : image_(std::move(image)) {}
+  virtual ~LumoScreenshot() = default;
+
+  const ImagePtr& image() const { return image_; }
+  // The image's width and height; zero without an image.
+  Size size() const;
+
+  // Keeps only the part under `region` (given in points; scaled by `scale` to the image's
+  // pixels, truncating). A region partly outside is clipped silently; one that misses the
+  // image throws OutOfBoundsException and leaves the image as it was.
+  void cropRegion(const Region& region, double scale);
+  // Cuts `height` points (times `scale` pixels) off the top. Unchecked: a cut taller than the
+  // image reaches the cropper as a negative height and gives an empty image.
+  void cropStatusBarWithHeight(double height, double scale);
+
+  // The image to send, brought from pixels to points: a subclass's hook. The base keeps the
+  // size and returns a new screenshot holding the same image object.
+  virtual std::shared_ptr<LumoScreenshot> downscale(double scale);
+
+ protected:
+  // The cropper the crops use; none here, so crops leave no image.
+  virtual std::shared_ptr<const ImageCropper> imageCropper() const { return nullptr; }
+
+ private:
+  void replaceWithCrop(const Region& region);
+
+  ImagePtr image_;
+};
+
+}  // namespace lumo

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <stdexcept>
+#include <vector>
+
+#include "lumo/image.h"
+
+namespace lumo {
+
+// Raised for PNG data that cannot be decoded; the message says what is wrong.
+class PngError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+inline constexpr std::uint64_t kDefaultMaxPngPixels = 100'000'000;
+
+// Encodes a standard 8-bit PNG: RGB when every pixel is opaque, RGBA otherwise. Tuned for
+// screenshots (flat areas, text): the checkpoint's hot path.
+std::vector<std::uint8_t> encodePng(const Image& image);
+
+// Decodes any valid PNG (palette, grey, 16-bit, interlaced, transparency) to RGBA. Throws
+// PngError for corrupt or truncated data and for images of more than `maxPixels` pixels.
+Image decodePng(std::span<const std::uint8_t> bytes,
+                std::uint64_t maxPixels = kDefaultMaxPngPixels);
+
+}  // namespace lumo

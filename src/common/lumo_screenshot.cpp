@@ -1,0 +1,37 @@
+#include "lumo/lumo_screenshot.h"
+
+#include "lumo/argument_guard.h"
+#include "lumo/out_of_bounds_exception.h"
+
+namespace lumo {
+
+Size LumoScreenshot::size() const {
+  if (!image_) return {};
+  return {static_cast<double>(image_->width()), static_cast<double>(image_->height())};
+}
+
+void LumoScreenshot::cropRegion(const Region& region, double scale) {
+  const Region scaled = Region::scaledRegionFromRegion(region, scale);
+  const Size bounds = size();
+  const Region imageBounds(Rect(0, 0, bounds.width, bounds.height));
+  const Region clipped = Region::intersectionBetweenRegion(scaled, imageBounds);
+  if (clipped.isEmpty()) throw OutOfBoundsException(scaled, imageBounds);
+  replaceWithCrop(clipped);
+}
+
+void LumoScreenshot::cropStatusBarWithHeight(double height, double scale) {
+  const double cut = height * scale;
+  const Size bounds = size();
+  replaceWithCrop(Region(Rect(0, cut, bounds.width, bounds.height - cut)));
+}
+
+std::shared_ptr<LumoScreenshot> LumoScreenshot::downscale(double /*scale*/) {
+  return std::make_shared<LumoScreenshot>(image_);
+}
+
+void LumoScreenshot::replaceWithCrop(const Region& region) {
+  auto cropper = imageCropper();
+  image_ = cropper ? cropper->cropRegion(region, image_) : nullptr;
+}
+
+}  // namespace lumo

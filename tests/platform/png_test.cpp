@@ -1,0 +1,157 @@
+#include "lumo/png.h"
+
+#include <gtest/gtest.h>
+#include <png.h>
+
+#include <random>
+
+namespace lumo {
+namespace {
+
+Image pattern(int width, int height, bool translucent) {
+  Image image(width, height);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      std::uint8_t* p = image.row(y) + x * 4;
+      p[0] = static_cast<std::uint8_t>(x * 7 + y);
+      p[1] = static_cast<std::uint8_t>(y * 3);
+      p[2] = static_cast<std::uint8_t>((x ^ y) & 0xff);
+      p[3] = translucent ? static_cast<std::uint8_t>(x + y * 5) : 0xff;
+    }
+  }
+  return image;
+}
+
+// A PNG written by libpng's own writer with the given layout; `rows` hold raw samples.
+std::vector<std::uint8_t> libpngWrite(int width, int height, int colorType, int bitDepth,
+                                      int interlace, std::vector<std::vector<std::uint8_t>> rows,
+                                      std::vector<png_color> palette = {},
+                                      std::vector<png_byte> transparency = {}) {
+  std::vector<std::uint8_t> out;
+  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+  png_infop info = png_create_info_struct(png);
+  png_set_write_fn(
+      png, &out,
+      [](png_structp p, png_bytep data, png_size_t n) {
+        auto* sink = static_cast<std::vector<std::uint8_t>*>(png_get_io_ptr(p));
+        sink->insert(sink->end(), data, data + n);
+      },
+      nullptr);
+  png_set_IHDR(png, info, width, height, bitDepth, colorType, interlace,
+               PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+  if (!palette.empty()) png_set_PLTE(png, info, palette.data(), static_cast<int>(palette.size()));
+  if (!transparency.empty()) {
+    png_set_tRNS(png, info, transparency.data(), static_cast<int>(transparency.size()), nullptr);
+  }
+  png_write_info(png, info);
+  std::vector<png_bytep> pointers;
+  for (auto& row : rows) pointers.push_back(row.data());
+  png_write_image(png, pointers.data());
+  png_write_end(png, nullptr);
+  png_destroy_write_struct(&png, &info);
+  return out;
+}
+
+TEST(Png, RoundTripsOpaqueTranslucentOddAndExtremeSizes) {
+  for (auto [width, height] : {std::pair{1, 1}, {3, 5}, {17, 9}, {4000, 2}, {2, 700}}) {
+    for (bool translucent : {false, true}) {
+      const Image image = pattern(width, height, translucent);
+      EXPECT_EQ(decodePng(encodePng(image)), image) << width << "x" << height;
+    }
+  }
+}
+
+TEST(Png, OpaqueImagesAreWrittenAsRgb) {
+  const auto png = encodePng(pattern(8, 8, false));
+  EXPECT_EQ(png[25], 2) << "colour type in IHDR";
+  EXPECT_EQ(encodePng(pattern(8, 8, true))[25], 6);
+}
+
+TEST(Png, OurOutputIsReadByLibpng) {
+  const Image image = pattern(31, 13, true);
+  const auto ours = encodePng(image);
+  png_image in{};
+  in.version = PNG_IMAGE_VERSION;
+  ASSERT_TRUE(png_image_begin_read_from_memory(&in, ours.data(), ours.size()));
+  in.format = PNG_FORMAT_RGBA;
+  std::vector<std::uint8_t> pixels(PNG_IMAGE_SIZE(in));
+  ASSERT_TRUE(png_image_finish_read(&in, nullptr, pixels.data(), 0, nullptr));
+  EXPECT_EQ(pixels, image.pixels());
+}
+
+TEST(Png, DecodesGreyPalette16BitAndInterlacedToRgba) {
+  const Image expected(3, 2, {0,   0,   0,   255, 50,  50,  50,  255, 100, 100, 100, 255,
+                              150, 150, 150, 255, 200, 200, 200, 255, 250, 250, 250, 255});
+  EXPECT_EQ(decodePng(libpngWrite(3, 2, PNG_COLOR_TYPE_GRAY, 8, PNG_INTERLACE_NONE,
+                                  {{0, 50, 100}, {150, 200, 250}})),
+            expected);
+  EXPECT_EQ(decodePng(libpngWrite(3, 2, PNG_COLOR_TYPE_GRAY, 16, PNG_INTERLACE_ADAM7,
+                                  {{0, 1, 50, 2, 100, 3}, {150, 4, 200, 5, 250, 6}})),
+            expected)
+      << "16-bit samples keep their high byte";
+
+  const Image paletted(2, 1, {10, 20, 30, 255, 40, 50, 60, 128});
+  EXPECT_EQ(decodePng(libpngWrite(2, 1, PNG_COLOR_TYPE_PALETTE, 8, PNG_INTERLACE_NONE, {{0, 1}},
+                                  {{10, 20, 30}, {40, 50, 60}}, {255, 128})),
+            paletted);
+
+  const Image image = pattern(9, 11, true);
+  std::vector<std::vector<std::uint8_t>> rows;
+  for (int y = 0; y < image.height(); ++y) {
+    rows.emplace_back(image.row(y), image.row(y) + image.stride());
+  }
+  EXPECT_EQ(decodePng(libpngWrite(9, 11, PNG_COLOR_TYPE_RGBA, 8, PNG_INTERLACE_ADAM7, rows)),
+            image);
+}
+
+TEST(Png, RefusesCorruptTruncatedAndOversizedData) {
+  auto png = encodePng(pattern(20, 20, false));
+  EXPECT_THROW(decodePng(std::vector<std::uint8_t>{1, 2, 3}), PngError);
+  EXPECT_THROW(decodePng(std::span(png).first(png.size() / 2)), PngError);
+  auto badCrc = png;
+  badCrc[30] ^= 0xff;  // inside IHDR's data: its CRC no longer matches
+  EXPECT_THROW(decodePng(badCrc), PngError);
+  EXPECT_THROW(decodePng(png, 399), PngError);
+  try {
+    decodePng(png, 10);
+  } catch (const PngError& e) {
+    EXPECT_NE(std::string(e.what()).find("limit"), std::string::npos) << e.what();
+  }
+  auto absurd = png;
+  absurd[16] = 0x7f;  // width of two billion pixels
+  EXPECT_THROW(decodePng(absurd), PngError);
+  EXPECT_THROW(encodePng(Image()), PngError);
+}
+
+TEST(Png, SurvivesHundredsOfMutatedFiles) {
+  const auto png = encodePng(pattern(24, 16, true));
+  std::mt19937 random(42);
+  int decoded = 0;
+  for (int round = 0; round < 400; ++round) {
+    auto mutated = png;
+    const int edits = 1 + round % 8;
+    for (int e = 0; e < edits; ++e) {
+      const std::size_t at = random() % mutated.size();
+      switch (random() % 3) {
+        case 0:
+          mutated[at] = static_cast<std::uint8_t>(random());
+          break;
+        case 1:
+          mutated.resize(std::max<std::size_t>(at, 8));
+          break;
+        default:
+          mutated.insert(mutated.begin() + at, static_cast<std::uint8_t>(random()));
+      }
+    }
+    try {
+      Image image = decodePng(mutated);
+      EXPECT_EQ(image.pixels().size(), std::size_t(image.width()) * image.height() * 4);
+      ++decoded;
+    } catch (const PngError&) {
+    }
+  }
+  EXPECT_LT(decoded, 400);
+}
+
+}  // namespace
+}  // namespace lumo
