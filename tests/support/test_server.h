@@ -106,6 +106,24 @@ class TestServer {
   bool stopping_ = false;
 };
 
+// A port on 127.0.0.1 where connecting is refused: bound for the object's lifetime, never
+// listening, so no other server can take it meanwhile.
+class RefusingPort {
+ public:
+  RefusingPort();
+  ~RefusingPort();
+  RefusingPort(const RefusingPort&) = delete;
+  RefusingPort& operator=(const RefusingPort&) = delete;
+
+  int port() const { return port_; }
+  // "http://127.0.0.1:<port>".
+  std::string baseURL() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+ private:
+  int socket_ = -1;
+  int port_ = 0;
+};
+
 // Fixture: a plain HTTP TestServer started in SetUp and stopped in TearDown.
 class TestServerFixture : public ::testing::Test {
  protected:
