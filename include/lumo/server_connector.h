@@ -70,7 +70,8 @@ class ServerConnector {
 
   // POST {serverURL}/api/sessions/running/{sessionId}.json?apiKey={key} with the match data as
   // the whole body; logs "Match window URL: <url>". A nil session or match data fails the
-  // argument guard ("runningSession is nil", "matchData is nil"); nothing is sent.
+  // argument guard ("runningSession is nil", "matchData is nil"); nothing is sent. Throws as
+  // MatchWindowData::dictionary does, before anything is sent.
   void matchWindowForSession(const std::shared_ptr<RunningSession>& runningSession,
                              const std::shared_ptr<MatchWindowData>& matchData,
                              CompletionHandler<MatchResult> completionHandler);
