@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "lumo/image.h"
+#include "lumo/png.h"
 
 // The server's use of the project's PNG and base64 codecs, with the checks the server adds:
 // line breaks inside base64 and a pixel limit read from the PNG header before decoding.
@@ -17,8 +18,10 @@ std::optional<std::string> decodeBase64(std::string_view text);
 // Width and height from a PNG's header; nullopt when the bytes do not start like a PNG.
 std::optional<std::pair<std::uint32_t, std::uint32_t>> pngSize(std::string_view png);
 
-// The decoded image; nullopt when the bytes are not a valid PNG.
-std::optional<Image> decodePngImage(std::string_view png);
+// The decoded image; nullopt when the bytes are not a valid PNG or hold more than
+// `maxPixels` pixels.
+std::optional<Image> decodePngImage(std::string_view png,
+                                    std::uint64_t maxPixels = kDefaultMaxPngPixels);
 
 std::string encodePngImage(const Image& image);
 

@@ -487,7 +487,7 @@ bool SessionManager::match(const std::string& sessionId, const Json& matchData) 
       throw ApiError(413, fmt::format("the screenshot of {}x{} pixels is over the limit of {}",
                                       size->first, size->second, maxImagePixels_));
     }
-    current = detail::decodePngImage(*png);
+    current = detail::decodePngImage(*png, maxImagePixels_);
     if (!current) {
       badRequest("appOutput.screenshot64 is not a valid PNG image");
     }

@@ -2,13 +2,14 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <openssl/evp.h>
 
 #include <memory>
 #include <string>
 
 #include "image_codec.h"
+#include "lumo/base64.h"
 #include "lumo/json.h"
+#include "lumo/png.h"
 #include "lumo/server/server.h"
 #include "temp_dir.h"
 #include "test_images.h"
@@ -16,22 +17,7 @@
 namespace lumo::server::testing {
 
 // The screenshot as the client sends it: PNG in base64 with CR LF after every 64 characters.
-inline std::string screenshot64(const Image& image) {
-  const std::string png = detail::encodePngImage(image);
-  std::string text(4 * ((png.size() + 2) / 3) + 1, '\0');
-  const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
-                                reinterpret_cast<const unsigned char*>(png.data()),
-                                static_cast<int>(png.size()));
-  text.resize(static_cast<std::size_t>(n));
-  std::string lines;
-  for (std::size_t i = 0; i < text.size(); i += 64) {
-    lines += text.substr(i, 64);
-    if (i + 64 < text.size()) {
-      lines += "\r\n";
-    }
-  }
-  return lines;
-}
+inline std::string screenshot64(const Image& image) { return base64Encode(encodePng(image)); }
 
 // A start record as the client writes it.
 inline Json startInfo(const std::string& test, const std::string& branch = "",
