@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace lumo {
 
@@ -9,13 +10,15 @@ ImagePtr PixelCropper::cropRegion(const Region& region, const ImagePtr& image) c
   if (!image || region.width() <= 0 || region.height() <= 0) {
     return std::make_shared<const Image>();
   }
-  // Clip in 64-bit before narrowing: regions may lie far outside the image.
-  const std::int64_t left = std::clamp<std::int64_t>(region.left(), 0, image->width());
-  const std::int64_t top = std::clamp<std::int64_t>(region.top(), 0, image->height());
-  const std::int64_t right =
-      std::clamp<std::int64_t>(region.left() + region.width(), left, image->width());
-  const std::int64_t bottom =
-      std::clamp<std::int64_t>(region.top() + region.height(), top, image->height());
+  // Clip in 64 bits before narrowing; the far edge saturates, since a region may lie
+  // anywhere (width and height are positive here, so the subtractions cannot overflow).
+  auto clip = [](std::int64_t start, std::int64_t length, std::int64_t limit) {
+    const std::int64_t end = start > limit - length ? limit : start + length;
+    const std::int64_t first = std::clamp<std::int64_t>(start, 0, limit);
+    return std::pair{first, std::clamp<std::int64_t>(end, first, limit)};
+  };
+  const auto [left, right] = clip(region.left(), region.width(), image->width());
+  const auto [top, bottom] = clip(region.top(), region.height(), image->height());
   Image cropped(static_cast<int>(right - left), static_cast<int>(bottom - top));
   if (cropped.empty()) return std::make_shared<const Image>();
   for (int y = 0; y < cropped.height(); ++y) {
