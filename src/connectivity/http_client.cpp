@@ -33,10 +33,14 @@ Error curlError(CURLcode code, std::string_view detail) {
   return Error(HttpClient::kErrorDomain, code, std::move(description));
 }
 
-// curl's own text of a failed transfer, with the system's reason when it left that out
-// ("Couldn't connect to server" does not say the connection was refused).
-Error transferError(CURLcode code, const char* errorBuffer, long osErrno) {
-  std::string description = *errorBuffer != '\0' ? errorBuffer : curl_easy_strerror(code);
+// Which request failed, then curl's own text, with the system's reason when it left that out
+// ("Couldn't connect to server" does not say the connection was refused). The URL is shown
+// without its query, which carries the API key.
+Error transferError(const HttpRequest& request, CURLcode code, const char* errorBuffer,
+                    long osErrno) {
+  const std::string_view url = std::string_view(request.url).substr(0, request.url.find('?'));
+  std::string description = request.httpMethod + " " + std::string(url) + " failed: ";
+  description += *errorBuffer != '\0' ? errorBuffer : curl_easy_strerror(code);
   const bool socketFailure =
       code == CURLE_COULDNT_CONNECT || code == CURLE_SEND_ERROR || code == CURLE_RECV_ERROR;
   if (socketFailure && osErrno != 0) {
@@ -256,7 +260,7 @@ void HttpClient::run(const std::shared_ptr<State>& state) {
     } else {
       long osErrno = 0;
       curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &osErrno);
-      error = transferError(result, transfer->errorBuffer, osErrno);
+      error = transferError(transfer->request, result, transfer->errorBuffer, osErrno);
     }
     if (spare.size() < kSpareHandles) {
       curl_easy_reset(easy);
