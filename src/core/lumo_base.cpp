@@ -1,0 +1,575 @@
+#include "lumo/lumo_base.h"
+
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <mutex>
+#include <utility>
+
+#include "lumo/app_environment.h"
+#include "lumo/app_output.h"
+#include "lumo/app_output_with_screenshot.h"
+#include "lumo/argument_guard.h"
+#include "lumo/base64.h"
+#include "lumo/batch_info.h"
+#include "lumo/check_settings_internal_protocol.h"
+#include "lumo/diffs_found_exception.h"
+#include "lumo/environment_helper.h"
+#include "lumo/error_builder.h"
+#include "lumo/exception.h"
+#include "lumo/expectation.h"
+#include "lumo/logger.h"
+#include "lumo/lumo_exception.h"
+#include "lumo/lumo_screenshot.h"
+#include "lumo/match_result.h"
+#include "lumo/match_window_task.h"
+#include "lumo/new_test_exception.h"
+#include "lumo/png.h"
+#include "lumo/property_handler_protocol.h"
+#include "lumo/rectangle_size.h"
+#include "lumo/region_filter.h"
+#include "lumo/region_provider_protocol.h"
+#include "lumo/running_session.h"
+#include "lumo/server_connector.h"
+#include "lumo/session_start_info.h"
+#include "lumo/simple_property_handler.h"
+#include "lumo/start_session_property.h"
+#include "lumo/test_failed_exception.h"
+#include "lumo/test_results.h"
+#include "lumo/version.h"
+#include "lumo/waiter.h"
+#include "pending_call.h"
+
+namespace lumo {
+namespace {
+
+constexpr const char* kTimeOutReason = "--- Time-out exception";
+constexpr std::uint64_t kMinimumMatchTimeout = 2;
+
+bool isEmpty(const std::optional<std::string>& text) { return !text || text->empty(); }
+
+// The property when set, else the environment variable: the configuration always wins.
+std::optional<std::string> propertyOrEnvironment(const std::optional<std::string>& property,
+                                                 const char* variable) {
+  return isEmpty(property) ? EnvironmentHelper::environmentVariableForKey(variable) : property;
+}
+
+// Versions of the bundles this process knows by identifier; the library is its own bundle.
+std::optional<std::string> bundleShortVersionString(const std::string& identifier) {
+  if (identifier == "com.brixtel.lumo") return kVersion;
+  return std::nullopt;
+}
+
+}  // namespace
+
+struct LumoBase::SharedState {
+  std::mutex mutex;
+  std::shared_ptr<RunningSession> runningSession;
+  std::shared_ptr<TestResults> testResult;
+  std::shared_ptr<LumoScreenshot> lastScreenshot;
+  std::shared_ptr<MatchResult> matchResult;
+  bool shouldMatchWindowRunOnceOnTimeout = false;
+};
+
+LumoBase::LumoBase(std::string serverURL)
+    : serverURL_(std::move(serverURL)),
+      defaultMatchSettings_(
+          std::make_shared<ImageMatchSettings>(ImageMatchSettings::defaultImageMatchSettings())),
+      sessionStartInfo_(std::make_shared<SessionStartInfo>()),
+      shared_(std::make_shared<SharedState>()) {
+  auto handler = std::make_shared<SimplePropertyHandler>();
+  handler->setProperty(nullptr);
+  viewportSizeHandler_ = std::move(handler);
+}
+
+LumoBase::~LumoBase() = default;
+
+std::string LumoBase::defaultServerURL() { return "https://lumo.brixtel.com"; }
+
+void LumoBase::setBaselineEnvName(const std::optional<std::string>& name) {
+  if (isEmpty(name)) {
+    baselineEnvName_.reset();
+    return;
+  }
+  std::string stripped = *name;
+  std::erase(stripped, ' ');
+  baselineEnvName_ = std::move(stripped);
+}
+
+void LumoBase::setMatchTimeout(std::uint64_t seconds) {
+  if (seconds != 0 && seconds < kMinimumMatchTimeout) {
+    // The reason quotes the rejected value, not the minimum; callers have come to expect "> 1".
+    throw illegalArgumentException(
+        fmt::format("Match timeout must be set in seconds, and must be > {}", seconds));
+  }
+  matchTimeout_ = seconds;
+}
+
+MatchLevel LumoBase::matchLevel() const { return defaultMatchSettings_->matchLevel(); }
+void LumoBase::setMatchLevel(MatchLevel matchLevel) {
+  defaultMatchSettings_->setMatchLevel(matchLevel);
+}
+bool LumoBase::ignoreCaret() const { return defaultMatchSettings_->ignoreCaret(); }
+void LumoBase::setIgnoreCaret(bool ignoreCaret) {
+  defaultMatchSettings_->setIgnoreCaret(ignoreCaret);
+}
+
+void LumoBase::setWaitPolicy(std::shared_ptr<const WaitPolicy> policy) {
+  waitPolicy_ = policy ? std::move(policy) : WaitPolicy::standard();
+}
+
+void LumoBase::addProperty(const std::optional<std::string>& name,
+                           const std::optional<std::string>& value) {
+  ArgumentGuard::notNilOrEmpty(name, "property name");
+  ArgumentGuard::notNilOrEmpty(value, "property value");
+  sessionStartInfo_->addProperty(StartSessionProperty(*name, *value));
+}
+
+std::string LumoBase::getBaseAgentId() const {
+  return fmt::format("{}/{}", sdkName(),
+                     textOrNull(bundleShortVersionString(sdkBundleIdentifier())));
+}
+
+std::string LumoBase::getFullAgentId() const {
+  if (agentId_) return fmt::format("{} [{}]", *agentId_, getBaseAgentId());
+  return getBaseAgentId();
+}
+
+std::string LumoBase::title() const { return "Base title"; }
+
+std::shared_ptr<AppEnvironment> LumoBase::appEnvironment() const {
+  Size viewport;
+  if (auto size = viewportSizeHandler_->property<RectangleSize>()) {
+    viewport = Size{size->width(), size->height()};
+  }
+  return std::make_shared<AppEnvironment>(
+      isEmpty(osInfo_) ? getOSInfo() : *osInfo_,
+      isEmpty(hostingAppInfo_) ? getHostingAppInfo() : *hostingAppInfo_,
+      isEmpty(deviceInfo_) ? getDeviceInfo() : *deviceInfo_, viewport);
+}
+
+std::string LumoBase::getOSInfo() const {
+  utsname name{};
+  if (uname(&name) != 0) return "Unknown OS";
+  return fmt::format("{} {}", name.sysname, name.release);
+}
+
+std::string LumoBase::getHostingAppInfo() const { return "Test app"; }
+
+std::string LumoBase::getDeviceInfo() const {
+  std::array<char, 256> host{};
+  if (gethostname(host.data(), host.size() - 1) != 0) return "Unknown device";
+  return host.data();
+}
+
+// --- Opening ---------------------------------------------------------------------------
+
+void LumoBase::openBase(const std::optional<std::string>& appName,
+                        const std::optional<std::string>& testName, Size viewportSize) {
+  appName_ = isEmpty(appName) ? "Application name" : *appName;
+  testName_ = isEmpty(testName) ? "Test name" : *testName;
+  validateApiKey();
+  validateSessionOpen();
+  Logger::logWithFormat("Lumo server URL is {}", serverURL_);
+  Logger::logWithFormat("Default match settings = {}", defaultMatchSettings_->description());
+  viewportSizeHandler_->setProperty(std::make_shared<RectangleSize>(viewportSize));
+  serverConnector_ = ServerConnector::connectorWithServerURL(serverURL_, apiKey_);
+  isOpen_ = true;
+}
+
+void LumoBase::validateApiKey() {
+  if (isEmpty(apiKey_)) {
+    constexpr const char* kMessage = "API key is missing! Please set it using setApiKey()";
+    Logger::log(kMessage);
+    throw LumoException(kMessage);
+  }
+}
+
+void LumoBase::validateSessionOpen() {
+  if (isOpen_) {
+    abortIfNotClosed();
+    constexpr const char* kMessage = "A test is already running";
+    Logger::log(kMessage);
+    throw LumoException(kMessage);
+  }
+}
+
+void LumoBase::startSession(std::function<void(std::optional<Error>)> completionHandler) {
+  startSessionCall(nullptr, std::move(completionHandler));
+}
+
+void LumoBase::startSessionCall(std::shared_ptr<detail::PendingCall> call,
+                                std::function<void(std::optional<Error>)> completionHandler) {
+  Logger::log("No running session, calling start session..");
+  auto environment = appEnvironment();
+  auto batch = batch_;
+  if (!batch) {
+    Logger::log("No batch set");
+    batch = std::make_shared<BatchInfo>(std::nullopt);
+  }
+  sessionStartInfo_->setupWithAgentId(
+      getFullAgentId(), appName_, testName_, baselineEnvName_, environment, batch,
+      propertyOrEnvironment(branchName_, "BRIXTEL_BRANCH"),
+      propertyOrEnvironment(parentBranchName_, "BRIXTEL_PARENT_BRANCH"),
+      propertyOrEnvironment(baselineBranchName_, "BRIXTEL_BASELINE_BRANCH"), saveDiffs_,
+      defaultMatchSettings_);
+  Logger::log("Starting server session...");
+  auto text = fmt::format("'{}' of '{}' {}", textOrNull(testName_), textOrNull(appName_),
+                          environment->description());
+  serverConnector_->startSessionWithInfo(
+      *sessionStartInfo_, [weakShared = std::weak_ptr<SharedState>(shared_), call,
+                           text = std::move(text), handler = std::move(completionHandler)](
+                              std::shared_ptr<RunningSession> session, std::optional<Error> error) {
+        auto shared = weakShared.lock();
+        if (!shared) return;
+        auto apply = [&] {
+          if (error || !session) return;
+          shared->runningSession = session;
+          shared->shouldMatchWindowRunOnceOnTimeout = session->isNewSession();
+          if (session->isNewSession()) {
+            Logger::logWithFormat("--- New test started - {}", text);
+          } else {
+            Logger::logWithFormat("--- Test started - {}", text);
+          }
+          Logger::log("Done!");
+        };
+        if (call) {
+          // The blocking caller's handler only logs; it must run before the waiter wakes.
+          call->complete(shared->mutex, [&] {
+            apply();
+            if (handler) handler(error);
+          });
+        } else {
+          {
+            std::lock_guard lock(shared->mutex);
+            apply();
+          }
+          if (handler) handler(error);
+        }
+      });
+}
+
+// --- Checks ----------------------------------------------------------------------------
+
+void LumoBase::checkWindowBase(const RegionProviderProtocol* regionProvider,
+                               const std::optional<std::string>& tag, bool ignoreMismatch,
+                               const CheckSettingsInternalProtocol* checkSettings,
+                               CheckHandler completionHandler) {
+  const std::string checkTag = tag.value_or("");
+  ensureRunningSession();
+  if (!matchWindowTask_) {
+    // Nothing can answer a check without a task (the session never started): the wait could
+    // only run out, so it ends at once with the same failure.
+    throw TestFailedException(kTimeOutReason);
+  }
+  auto call = std::make_shared<detail::PendingCall>("Check window expectation");
+  matchWindow(regionProvider, checkTag, ignoreMismatch, checkSettings,
+              [weakShared = std::weak_ptr<SharedState>(shared_), call, checkTag, ignoreMismatch](
+                  std::shared_ptr<MatchResult> result, std::optional<Error> error) {
+                auto shared = weakShared.lock();
+                if (!shared) return;
+                call->complete(shared->mutex, [&] {
+                  if (error) {
+                    Logger::logWithFormat("Failed to check: {}", error->localizedDescription());
+                  }
+                  shared->matchResult = result;
+                  if (result && result->asExpected()) {
+                    shared->lastScreenshot = result->screenshot();
+                  } else {
+                    if (!ignoreMismatch)
+                      shared->lastScreenshot = result ? result->screenshot() : nullptr;
+                    validateResultLocked(*shared, result, checkTag);
+                  }
+                  Logger::log("Done!");
+                });
+              });
+  if (!call->wait(shared_->mutex, waitPolicy_->serverAnswerSeconds())) {
+    throw TestFailedException(kTimeOutReason);
+  }
+  if (completionHandler) completionHandler(matchResult());
+}
+
+void LumoBase::ensureRunningSession() {
+  if (runningSession()) return;
+  Logger::log("No running session, calling start session..");
+  auto call = std::make_shared<detail::PendingCall>("Start session expectation");
+  startSessionCall(call, [](std::optional<Error> error) {
+    if (error) Logger::logWithFormat("Failed to start session: {}", error->localizedDescription());
+  });
+  if (!call->wait(shared_->mutex, waitPolicy_->serverAnswerSeconds())) {
+    throw TestFailedException(kTimeOutReason);
+  }
+  auto session = runningSession();
+  if (!session) {
+    close(nullptr);
+    return;
+  }
+  matchWindowTask_ = MatchWindowTask::create(
+      serverConnector_, session, static_cast<std::int64_t>(matchTimeout_), this, waitPolicy_);
+}
+
+void LumoBase::matchWindow(const RegionProviderProtocol* regionProvider, const std::string& tag,
+                           bool ignoreMismatch, const CheckSettingsInternalProtocol* settings,
+                           MatchHandler completionHandler) {
+  std::shared_ptr<ImageMatchSettings> imageMatchSettings;
+  std::int64_t retryTimeout = -1;
+  if (settings) {
+    retryTimeout = static_cast<std::int64_t>(settings->getTimeoutInSeconds());
+    MatchLevel level = settings->getMatchLevel();
+    // "None" on a check means the check sets no level of its own.
+    if (level == MatchLevelNone) level = defaultMatchSettings_->matchLevel();
+    imageMatchSettings = std::make_shared<ImageMatchSettings>(level);
+    collectIgnoredRegionsFrom(*settings, *imageMatchSettings);
+    collectLayoutRegionsFrom(*settings, *imageMatchSettings);
+    collectStrictRegionsFrom(*settings, *imageMatchSettings);
+    collectContentRegionsFrom(*settings, *imageMatchSettings);
+    collectFloatingRegionsFrom(*settings, *imageMatchSettings);
+    imageMatchSettings->setIgnoreCaret(settings->getIgnoreCaret());
+  }
+  Logger::log("Calling match window...");
+  std::optional<Region> region;
+  if (regionProvider) {
+    if (auto provided = regionProvider->getRegion()) region = *provided;
+  }
+  matchWindowTask_->matchWindow(region, lastScreenshot(), tag, shouldMatchWindowRunOnceOnTimeout(),
+                                ignoreMismatch, imageMatchSettings, retryTimeout,
+                                std::move(completionHandler));
+}
+
+namespace {
+
+template <typename Providers>
+std::vector<Region> filteredRegions(const Providers& providers, double statusBarHeight,
+                                    bool shouldCropStatusBar) {
+  std::vector<Region> regions;
+  regions.reserve(providers.size());
+  for (const auto& provider : providers) {
+    regions.push_back(
+        *RegionFilter::filterRegion(provider->getRegion(), statusBarHeight, shouldCropStatusBar));
+  }
+  return regions;
+}
+
+}  // namespace
+
+void LumoBase::collectIgnoredRegionsFrom(const CheckSettingsInternalProtocol& settings,
+                                         ImageMatchSettings& to) const {
+  to.setIgnoredRegions(
+      filteredRegions(settings.getIgnoredRegions(), statusBarHeight(), shouldCropStatusBar_));
+}
+
+void LumoBase::collectLayoutRegionsFrom(const CheckSettingsInternalProtocol& settings,
+                                        ImageMatchSettings& to) const {
+  to.setLayoutRegions(
+      filteredRegions(settings.getLayoutRegions(), statusBarHeight(), shouldCropStatusBar_));
+}
+
+void LumoBase::collectStrictRegionsFrom(const CheckSettingsInternalProtocol& settings,
+                                        ImageMatchSettings& to) const {
+  to.setStrictRegions(
+      filteredRegions(settings.getStrictRegions(), statusBarHeight(), shouldCropStatusBar_));
+}
+
+void LumoBase::collectContentRegionsFrom(const CheckSettingsInternalProtocol& settings,
+                                         ImageMatchSettings& to) const {
+  to.setContentRegions(
+      filteredRegions(settings.getContentRegions(), statusBarHeight(), shouldCropStatusBar_));
+}
+
+void LumoBase::collectFloatingRegionsFrom(const CheckSettingsInternalProtocol& settings,
+                                          ImageMatchSettings& to) const {
+  std::vector<FloatingMatchSettings> regions;
+  regions.reserve(settings.getFloatingRegions().size());
+  for (const auto& provider : settings.getFloatingRegions()) {
+    regions.emplace_back(*RegionFilter::filterFloatingRegion(
+        provider->getRegion(), statusBarHeight(), shouldCropStatusBar_));
+  }
+  to.setFloatingRegions(std::move(regions));
+}
+
+std::shared_ptr<AppOutputWithScreenshot> LumoBase::appOutputForRegion(
+    const std::optional<Region>& region, const std::shared_ptr<LumoScreenshot>& lastSreenshot) {
+  return appOutputWithScreenshotForRegion(region, lastSreenshot);
+}
+
+std::shared_ptr<AppOutputWithScreenshot> LumoBase::appOutputWithScreenshotForRegion(
+    const std::optional<Region>& region, const std::shared_ptr<LumoScreenshot>& /*last*/) {
+  Logger::log("Getting screenshot...");
+  auto shot = screenshot();
+  if (!shot) return nullptr;
+  Logger::log("Done getting screenshot!");
+  const double scale = scaleRatio();
+  if (region && !region->isEmpty()) {
+    shot->cropRegion(*region, scale);
+  } else if (shouldCropStatusBar_) {
+    shot->cropStatusBarWithHeight(statusBarHeight(), scale);
+  }
+  auto downscaled = shot->downscale(scale);
+  AppOutput appOutput(title(), base64ScreenshotStringFromScreenshot(downscaled));
+  // The image sent is the downscaled one; the one kept for the next comparison is full size.
+  return std::make_shared<AppOutputWithScreenshot>(std::move(appOutput), shot);
+}
+
+std::string LumoBase::base64ScreenshotStringFromScreenshot(
+    const std::shared_ptr<LumoScreenshot>& screenshot) const {
+  ArgumentGuard::notNil(screenshot, "screenshot");
+  const auto& image = screenshot->image();
+  return base64Encode(image ? encodePng(*image) : std::vector<std::uint8_t>{});
+}
+
+void LumoBase::validateResult(const std::shared_ptr<MatchResult>& result, const std::string& tag) {
+  std::lock_guard lock(shared_->mutex);
+  validateResultLocked(*shared_, result, tag);
+}
+
+void LumoBase::validateResultLocked(SharedState& shared, const std::shared_ptr<MatchResult>& result,
+                                    const std::string& tag) {
+  if (result && result->asExpected()) return;
+  // After a mismatch the screen is known to differ: later checks make one attempt only.
+  shared.shouldMatchWindowRunOnceOnTimeout = true;
+  if (shared.runningSession && !shared.runningSession->isNewSession()) {
+    Logger::logWithFormat("Mismatch! ({})", tag);
+  }
+}
+
+// --- Closing ---------------------------------------------------------------------------
+
+std::shared_ptr<TestResults> LumoBase::close(Error* error) { return closeWithThrow(true, error); }
+
+std::shared_ptr<TestResults> LumoBase::closeWithThrow(bool throwException, Error* error) {
+  isOpen_ = false;
+  auto session = runningSession();
+  if (!session) {
+    Logger::log("Server session was not started");
+    Logger::log("--- Empty test ended.");
+    return std::make_shared<TestResults>();
+  }
+  Logger::log("Ending server session...");
+  const bool save = session->isNewSession() ? saveNewTests_ : saveFailedTests_;
+  Logger::logWithFormat("Automatically save test? {}", yesNo(save));
+  const std::optional<std::string> url = session->url();
+
+  // The verdict's two slots: filled by the reply, read only after the wait.
+  auto slots = std::make_shared<std::pair<std::optional<Error>, std::exception_ptr>>();
+
+  auto call = std::make_shared<detail::PendingCall>("Check window expectation");
+  serverConnector_->stopSession(
+      *session, false, save,
+      [weakShared = std::weak_ptr<SharedState>(shared_), call, slots, url, throwException,
+       startInfo = sessionStartInfo_](std::shared_ptr<TestResults> results,
+                                      std::optional<Error> /*error*/) {
+        auto shared = weakShared.lock();
+        if (!shared) return;
+        call->complete(shared->mutex, [&] {
+          if (results) {
+            shared->testResult = results;
+            judge(results, *startInfo, url, throwException, slots->first, slots->second);
+          }
+          shared->lastScreenshot = nullptr;
+          shared->runningSession = nullptr;
+        });
+      });
+  if (!call->wait(shared_->mutex, waitPolicy_->serverAnswerSeconds())) {
+    // The time-out error is made and deliberately never delivered: the exception says it all.
+    (void)ErrorBuilder::errorWithDescription("--- Time-out");
+    throw TestFailedException(kTimeOutReason);
+  }
+  if (slots->second) std::rethrow_exception(slots->second);
+  if (slots->first) {
+    ArgumentGuard::notNil(error, "error");
+    *error = *slots->first;
+  }
+  return testResult();
+}
+
+void LumoBase::judge(const std::shared_ptr<TestResults>& results, const SessionStartInfo& startInfo,
+                     const std::optional<std::string>& url, bool throwException,
+                     std::optional<Error>& error, std::exception_ptr& exception) {
+  switch (results->status()) {
+    case TestResultsStatusUnresolved:
+      if (results->isNew()) {
+        Logger::logWithFormat("--- New test ended. Please approve the new baseline at {}",
+                              textOrNull(url));
+        error = ErrorBuilder::errorWithTestResults(results, startInfo, TestErrorTypeNewTest);
+        if (throwException) {
+          exception = std::make_exception_ptr(NewTestException(results, startInfo));
+        }
+      } else {
+        Logger::logWithFormat("--- Failed test ended. See details at {}", textOrNull(url));
+        error = ErrorBuilder::errorWithTestResults(results, startInfo, TestErrorTypeDiffsFound);
+        if (throwException) {
+          exception = std::make_exception_ptr(DiffsFoundException(results, startInfo));
+        }
+      }
+      break;
+    case TestResultsStatusFailed:
+      Logger::logWithFormat("--- Failed test ended. See details at {}", textOrNull(url));
+      error = ErrorBuilder::errorWithTestResults(results, startInfo, TestErrorTypeFailed);
+      if (throwException) {
+        exception = std::make_exception_ptr(TestFailedException(results, startInfo));
+      }
+      break;
+    default:
+      Logger::logWithFormat("--- Test passed. See details at {}", textOrNull(url));
+      break;
+  }
+}
+
+void LumoBase::abortIfNotClosed() {
+  auto session = runningSession();
+  if (!session) {
+    Logger::log("Closed");
+    return;
+  }
+  isOpen_ = false;
+  serverConnector_->stopSession(
+      *session, true, false,
+      [weakShared = std::weak_ptr<SharedState>(shared_), session](
+          std::shared_ptr<TestResults> results, std::optional<Error> error) {
+        auto shared = weakShared.lock();
+        if (!shared) return;
+        std::lock_guard lock(shared->mutex);
+        shared->testResult = std::move(results);
+        shared->lastScreenshot = nullptr;
+        Logger::log("--- Test aborted.");
+        // A later test may have started its own session meanwhile; that one stays.
+        if (shared->runningSession == session) shared->runningSession = nullptr;
+        if (error) {
+          Logger::logWithFormat("Failed to abort server session: {}",
+                                error->localizedDescription());
+        }
+      });
+}
+
+// --- State -----------------------------------------------------------------------------
+
+std::shared_ptr<RunningSession> LumoBase::runningSession() const {
+  std::lock_guard lock(shared_->mutex);
+  return shared_->runningSession;
+}
+
+std::shared_ptr<TestResults> LumoBase::testResult() const {
+  std::lock_guard lock(shared_->mutex);
+  return shared_->testResult;
+}
+
+std::shared_ptr<LumoScreenshot> LumoBase::lastScreenshot() const {
+  std::lock_guard lock(shared_->mutex);
+  return shared_->lastScreenshot;
+}
+
+std::shared_ptr<MatchResult> LumoBase::matchResult() const {
+  std::lock_guard lock(shared_->mutex);
+  return shared_->matchResult;
+}
+
+bool LumoBase::shouldMatchWindowRunOnceOnTimeout() const {
+  std::lock_guard lock(shared_->mutex);
+  return shared_->shouldMatchWindowRunOnceOnTimeout;
+}
+
+std::shared_ptr<LumoScreenshot> LumoBase::screenshot() { return nullptr; }
+
+}  // namespace lumo

@@ -1,0 +1,85 @@
+#include "lumo/screenshot_source.h"
+
+#include <stdio.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <fstream>
+#include <iterator>
+#include <memory>
+
+#include "lumo/exception.h"
+#include "lumo/png.h"
+
+namespace lumo {
+namespace {
+
+constexpr const char* kScreenshotException = "ScreenshotException";
+
+Exception screenshotError(std::string reason) {
+  return Exception(kScreenshotException, std::move(reason));
+}
+
+ImagePtr decodeScreen(const std::vector<std::uint8_t>& bytes, const std::string& origin) {
+  try {
+    return std::make_shared<const Image>(decodePng(bytes));
+  } catch (const std::exception& error) {
+    throw screenshotError(origin + " is not a valid PNG: " + error.what());
+  }
+}
+
+}  // namespace
+
+MemoryScreenshotSource::MemoryScreenshotSource(std::vector<ImagePtr> images)
+    : images_(images.begin(), images.end()) {}
+
+void MemoryScreenshotSource::push(ImagePtr image) {
+  std::lock_guard lock(mutex_);
+  images_.push_back(std::move(image));
+}
+
+ImagePtr MemoryScreenshotSource::capture() {
+  std::lock_guard lock(mutex_);
+  if (images_.empty()) throw screenshotError("No screenshot was given to capture");
+  ImagePtr image = images_.front();
+  if (images_.size() > 1) images_.pop_front();
+  return image;
+}
+
+PngFileScreenshotSource::PngFileScreenshotSource(std::vector<std::filesystem::path> files)
+    : files_(std::move(files)) {}
+
+ImagePtr PngFileScreenshotSource::capture() {
+  if (files_.empty()) throw screenshotError("No screenshot file was given");
+  const auto& path = files_[std::min(next_, files_.size() - 1)];
+  if (next_ < files_.size()) ++next_;
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw screenshotError("Cannot read screenshot file " + path.string());
+  std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)),
+                                  std::istreambuf_iterator<char>());
+  return decodeScreen(bytes, path.string());
+}
+
+CommandScreenshotSource::CommandScreenshotSource(std::string command)
+    : command_(std::move(command)) {}
+
+ImagePtr CommandScreenshotSource::capture() {
+  FILE* pipe = popen(command_.c_str(), "r");
+  if (pipe == nullptr) throw screenshotError("Cannot run screenshot command: " + command_);
+  std::vector<std::uint8_t> bytes;
+  std::array<std::uint8_t, 1 << 16> buffer;
+  while (std::size_t n = fread(buffer.data(), 1, buffer.size(), pipe)) {
+    bytes.insert(bytes.end(), buffer.begin(), buffer.begin() + n);
+  }
+  const int status = pclose(pipe);
+  if (status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    throw screenshotError("Screenshot command failed (" +
+                          (status != -1 && WIFEXITED(status)
+                               ? "exit status " + std::to_string(WEXITSTATUS(status))
+                               : std::string("did not exit normally")) +
+                          "): " + command_);
+  }
+  return decodeScreen(bytes, "The output of '" + command_ + "'");
+}
+
+}  // namespace lumo

@@ -1,0 +1,130 @@
+#include "lumo/lumo_base.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include "lumo/app_environment.h"
+#include "lumo/exception.h"
+#include "lumo/test_results.h"
+#include "lumo/version.h"
+#include "support/log_capture.h"
+
+namespace lumo {
+namespace {
+
+// Sets an environment variable for one test and restores it afterwards.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value) : name_(name) {
+    if (const char* old = getenv(name)) old_ = old;
+    value ? setenv(name, value, 1) : unsetenv(name);
+  }
+  ~ScopedEnv() { old_ ? setenv(name_, old_->c_str(), 1) : unsetenv(name_); }
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
+class Flavour : public LumoBase {
+ public:
+  Flavour() : LumoBase("http://127.0.0.1:1") {}
+  std::string sdkName() const override { return "lumo.cpp"; }
+  std::string sdkBundleIdentifier() const override { return "com.brixtel.lumo"; }
+};
+
+TEST(LumoBase, DefaultsAfterConstruction) {
+  LumoBase lumo("https://example");
+  EXPECT_EQ(lumo.serverURL(), "https://example");
+  EXPECT_EQ(lumo.matchTimeout(), 2u);
+  EXPECT_EQ(lumo.matchLevel(), MatchLevelStrict);
+  EXPECT_TRUE(lumo.saveNewTests());
+  EXPECT_FALSE(lumo.saveFailedTests());
+  EXPECT_FALSE(lumo.isOpen());
+  EXPECT_EQ(lumo.title(), "Base title");
+  EXPECT_EQ(LumoBase::defaultServerURL().back(), 'm') << "no trailing slash";
+}
+
+TEST(LumoBase, MatchTimeoutRejectsOneSecondQuotingTheValue) {
+  LumoBase lumo("https://example");
+  lumo.setMatchTimeout(0);
+  EXPECT_EQ(lumo.matchTimeout(), 0u);
+  try {
+    lumo.setMatchTimeout(1);
+    FAIL();
+  } catch (const Exception& e) {
+    EXPECT_EQ(e.name(), "IllegalArgumentException");
+    EXPECT_EQ(e.reason(), "Match timeout must be set in seconds, and must be > 1");
+  }
+  EXPECT_EQ(lumo.matchTimeout(), 0u);
+  lumo.setMatchTimeout(2);
+  EXPECT_EQ(lumo.matchTimeout(), 2u);
+}
+
+TEST(LumoBase, BaselineEnvNameLosesItsBlanks) {
+  LumoBase lumo("https://example");
+  lumo.setBaselineEnvName("my big phone");
+  EXPECT_EQ(lumo.baselineEnvName(), "mybigphone");
+  lumo.setBaselineEnvName("");
+  EXPECT_FALSE(lumo.baselineEnvName());
+}
+
+TEST(LumoBase, AgentIdPutsTheUsersIdFirst) {
+  Flavour lumo;
+  const std::string base = std::string("lumo.cpp/") + kVersion;
+  EXPECT_EQ(lumo.getFullAgentId(), base);
+  lumo.setAgentId("suite");
+  EXPECT_EQ(lumo.getFullAgentId(), "suite [" + base + "]");
+  EXPECT_EQ(LumoBase("x").getBaseAgentId(), "/(null)") << "no SDK, no known bundle";
+}
+
+TEST(LumoBase, EnvironmentPrefersTheUsersOverrides) {
+  LumoBase lumo("https://example");
+  auto detected = lumo.appEnvironment();
+  EXPECT_EQ(detected->hostingAppInfo(), "Test app");
+  EXPECT_EQ(detected->osInfo()->rfind("iOS", 0), std::string::npos) << "this is not iOS";
+  lumo.setOsInfo("Android 14");
+  lumo.setDeviceInfo("Pixel 8");
+  auto chosen = lumo.appEnvironment();
+  EXPECT_EQ(chosen->osInfo(), "Android 14");
+  EXPECT_EQ(chosen->deviceInfo(), "Pixel 8");
+}
+
+TEST(LumoBase, OpenNeedsTheControllersOwnApiKey) {
+  ScopedEnv key("BRIXTEL_API_KEY", "from-environment");
+  LumoBase lumo("https://example");
+  test::LogCapture log;
+  EXPECT_THROW(lumo.openBase("App", "Test", {1, 1}), Exception);
+  EXPECT_EQ(log.lines().back(),
+            "[BrixtelLumo] API key is missing! Please set it using setApiKey()");
+  EXPECT_FALSE(lumo.isOpen());
+}
+
+TEST(LumoBase, OpeningTwiceWithoutACheckKeepsFailing) {
+  LumoBase lumo("https://example");
+  lumo.setApiKey("key");
+  lumo.openBase("", std::nullopt, {1, 1});
+  EXPECT_EQ(lumo.appName(), "Application name");
+  EXPECT_EQ(lumo.testName(), "Test name");
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    test::LogCapture log;
+    EXPECT_THROW(lumo.openBase("App", "Test", {1, 1}), Exception);
+    auto lines = log.lines();
+    EXPECT_EQ(lines.front(), "[BrixtelLumo] Closed") << "no session: the abort only logs";
+    EXPECT_EQ(lines.back(), "[BrixtelLumo] A test is already running");
+  }
+  auto results = lumo.close(nullptr);
+  EXPECT_TRUE(results->isPassed());
+  lumo.openBase("App", "Test", {1, 1});
+  EXPECT_TRUE(lumo.isOpen());
+}
+
+TEST(LumoBase, PropertiesAreGuarded) {
+  LumoBase lumo("https://example");
+  EXPECT_THROW(lumo.addProperty("", "v"), Exception);
+  EXPECT_THROW(lumo.addProperty("n", std::nullopt), Exception);
+  lumo.addProperty("n", "v");
+}
+
+}  // namespace
+}  // namespace lumo

@@ -1,0 +1,404 @@
+#include "lumo/lumo.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <deque>
+#include <thread>
+
+#include "lumo/base64.h"
+#include "lumo/json.h"
+#include "lumo/lumo_exception.h"
+#include "lumo/new_test_exception.h"
+#include "lumo/match_result.h"
+#include "lumo/png.h"
+#include "lumo/running_session.h"
+#include "lumo/test_failed_exception.h"
+#include "lumo/test_results.h"
+#include "support/fast_wait_policy.h"
+#include "support/log_capture.h"
+#include "support/test_server.h"
+
+namespace lumo {
+namespace {
+
+using test::FastWaitPolicy;
+using test::LogCapture;
+using test::RecordedRequest;
+using test::ScriptedResponse;
+
+// A screen whose pixels encode their position, so crops are recognisable on the wire.
+ImagePtr screen(int width, int height) {
+  Image image(width, height);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      std::uint8_t* p = image.row(y) + x * 4;
+      p[0] = static_cast<std::uint8_t>(x);
+      p[1] = static_cast<std::uint8_t>(y);
+      p[2] = 0x80;
+      p[3] = 0xff;
+    }
+  }
+  return std::make_shared<const Image>(std::move(image));
+}
+
+Json resultsWith(const std::string& status, bool isNew) {
+  return Json{{"status", status},
+              {"isNew", isNew},
+              {"apiUrls", {{"session", "http://results/s1"}}},
+              {"appUrls", Json::object()}};
+}
+
+bool contains(const std::vector<std::string>& lines, const std::string& line) {
+  return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+// Drives a whole visual test through `Lumo` against a loopback server that speaks the
+// protocol from a script: 201 or 200 at start, scripted match answers, scripted results.
+class LumoTest : public test::TestServerFixture {
+ protected:
+  void SetUp() override {
+    TestServerFixture::SetUp();
+    server_.setHandler([this](const RecordedRequest& request) { return answer(request); });
+    source_ = std::make_shared<MemoryScreenshotSource>(std::vector<ImagePtr>{screen(100, 200)});
+    lumo_ = std::make_unique<Lumo>(server_.baseURL(), source_);
+    lumo_->setApiKey("key");
+    lumo_->setWaitPolicy(policy_);
+  }
+
+  // The controller goes first: its client closes the kept-alive connections, so the server
+  // stops at once instead of waiting for them to time out.
+  void TearDown() override {
+    lumo_.reset();
+    TestServerFixture::TearDown();
+  }
+
+  ScriptedResponse answer(const RecordedRequest& request) {
+    std::lock_guard lock(mutex_);
+    if (request.method == "POST" && request.path == "/api/sessions/running.json") {
+      return {newSession_ ? 201 : 200, R"({"id":"s1","url":"http://results/s1"})"};
+    }
+    if (request.method == "POST") {
+      bool asExpected = matchAnswers_.empty() ? defaultMatch_ : matchAnswers_.front();
+      if (!matchAnswers_.empty()) matchAnswers_.pop_front();
+      return {200, Json{{"asExpected", asExpected}}.dump()};
+    }
+    return {200, results_.dump()};
+  }
+
+  void script(bool newSession, std::deque<bool> matchAnswers, bool defaultMatch, Json results) {
+    std::lock_guard lock(mutex_);
+    newSession_ = newSession;
+    matchAnswers_ = std::move(matchAnswers);
+    defaultMatch_ = defaultMatch;
+    results_ = std::move(results);
+  }
+
+  std::vector<RecordedRequest> requests(const std::string& method, bool sessionCalls) const {
+    std::vector<RecordedRequest> found;
+    for (auto& request : server_.requests()) {
+      bool isStart = request.path == "/api/sessions/running.json";
+      if (request.method == method && (sessionCalls == isStart)) found.push_back(request);
+    }
+    return found;
+  }
+  std::vector<RecordedRequest> matchRequests() const { return requests("POST", false); }
+
+  static Image sentImage(const RecordedRequest& request) {
+    auto body = Json::parse(request.body);
+    return decodePng(base64Decode(body["appOutput"]["screenshot64"].get<std::string>()));
+  }
+
+  std::mutex mutex_;
+  bool newSession_ = false;
+  std::deque<bool> matchAnswers_;
+  bool defaultMatch_ = true;
+  Json results_ = resultsWith("Passed", false);
+
+  std::shared_ptr<FastWaitPolicy> policy_ = std::make_shared<FastWaitPolicy>();
+  std::shared_ptr<MemoryScreenshotSource> source_;
+  std::unique_ptr<Lumo> lumo_;
+};
+
+TEST_F(LumoTest, NewTestStartsWith201AndEndsAsNewTestException) {
+  script(true, {}, true, resultsWith("Unresolved", true));
+  LogCapture log;
+  lumo_->open("Shop", "Login", {100, 200});
+  auto result = lumo_->check("home", CheckSettings().timeoutInSeconds(2));
+  ASSERT_TRUE(result);
+  EXPECT_TRUE(result->asExpected());
+  EXPECT_TRUE(lumo_->runningSession()->isNewSession());
+  // A new session makes one attempt after sleeping the match timeout.
+  EXPECT_EQ(policy_->sleeps(), std::vector<std::int64_t>{2});
+  EXPECT_EQ(matchRequests().size(), 1u);
+
+  try {
+    lumo_->close(nullptr);
+    FAIL() << "a new test must throw";
+  } catch (const NewTestException& e) {
+    EXPECT_EQ(e.name(), "NewTestException");
+    EXPECT_EQ(e.reason(), "Login of Shop. Please approve the new baseline at http://results/s1");
+    ASSERT_TRUE(e.testResults());
+    EXPECT_TRUE(e.testResults()->isNew());
+  }
+  auto lines = log.lines();
+  EXPECT_TRUE(contains(lines, "[BrixtelLumo] Automatically save test? YES"));
+  EXPECT_TRUE(contains(lines,
+                       "[BrixtelLumo] --- New test ended. Please approve the new baseline at "
+                       "http://results/s1"));
+  auto stop = requests("DELETE", false);
+  ASSERT_EQ(stop.size(), 1u);
+  EXPECT_EQ(stop[0].path, "/api/sessions/running/s1.json");
+  EXPECT_EQ(stop[0].query, "apiKey=key&aborted=0&updateBaseline=1");
+  EXPECT_FALSE(lumo_->isOpen());
+  EXPECT_FALSE(lumo_->runningSession());
+}
+
+TEST_F(LumoTest, EachVerdictAsErrorOrException) {
+  struct Case {
+    std::string status;
+    bool isNew;
+    std::string description;  // empty: passes
+  };
+  const std::vector<Case> cases = {
+      {"Passed", false, ""},
+      {"Unresolved", true, "Login of Shop. Please approve the new baseline at http://results/s1"},
+      {"Unresolved", false,
+       "Test Login of Shop detected differences! See details at: http://results/s1"},
+      {"Failed", false, "Login of Shop. See details at http://results/s1"},
+  };
+  for (const auto& c : cases) {
+    for (bool throwing : {true, false}) {
+      SCOPED_TRACE(c.status + (c.isNew ? " new" : "") + (throwing ? " throwing" : ""));
+      script(false, {}, true, resultsWith(c.status, c.isNew));
+      lumo_->open("Shop", "Login", {100, 200});
+      lumo_->check("home");
+      Error error;
+      std::shared_ptr<TestResults> results;
+      std::string thrown;
+      try {
+        results = lumo_->closeWithThrow(throwing, &error);
+      } catch (const TestFailedException& e) {
+        thrown = e.reason();
+        EXPECT_EQ(e.testResults(), lumo_->testResult()) << "the exception carries the results";
+      }
+      if (c.description.empty()) {
+        EXPECT_EQ(thrown, "");
+        EXPECT_EQ(error.localizedDescription(), "");
+        ASSERT_TRUE(results);
+        EXPECT_TRUE(results->isPassed());
+      } else if (throwing) {
+        EXPECT_EQ(thrown, c.description);
+        EXPECT_EQ(error.localizedDescription(), "") << "nothing is written when throwing";
+      } else {
+        EXPECT_EQ(thrown, "");
+        EXPECT_EQ(error.domain(), "com.brixtel.lumo");
+        EXPECT_EQ(error.code(), 1);
+        EXPECT_EQ(error.localizedDescription(), c.description);
+        EXPECT_EQ(results, lumo_->testResult());
+      }
+    }
+  }
+}
+
+TEST_F(LumoTest, RetryLoopStopsAtTheFirstMatchingRound) {
+  script(false, {false, true}, true, resultsWith("Passed", false));
+  lumo_->open("Shop", "Login", {100, 200});
+  auto result = lumo_->check("home", CheckSettings().timeoutInSeconds(5));
+  ASSERT_TRUE(result);
+  EXPECT_TRUE(result->asExpected());
+  auto matches = matchRequests();
+  ASSERT_EQ(matches.size(), 2u) << "two rounds, no last attempt";
+  for (const auto& request : matches) {
+    EXPECT_TRUE(Json::parse(request.body)["options"]["ignoreMismatch"].get<bool>());
+  }
+  EXPECT_EQ(policy_->sleeps(), (std::vector<std::int64_t>{1, 1}));
+  EXPECT_FALSE(lumo_->shouldMatchWindowRunOnceOnTimeout());
+  lumo_->close(nullptr);
+}
+
+TEST_F(LumoTest, ServerThatNeverMatchesGetsTheLastAttemptThenRunsOnce) {
+  script(false, {}, false, resultsWith("Unresolved", false));
+  LogCapture log;
+  lumo_->open("Shop", "Login", {100, 200});
+  auto result = lumo_->check("home", CheckSettings().timeoutInSeconds(3));
+  ASSERT_TRUE(result);
+  EXPECT_FALSE(result->asExpected());
+  auto matches = matchRequests();
+  ASSERT_EQ(matches.size(), 4u) << "three rounds and the last attempt";
+  EXPECT_FALSE(Json::parse(matches.back().body)["options"]["ignoreMismatch"].get<bool>());
+  auto lines = log.lines();
+  EXPECT_TRUE(contains(lines, "Retry timeout seconds left = 1"));
+  EXPECT_TRUE(contains(lines, "[BrixtelLumo] Mismatch! (home)"));
+  EXPECT_TRUE(lumo_->shouldMatchWindowRunOnceOnTimeout());
+
+  // After a mismatch the next check sleeps its timeout once and makes a single attempt.
+  const auto sleepsBefore = policy_->sleeps().size();
+  lumo_->check("second", CheckSettings().timeoutInSeconds(3).ignoreCaret());
+  EXPECT_EQ(matchRequests().size(), 5u);
+  EXPECT_EQ(policy_->sleeps().size(), sleepsBefore + 1);
+  EXPECT_EQ(policy_->sleeps().back(), 3);
+
+  Error error;
+  lumo_->closeWithThrow(false, &error);
+  EXPECT_EQ(error.localizedDescription(),
+            "Test Login of Shop detected differences! See details at: http://results/s1");
+  EXPECT_EQ(requests("DELETE", false)[0].query, "apiKey=key&aborted=0&updateBaseline=0");
+}
+
+TEST_F(LumoTest, CheckSettingsBecomeTheImageMatchSettingsWithTheStatusBarShift) {
+  source_->setStatusBarHeight(20);
+  lumo_->setShouldCropStatusBar(true);
+  lumo_->setMatchLevel(MatchLevelLayout);
+  lumo_->open("Shop", "Login", {100, 200});
+  lumo_->check(std::string(), CheckSettings()
+                                  .ignore({Region(5, 100, 50, 60)})
+                                  .floating(Region(0, 30, 10, 10), 1, 2, 3, 4)
+                                  .ignoreCaret());
+  auto matches = matchRequests();
+  ASSERT_EQ(matches.size(), 1u);
+  auto body = Json::parse(matches[0].body);
+  EXPECT_EQ(body["tag"], "");
+  EXPECT_EQ(body["options"]["name"], "");
+  const auto& settings = body["options"]["imageMatchSettings"];
+  EXPECT_EQ(settings["matchLevel"], "Layout") << "None on the check takes the default";
+  EXPECT_EQ(settings["ignoreCaret"], true);
+  EXPECT_EQ(settings["Ignore"], Json::parse(R"([{"left":5,"top":80,"width":50,"height":60}])"));
+  EXPECT_EQ(settings["Floating"], Json::parse(R"([{"left":0,"top":10,"width":10,"height":10,
+      "maxUpOffset":1,"maxDownOffset":2,"maxLeftOffset":4,"maxRightOffset":3}])"));
+  EXPECT_EQ(settings["Layout"], Json::array());
+
+  Image sent = sentImage(matches[0]);
+  EXPECT_EQ(sent.width(), 100);
+  EXPECT_EQ(sent.height(), 180) << "the status bar is cut off";
+  EXPECT_EQ(sent.row(0)[1], 20) << "the first row sent is the one below the status bar";
+
+  // Base64 travels in lines of 64 characters joined by CR LF.
+  const std::string text = body["appOutput"]["screenshot64"].get<std::string>();
+  for (std::size_t at = 64; at < text.size(); at += 66) {
+    ASSERT_EQ(text.substr(at, 2), "\r\n") << "at " << at;
+  }
+  EXPECT_EQ(body["appOutput"]["title"], "Base title");
+  lumo_->close(nullptr);
+}
+
+TEST_F(LumoTest, RegionCheckAtScaleTwoSendsTheRegionInPoints) {
+  source_ = std::make_shared<MemoryScreenshotSource>(std::vector<ImagePtr>{screen(200, 200)});
+  source_->setScaleRatio(2);
+  lumo_ = std::make_unique<Lumo>(server_.baseURL(), source_);
+  lumo_->setApiKey("key");
+  lumo_->setWaitPolicy(policy_);
+  lumo_->setShouldCropStatusBar(true);  // a region wins over the status-bar cut
+  source_->setStatusBarHeight(20);
+  lumo_->open("Shop", "Login", {100, 100});
+  lumo_->checkRegion(Region(10, 10, 20, 20), "card");
+  Image sent = sentImage(matchRequests().at(0));
+  EXPECT_EQ(sent.width(), 20);
+  EXPECT_EQ(sent.height(), 20);
+  // Pixels 20..59 of the screen, averaged two by two into points.
+  EXPECT_NEAR(sent.row(0)[0], 20, 1);
+  EXPECT_NEAR(sent.row(19)[1], 58, 1);
+  lumo_->close(nullptr);
+}
+
+TEST_F(LumoTest, ClosingTwiceEndsAnEmptyTest) {
+  lumo_->open("Shop", "Login", {100, 200});
+  lumo_->check("home");
+  lumo_->close(nullptr);
+  LogCapture log;
+  auto results = lumo_->close(nullptr);
+  ASSERT_TRUE(results);
+  EXPECT_TRUE(results->isPassed());
+  EXPECT_TRUE(contains(log.lines(), "[BrixtelLumo] --- Empty test ended."));
+  EXPECT_EQ(requests("DELETE", false).size(), 1u);
+}
+
+TEST_F(LumoTest, OpeningTwiceAbortsTheRunningTestAndFails) {
+  lumo_->open("Shop", "Login", {100, 200});
+  lumo_->check("home");
+  LogCapture log;
+  try {
+    lumo_->open("Shop", "Login", {100, 200});
+    FAIL() << "a second open must throw";
+  } catch (const LumoException& e) {
+    EXPECT_EQ(e.reason(), "A test is already running");
+  }
+  ASSERT_TRUE(server_.waitForRequests(3, std::chrono::seconds(5)));
+  auto stop = requests("DELETE", false);
+  ASSERT_EQ(stop.size(), 1u);
+  EXPECT_EQ(stop[0].query, "apiKey=key&aborted=1&updateBaseline=0");
+  // The abort's reply clears the session on the worker thread.
+  for (int i = 0; i < 500 && lumo_->runningSession(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  EXPECT_FALSE(lumo_->runningSession());
+  EXPECT_TRUE(contains(log.lines(), "[BrixtelLumo] --- Test aborted."));
+  lumo_->open("Shop", "Login", {100, 200});  // the abort left the controller closed
+}
+
+TEST_F(LumoTest, MissingApiKeyFailsAtOpen) {
+  lumo_->setApiKey(std::nullopt);
+  try {
+    lumo_->open("Shop", "Login", {100, 200});
+    FAIL();
+  } catch (const LumoException& e) {
+    EXPECT_EQ(e.reason(), "API key is missing! Please set it using setApiKey()");
+  }
+  EXPECT_TRUE(server_.requests().empty());
+}
+
+TEST_F(LumoTest, SilentServerEndsInTheTimeOutExceptionAndLateAnswersChangeNothing) {
+  lumo_->setWaitPolicy(std::make_shared<FastWaitPolicy>(0.2));
+  lumo_->open("Shop", "Login", {100, 200});
+  lumo_->check("home");
+  server_.hold();
+  try {
+    lumo_->check("late", CheckSettings().timeoutInSeconds(0));
+    FAIL();
+  } catch (const TestFailedException& e) {
+    EXPECT_EQ(e.reason(), "--- Time-out exception");
+    EXPECT_FALSE(e.testResults());
+  }
+  auto before = lumo_->matchResult();
+  script(false, {false}, false, resultsWith("Passed", false));
+  server_.release();
+  ASSERT_TRUE(server_.waitForRequests(3, std::chrono::seconds(5)));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(lumo_->matchResult(), before) << "the late answer is dropped";
+  EXPECT_FALSE(lumo_->shouldMatchWindowRunOnceOnTimeout());
+}
+
+TEST_F(LumoTest, DestroyingTheControllerWithAnAbortInFlightIsSafe) {
+  lumo_->open("Shop", "Login", {100, 200});
+  lumo_->check("home");
+  server_.hold();
+  lumo_->abortIfNotClosed();
+  ASSERT_TRUE(server_.waitForRequests(3, std::chrono::seconds(5)));
+  lumo_.reset();
+  server_.release();
+}
+
+TEST(LumoUnreachable, RefusedSessionStartIsLoggedWithTheUrlAndFailsAtOnce) {
+  auto source = std::make_shared<MemoryScreenshotSource>(std::vector<ImagePtr>{screen(10, 10)});
+  // A port nobody listens on: bind one, note it, close it.
+  Lumo lumo("http://127.0.0.1:9", source);
+  lumo.setApiKey("key");
+  lumo.setWaitPolicy(std::make_shared<FastWaitPolicy>(30));
+  LogCapture log;
+  lumo.open("Shop", "Login", {10, 10});
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_THROW(lumo.check("home"), TestFailedException);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  auto lines = log.lines();
+  auto failed = std::find_if(lines.begin(), lines.end(), [](const std::string& line) {
+    return line.starts_with("[BrixtelLumo] Failed to start session: ");
+  });
+  ASSERT_NE(failed, lines.end());
+  EXPECT_NE(failed->find("http://127.0.0.1:9/api/sessions/running.json"), std::string::npos)
+      << *failed;
+  EXPECT_TRUE(contains(lines, "[BrixtelLumo] --- Empty test ended."));
+  EXPECT_FALSE(lumo.isOpen());
+}
+
+}  // namespace
+}  // namespace lumo
