@@ -1,0 +1,115 @@
+#include "arguments.h"
+
+#include <fmt/format.h>
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <system_error>
+#include <vector>
+
+#include "exit_status.h"
+
+namespace lumo::cli {
+namespace {
+
+[[noreturn]] void fail(std::string_view option, std::string_view text, std::string_view expected) {
+  throw UsageError(fmt::format("{}: expected {}, got \"{}\"", option, expected, text));
+}
+
+std::vector<std::string_view> split(std::string_view text, char separator) {
+  std::vector<std::string_view> parts;
+  std::size_t start = 0;
+  while (true) {
+    const std::size_t end = text.find(separator, start);
+    parts.push_back(text.substr(start, end == std::string_view::npos ? end : end - start));
+    if (end == std::string_view::npos) return parts;
+    start = end + 1;
+  }
+}
+
+bool toInteger(std::string_view text, std::int64_t& value) {
+  const char* end = text.data() + text.size();
+  const auto [next, error] = std::from_chars(text.data(), end, value);
+  return error == std::errc() && next == end && !text.empty();
+}
+
+bool toNumber(std::string_view text, double& value) {
+  const char* end = text.data() + text.size();
+  const auto [next, error] = std::from_chars(text.data(), end, value);
+  return error == std::errc() && next == end && !text.empty() && std::isfinite(value);
+}
+
+// Parses `count` comma-separated integers into `values`; false on any malformed part.
+bool integers(std::string_view text, std::size_t count, std::int64_t* values) {
+  const auto parts = split(text, ',');
+  if (parts.size() != count) return false;
+  for (std::size_t i = 0; i < count; ++i) {
+    if (!toInteger(parts[i], values[i])) return false;
+  }
+  return true;
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; };
+    if (lower(a[i]) != lower(b[i])) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+Size parseViewport(std::string_view option, std::string_view text) {
+  const auto parts = split(text, 'x');
+  Size size;
+  if (parts.size() != 2 || !toNumber(parts[0], size.width) || !toNumber(parts[1], size.height) ||
+      size.width <= 0 || size.height <= 0) {
+    fail(option, text, "WIDTHxHEIGHT with positive numbers");
+  }
+  return size;
+}
+
+Region parseRegion(std::string_view option, std::string_view text) {
+  std::array<std::int64_t, 4> v{};
+  if (!integers(text, v.size(), v.data()) || v[2] <= 0 || v[3] <= 0) {
+    fail(option, text, "LEFT,TOP,WIDTH,HEIGHT in whole points with a positive size");
+  }
+  return Region(v[0], v[1], v[2], v[3]);
+}
+
+FloatingArgument parseFloating(std::string_view option, std::string_view text) {
+  std::array<std::int64_t, 8> v{};
+  if (!integers(text, v.size(), v.data()) || v[2] <= 0 || v[3] <= 0 || v[4] < 0 || v[5] < 0 ||
+      v[6] < 0 || v[7] < 0) {
+    fail(option, text,
+         "LEFT,TOP,WIDTH,HEIGHT,UP,DOWN,LEFT,RIGHT in whole points with a positive size and "
+         "offsets of 0 or more");
+  }
+  return FloatingArgument{Region(v[0], v[1], v[2], v[3]), v[4], v[5], v[6], v[7]};
+}
+
+std::pair<std::string, std::string> parseProperty(std::string_view option, std::string_view text) {
+  const std::size_t equals = text.find('=');
+  if (equals == std::string_view::npos || equals == 0 || equals + 1 == text.size()) {
+    fail(option, text, "NAME=VALUE with a name and a value");
+  }
+  return {std::string(text.substr(0, equals)), std::string(text.substr(equals + 1))};
+}
+
+bool parseYesNo(std::string_view option, std::string_view text) {
+  if (text == "yes") return true;
+  if (text == "no") return false;
+  fail(option, text, "yes or no");
+}
+
+MatchLevel parseMatchLevel(std::string_view option, std::string_view text) {
+  for (const MatchLevel level :
+       {MatchLevelNone, MatchLevelLayout, MatchLevelContent, MatchLevelStrict, MatchLevelExact}) {
+    if (equalsIgnoringCase(text, matchLevelToString(level))) return level;
+  }
+  fail(option, text, "None, Layout, Content, Strict or Exact");
+}
+
+}  // namespace lumo::cli

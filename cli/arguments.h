@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "lumo/geometry.h"
+#include "lumo/match_level.h"
+#include "lumo/region.h"
+
+namespace lumo::cli {
+
+// A floating region with how far its content may move each way (in points).
+struct FloatingArgument {
+  Region region;
+  std::int64_t maxUp = 0;
+  std::int64_t maxDown = 0;
+  std::int64_t maxLeft = 0;
+  std::int64_t maxRight = 0;
+};
+
+// Parsers of the command's argument forms. Each throws UsageError naming `option` and the
+// text it could not use.
+
+// "WxH" with positive numbers, e.g. "390x844".
+Size parseViewport(std::string_view option, std::string_view text);
+// "L,T,W,H" in whole points; width and height must be positive.
+Region parseRegion(std::string_view option, std::string_view text);
+// "L,T,W,H,UP,DOWN,LEFT,RIGHT"; the offsets must not be negative.
+FloatingArgument parseFloating(std::string_view option, std::string_view text);
+// "NAME=VALUE" with both parts non-empty; the value may itself contain "=".
+std::pair<std::string, std::string> parseProperty(std::string_view option, std::string_view text);
+// "yes" or "no".
+bool parseYesNo(std::string_view option, std::string_view text);
+// "None", "Layout", "Content", "Strict" or "Exact", in any letter case.
+MatchLevel parseMatchLevel(std::string_view option, std::string_view text);
+
+}  // namespace lumo::cli

@@ -1,0 +1,129 @@
+#include "server_command.h"
+
+#include <fmt/format.h>
+#include <fmt/ostream.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <exception>
+#include <ostream>
+
+#include "exit_status.h"
+#include "lumo/server/server.h"
+
+namespace lumo::cli {
+namespace {
+
+sigset_t stopSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  return set;
+}
+
+void checkReadable(const std::filesystem::path& file, std::string_view option) {
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(file, ec)) {
+    throw UsageError(fmt::format("{}: no such file \"{}\"", option, file.string()));
+  }
+}
+
+}  // namespace
+
+ServerCommand::ServerCommand(CLI::App& parent) {
+  CLI::App* c = parent.add_subcommand("server", "Run the reference visual-testing server");
+  command_ = c;
+  c->add_option("--host", parsed_.host, "Address to listen on (default 127.0.0.1)");
+  c->add_option("--port", port_, "Port to listen on (default 8088; 0: any free port)")
+      ->type_name("PORT");
+  c->add_option("--data", parsed_.dataDir,
+                "Directory of baselines and results (default "
+                "./lumo-data)")
+      ->type_name("DIR");
+  c->add_option("--api-key", parsed_.apiKeys,
+                "Key a client must give (repeatable; default: the demo key only)")
+      ->allow_extra_args(false)
+      ->type_name("KEY");
+  c->add_option("--cert", parsed_.certFile, "PEM certificate, for HTTPS (with --key)")
+      ->type_name("FILE");
+  c->add_option("--key", parsed_.keyFile, "PEM private key, for HTTPS (with --cert)")
+      ->type_name("FILE");
+}
+
+bool ServerCommand::selected() const { return command_->parsed(); }
+
+ServerOptions ServerCommand::options() const {
+  ServerOptions o = parsed_;
+  if (command_->count("--port") > 0) {
+    const char* end = port_.data() + port_.size();
+    const auto [next, error] = std::from_chars(port_.data(), end, o.port);
+    if (error != std::errc() || next != end || port_.empty() || o.port < 0 || o.port > 65535) {
+      throw UsageError(fmt::format("--port: expected a port from 0 to 65535, got \"{}\"", port_));
+    }
+  }
+  if (o.host.empty()) throw UsageError("--host: the address is empty");
+  if (o.dataDir.empty()) throw UsageError("--data: the directory is empty");
+  for (const auto& key : o.apiKeys) {
+    if (key.empty()) throw UsageError("--api-key: a key is empty");
+  }
+  if (o.certFile.empty() != o.keyFile.empty()) {
+    throw UsageError("--cert and --key go together: give both for HTTPS, or neither");
+  }
+  if (!o.certFile.empty()) {
+    checkReadable(o.certFile, "--cert");
+    checkReadable(o.keyFile, "--key");
+  }
+  return o;
+}
+
+void blockStopSignals() {
+  const sigset_t set = stopSignals();
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+void waitForStopSignal() {
+  const sigset_t set = stopSignals();
+  int signal = 0;
+  sigwait(&set, &signal);
+}
+
+int runServer(const ServerOptions& o, std::ostream& out, std::ostream& err,
+              const std::function<void(lumo::server::Server&)>& waitUntilStopped) {
+  lumo::server::ServerConfig config;
+  config.host = o.host;
+  config.port = o.port;
+  config.dataDir = o.dataDir;
+  config.apiKeys = o.apiKeys;
+  config.certFile = o.certFile;
+  config.keyFile = o.keyFile;
+  // The server's threads inherit the mask, so Ctrl-C reaches only the wait below.
+  if (!waitUntilStopped) blockStopSignals();
+  lumo::server::Server server(config);
+  try {
+    server.start();
+  } catch (const std::exception& e) {
+    fmt::print(err, "lumo server: cannot start on {}:{}: {}\n", o.host, o.port, e.what());
+    return 1;
+  }
+  fmt::print(out, "Lumo server listening at {}\n", server.baseUrl());
+  fmt::print(out, "Results pages at {}/, data in {}\n", server.baseUrl(), o.dataDir.string());
+  if (o.apiKeys.empty()) {
+    fmt::print(out, "API key: {} (export BRIXTEL_API_KEY={})\n", lumo::server::kDemoApiKey,
+               lumo::server::kDemoApiKey);
+  }
+  fmt::print(out, "Press Ctrl-C to stop.\n");
+  out.flush();
+  if (waitUntilStopped) {
+    waitUntilStopped(server);
+  } else {
+    waitForStopSignal();
+  }
+  server.stop();
+  fmt::print(out, "Stopped.\n");
+  return 0;
+}
+
+}  // namespace lumo::cli
