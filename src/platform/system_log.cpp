@@ -13,6 +13,8 @@
 #include <string>
 #include <utility>
 
+#include "replaceable.h"
+
 namespace lumo {
 namespace {
 
@@ -65,38 +67,15 @@ void writeToStderr(std::string_view line) {
   }
 }
 
-struct SinkSlot {
-  std::mutex mutex;
-  std::shared_ptr<const SystemLogSink> sink;
-};
-
-SinkSlot& slot() {
-  static SinkSlot instance{{}, std::make_shared<const SystemLogSink>(writeToStderr)};
+detail::Replaceable<SystemLogSink>& slot() {
+  static detail::Replaceable<SystemLogSink> instance(writeToStderr);
   return instance;
 }
 
 }  // namespace
 
-void systemLog(std::string_view line) {
-  std::shared_ptr<const SystemLogSink> sink;
-  {
-    SinkSlot& s = slot();
-    std::lock_guard lock(s.mutex);
-    sink = s.sink;
-  }
-  (*sink)(line);
-}
+void systemLog(std::string_view line) { (*slot().current())(line); }
 
-SystemLogSink setSystemLogSink(SystemLogSink sink) {
-  if (!sink) {
-    sink = writeToStderr;
-  }
-  auto next = std::make_shared<const SystemLogSink>(std::move(sink));
-  SinkSlot& s = slot();
-  std::lock_guard lock(s.mutex);
-  SystemLogSink previous = *s.sink;
-  s.sink = std::move(next);
-  return previous;
-}
+SystemLogSink setSystemLogSink(SystemLogSink sink) { return slot().replace(std::move(sink)); }
 
 }  // namespace lumo
