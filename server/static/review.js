@@ -55,9 +55,12 @@
     for (const stage of document.querySelectorAll('.stage')) {
       stage.classList.toggle('zoom-fit', scale === 0);
       stage.classList.toggle('zoom-fixed', scale !== 0);
+      // Fit: the whole screen in the visible height (hidden steps measure 0 and wait).
+      const room = stage.clientHeight - 40;
       for (const img of stage.querySelectorAll('.frame img:not(.top)')) {
         // CSS pixels: at a device ratio of 1, 100 % shows every image pixel.
         img.style.width = scale && img.naturalWidth ? img.naturalWidth * scale + 'px' : '';
+        img.style.maxHeight = !scale && room > 100 ? room + 'px' : '';
       }
     }
     pressed('zoom', view.zoom);
@@ -125,6 +128,7 @@
     for (const input of document.querySelectorAll('input[name=step]')) {
       input.value = String(active + 1);
     }
+    applyZoom();
     const hash = '#' + steps[active].id;
     if (location.hash !== hash) {
       history.replaceState(null, '', hash);
@@ -179,6 +183,7 @@
     showStep(i);
   }));
   window.addEventListener('hashchange', () => showStep(fromHash()));
+  window.addEventListener('resize', applyZoom);
   document.addEventListener('keydown', (e) => {
     if (e.ctrlKey || e.metaKey || e.altKey || e.target.closest('input, select, textarea')) {
       return;

@@ -76,8 +76,12 @@ HeadlessBrowser::HeadlessBrowser(int width, int height, std::chrono::millisecond
   pid_ = fork();
   if (pid_ == 0) {
     // The protocol pipe is fds 3 (commands in) and 4 (answers out) by Chromium's convention.
-    dup2(in[0], 3);
-    dup2(out[1], 4);
+    // Moved out of the way first: a pipe end that already is fd 3 would keep its close-on-exec
+    // flag through dup2 onto itself, and the browser would find no pipe.
+    const int commands = fcntl(in[0], F_DUPFD_CLOEXEC, 10);
+    const int answers = fcntl(out[1], F_DUPFD_CLOEXEC, 10);
+    dup2(commands, 3);
+    dup2(answers, 4);
     const int devNull = open("/dev/null", O_WRONLY);
     dup2(devNull, 1);
     dup2(devNull, 2);
@@ -186,9 +190,9 @@ void HeadlessBrowser::navigate(const std::string& url) {
 }
 
 Json HeadlessBrowser::evaluate(const std::string& expression) {
-  const Json result = call("Runtime.evaluate", {{"expression", expression},
-                                                {"returnByValue", true},
-                                                {"awaitPromise", true}});
+  const Json result =
+      call("Runtime.evaluate",
+           {{"expression", expression}, {"returnByValue", true}, {"awaitPromise", true}});
   if (result.contains("exceptionDetails")) {
     throw std::runtime_error("script failed: " + result["exceptionDetails"].dump());
   }
