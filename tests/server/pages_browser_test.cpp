@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -100,9 +101,28 @@ TEST_F(PagesInBrowser, AReviewerFindsTheChangeOverlaysItAndApprovesWithTheKeyboa
   EXPECT_NE(text().find("Approve all unresolved (1)"), std::string::npos);
   keepScreenshot("batch");
 
+  // The price's box, as the comparison records it in the store.
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((dir_.path() / "lumo.db").c_str(), &db), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(db,
+                         "ALTER TABLE steps ADD COLUMN boxes TEXT; UPDATE steps SET boxes = "
+                         "'[[276,306,88,22]]'",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+
   browser_->navigate(page("/sessions/" + second));
   ASSERT_TRUE(browser_->waitFor(kAllImagesLoaded));
   keepScreenshot("session-side");
+  // Drawn over every frame (three side by side, one overlay); n selects it at 100 %.
+  EXPECT_TRUE(browser_->waitFor("document.querySelectorAll('.step.on .box').length === 4"));
+  browser_->pressKey("n");
+  EXPECT_TRUE(browser_->waitFor(
+      "document.querySelectorAll('.step.on .box.selected').length === 4 && "
+      "document.querySelector('button[data-zoom=\"100\"]').getAttribute('aria-pressed') === "
+      "'true'"));
+  keepScreenshot("session-box");
+  browser_->evaluate("document.querySelector('button[data-zoom=fit]').click()");
   EXPECT_TRUE(browser_->evaluate("location.hash").get<std::string>() == "#step-1");
 
   // Wipe overlay, then the one-key toggle shows the baseline and the current in turn.
