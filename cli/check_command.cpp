@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <iterator>
 #include <mutex>
@@ -137,9 +138,23 @@ CheckSettings settingsOf(const CheckOptions& o) {
   return settings;
 }
 
+// "<app> <test> <local date and time>": a batch a reviewer can tell apart in the server's list
+// without --batch. A batch name from the environment still wins, as the library gives it.
+std::optional<std::string> batchName(const CheckOptions& o) {
+  if (o.batch) return o.batch;
+  const char* fromEnvironment = std::getenv("BRIXTEL_BATCH_NAME");
+  if (fromEnvironment && *fromEnvironment) return std::nullopt;
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  char when[32];
+  std::strftime(when, sizeof when, "%Y-%m-%d %H:%M", &local);
+  return fmt::format("{} {} {}", o.appName, o.testName, when);
+}
+
 void configure(Lumo& lumo, const CheckOptions& o) {
   lumo.setApiKey(o.apiKey);
-  if (o.batch) lumo.setBatch(std::make_shared<BatchInfo>(*o.batch));
+  if (const auto name = batchName(o)) lumo.setBatch(std::make_shared<BatchInfo>(*name));
   if (o.branch) lumo.setBranchName(*o.branch);
   if (o.parentBranch) lumo.setParentBranchName(*o.parentBranch);
   if (o.baselineBranch) lumo.setBaselineBranchName(*o.baselineBranch);

@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -12,6 +13,8 @@
 #include <fstream>
 #include <random>
 #include <sstream>
+
+#include "lumo/json.h"
 
 namespace lumo::server {
 namespace {
@@ -63,6 +66,11 @@ CREATE TABLE IF NOT EXISTS steps(
   baseline_image TEXT NOT NULL,
   current_image TEXT NOT NULL,
   diff_image TEXT NOT NULL,
+  PRIMARY KEY(session_id, position));
+CREATE TABLE IF NOT EXISTS rejections(
+  session_id TEXT NOT NULL REFERENCES sessions(id),
+  position INTEGER NOT NULL,
+  rejected_ms INTEGER NOT NULL,
   PRIMARY KEY(session_id, position));
 )sql";
 
@@ -469,6 +477,122 @@ std::vector<SessionRecord> BaselineStore::sessionsOfBatch(const std::string& bat
   std::vector<SessionRecord> result;
   while (select.step()) {
     result.push_back(readSession(select));
+  }
+  return result;
+}
+
+// Review state and the results pages' queries.
+
+namespace {
+
+// The filter of queryBatches as SQL: a batch matches when one of its sessions does.
+constexpr const char* kBatchFilter =
+    " FROM batches b WHERE EXISTS(SELECT 1 FROM sessions s WHERE s.batch_id = b.id AND "
+    "(?1 = '' OR s.app = ?1) AND (?2 = '' OR s.branch = ?2))";
+
+std::vector<std::string> column(sqlite3* db, const char* sql) {
+  Statement select(db, sql);
+  std::vector<std::string> values;
+  while (select.step()) {
+    values.push_back(select.text(0));
+  }
+  return values;
+}
+
+// Boxes as {"left", "top", "width", "height"} objects or [left, top, width, height] arrays;
+// anything else in the text is skipped rather than failing the page.
+std::vector<Rect> parseBoxes(const std::string& text) {
+  const Json boxes = Json::parse(text, nullptr, false);
+  std::vector<Rect> rects;
+  if (!boxes.is_array()) {
+    return rects;
+  }
+  auto number = [](const Json& v) { return v.is_number() ? v.get<int>() : 0; };
+  for (const Json& box : boxes) {
+    if (box.is_object()) {
+      rects.push_back({number(box.value("left", Json())), number(box.value("top", Json())),
+                       number(box.value("width", Json())), number(box.value("height", Json()))});
+    } else if (box.is_array() && box.size() == 4) {
+      rects.push_back({number(box[0]), number(box[1]), number(box[2]), number(box[3])});
+    }
+  }
+  return rects;
+}
+
+}  // namespace
+
+BaselineStore::BatchList BaselineStore::queryBatches(const BatchQuery& query) const {
+  std::lock_guard lock(mutex_);
+  BatchList list;
+  const std::string countSql = std::string("SELECT COUNT(*)") + kBatchFilter;
+  Statement count(db_, countSql.c_str());
+  count.bind(1, query.app).bind(2, query.branch);
+  if (count.step()) {
+    list.total = static_cast<int>(count.integer(0));
+  }
+  const std::string sql = std::string("SELECT b.id, b.name, b.started_at, b.created_ms") +
+                          kBatchFilter +
+                          " ORDER BY b.created_ms DESC, b.rowid DESC LIMIT ?3 OFFSET ?4";
+  Statement select(db_, sql.c_str());
+  select.bind(1, query.app).bind(2, query.branch);
+  select.bind(3, std::int64_t{std::max(query.limit, 0)});
+  select.bind(4, std::int64_t{std::max(query.offset, 0)});
+  while (select.step()) {
+    list.batches.push_back({select.text(0), select.text(1), select.text(2), select.integer(3)});
+  }
+  return list;
+}
+
+std::vector<std::string> BaselineStore::sessionApps() const {
+  std::lock_guard lock(mutex_);
+  return column(db_, "SELECT DISTINCT app FROM sessions ORDER BY app");
+}
+
+std::vector<std::string> BaselineStore::sessionBranches() const {
+  std::lock_guard lock(mutex_);
+  return column(db_, "SELECT DISTINCT branch FROM sessions ORDER BY branch");
+}
+
+void BaselineStore::reject(const std::string& sessionId, std::optional<int> position) {
+  std::lock_guard lock(mutex_);
+  Statement insert(db_,
+                   "INSERT INTO rejections(session_id, position, rejected_ms) VALUES(?, ?, ?) "
+                   "ON CONFLICT(session_id, position) DO NOTHING");
+  insert.bind(1, sessionId).bind(2, std::int64_t{position.value_or(-1)}).bind(3, nowMs()).run();
+}
+
+void BaselineStore::clearRejections(const std::string& sessionId) {
+  std::lock_guard lock(mutex_);
+  Statement clear(db_, "DELETE FROM rejections WHERE session_id = ?");
+  clear.bind(1, sessionId).run();
+}
+
+std::vector<int> BaselineStore::rejections(const std::string& sessionId) const {
+  std::lock_guard lock(mutex_);
+  Statement select(db_, "SELECT position FROM rejections WHERE session_id = ? ORDER BY position");
+  select.bind(1, sessionId);
+  std::vector<int> positions;
+  while (select.step()) {
+    positions.push_back(static_cast<int>(select.integer(0)));
+  }
+  return positions;
+}
+
+std::vector<std::pair<int, std::vector<Rect>>> BaselineStore::stepBoxes(
+    const std::string& sessionId) const {
+  std::lock_guard lock(mutex_);
+  // Steps written before the comparison reported boxes have no such column.
+  Statement columns(db_, "SELECT 1 FROM pragma_table_info('steps') WHERE name = 'boxes'");
+  if (!columns.step()) {
+    return {};
+  }
+  Statement select(db_,
+                   "SELECT position, boxes FROM steps WHERE session_id = ? AND boxes IS NOT NULL "
+                   "ORDER BY position");
+  select.bind(1, sessionId);
+  std::vector<std::pair<int, std::vector<Rect>>> result;
+  while (select.step()) {
+    result.emplace_back(static_cast<int>(select.integer(0)), parseBoxes(select.text(1)));
   }
   return result;
 }

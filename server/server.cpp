@@ -6,11 +6,15 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 
 #include "pages.h"
+#include "review_access.h"
+#include "review_pages.h"
 
 namespace lumo::server {
 namespace {
@@ -61,6 +65,37 @@ bool plausibleHost(std::string_view host) {
          host.find_first_not_of(
              "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
              "0123456789.-:[]") == std::string_view::npos;
+}
+
+detail::Fields fields(const Request& req) {
+  detail::Fields out;
+  for (const auto& [name, value] : req.params) {
+    out.emplace(name, value);
+  }
+  return out;
+}
+
+std::string cookie(const Request& req) { return req.get_header_value("Cookie"); }
+
+void send(Response& res, detail::PageReply reply) {
+  res.status = reply.status;
+  std::string type = "text/plain; charset=utf-8";
+  for (auto& [name, value] : reply.headers) {
+    if (name == "Content-Type") {
+      type = value;
+    } else {
+      res.set_header(name.c_str(), value);
+    }
+  }
+  if (!reply.body.empty()) {
+    res.set_content(reply.body, type.c_str());
+  }
+}
+
+// Pages stay open for a server on the demo key alone; any real key means a sign-in.
+bool pagesOpen(const std::vector<std::string>& keys) {
+  return std::all_of(keys.begin(), keys.end(),
+                     [](const std::string& k) { return k == kDemoApiKey; });
 }
 
 }  // namespace
@@ -150,37 +185,50 @@ struct Server::Impl {
                  }
                }));
 
-    http->Get("/", [this](const Request&, Response& res) {
-      res.set_content(detail::indexPage(*store), "text/html; charset=utf-8");
+    http->Post(R"(/api/sessions/([^/]+)/reject)", api([this](const Request& req, Response& res) {
+                 const std::string id = req.matches[1];
+                 std::optional<int> position;
+                 if (req.has_param("step")) {
+                   const std::string step = req.get_param_value("step");
+                   position = std::atoi(step.c_str()) - 1;
+                 }
+                 sessions->reject(id, position);
+                 sendJson(res, 200, {{"id", id}, {"rejected", true}});
+               }));
+
+    // The results pages: each route hands the request's parts to ReviewPages.
+    http->Get("/", [this](const Request& req, Response& res) {
+      send(res, pages->index(fields(req), cookie(req)));
     });
     http->Get(R"(/batches/([^/]+))", [this](const Request& req, Response& res) {
-      const auto batch = store->findBatch(req.matches[1]);
-      if (!batch) {
-        res.status = 404;
-        res.set_content(detail::errorPage(404, "No such batch."), "text/html; charset=utf-8");
-        return;
-      }
-      res.set_content(detail::batchPage(*store, *batch), "text/html; charset=utf-8");
+      send(res, pages->batch(req.matches[1], fields(req), cookie(req)));
     });
     http->Get(R"(/sessions/([^/]+))", [this](const Request& req, Response& res) {
-      const auto session = store->findSession(req.matches[1]);
-      if (!session) {
-        res.status = 404;
-        res.set_content(detail::errorPage(404, "No such session."), "text/html; charset=utf-8");
-        return;
-      }
-      res.set_content(detail::sessionPage(*session, store->steps(session->id)),
-                      "text/html; charset=utf-8");
+      send(res, pages->session(req.matches[1], cookie(req)));
     });
     http->Get(R"(/images/([0-9a-f]{64})\.png)", [this](const Request& req, Response& res) {
-      const auto bytes = store->readImage(req.matches[1].str());
-      if (!bytes) {
-        sendError(res, 404, "no such image");
-        return;
-      }
-      // Content-addressed: an image's bytes never change under its name.
-      res.set_header("Cache-Control", "public, max-age=31536000, immutable");
-      res.set_content(*bytes, "image/png");
+      send(res, pages->image(req.matches[1], cookie(req)));
+    });
+    http->Get(R"(/static/([a-z]+\.[a-z]+))", [](const Request& req, Response& res) {
+      send(res, detail::ReviewPages::asset(req.matches[1].str()));
+    });
+    http->Get("/signin", [this](const Request& req, Response& res) {
+      send(res, pages->signInForm(fields(req)));
+    });
+    http->Post("/signin", [this](const Request& req, Response& res) {
+      send(res, pages->signIn(fields(req)));
+    });
+    http->Post("/signout", [this](const Request& req, Response& res) {
+      send(res, pages->signOut(fields(req), cookie(req)));
+    });
+    http->Post(R"(/sessions/([^/]+)/approve)", [this](const Request& req, Response& res) {
+      send(res, pages->approve(req.matches[1], fields(req), cookie(req)));
+    });
+    http->Post(R"(/sessions/([^/]+)/reject)", [this](const Request& req, Response& res) {
+      send(res, pages->reject(req.matches[1], fields(req), cookie(req)));
+    });
+    http->Post(R"(/batches/([^/]+)/approve)", [this](const Request& req, Response& res) {
+      send(res, pages->approveAll(req.matches[1], fields(req), cookie(req)));
     });
 
     http->set_error_handler([this](const Request& req, Response& res) {
@@ -194,7 +242,9 @@ struct Server::Impl {
       } else if (req.path.starts_with("/api/")) {
         sendError(res, res.status, res.status == 404 ? "no such resource" : "bad request");
       } else {
-        res.set_content(detail::errorPage(res.status, "Not found."), "text/html; charset=utf-8");
+        detail::PageReply reply = detail::ReviewPages::notFound();
+        reply.status = res.status;
+        send(res, std::move(reply));
       }
     });
     http->set_exception_handler([](const Request&, Response& res, std::exception_ptr) {
@@ -205,6 +255,8 @@ struct Server::Impl {
   ServerConfig config;
   std::unique_ptr<BaselineStore> store;
   std::unique_ptr<SessionManager> sessions;
+  std::unique_ptr<detail::ReviewAccess> access;
+  std::unique_ptr<detail::ReviewPages> pages;
   std::unique_ptr<httplib::Server> http;
   int port = -1;
 
@@ -258,6 +310,8 @@ void Server::start() {
   }
   s.store = std::move(store);
   s.sessions = std::make_unique<SessionManager>(*s.store, ImageComparer(), s.config.maxImagePixels);
+  s.access = std::make_unique<detail::ReviewAccess>(s.config.apiKeys, pagesOpen(s.config.apiKeys));
+  s.pages = std::make_unique<detail::ReviewPages>(*s.sessions, *s.access, s.https());
   s.http = std::move(http);
   s.port = port;
   s.routes();

@@ -615,6 +615,25 @@ void SessionManager::approve(const std::string& sessionId) {
     throw ApiError(409, fmt::format("session {} failed and has no images to approve", sessionId));
   }
   store_.saveBaseline(record->key, imagesOf(store_.steps(sessionId)), sessionId);
+  store_.clearRejections(sessionId);
+}
+
+void SessionManager::reject(const std::string& sessionId, std::optional<int> position) {
+  if (running(sessionId)) {
+    throw ApiError(409, fmt::format("session {} is still running", sessionId));
+  }
+  const auto record = store_.findSession(sessionId);
+  if (!record) {
+    throw ApiError(404, fmt::format("no session {}", sessionId));
+  }
+  if (record->state == "aborted") {
+    throw ApiError(409, fmt::format("session {} was aborted and has nothing to reject", sessionId));
+  }
+  if (position &&
+      (*position < 0 || *position >= static_cast<int>(store_.steps(sessionId).size()))) {
+    throw ApiError(404, fmt::format("session {} has no step {}", sessionId, *position + 1));
+  }
+  store_.reject(sessionId, position);
 }
 
 Json SessionManager::results(const std::string& sessionId, std::string_view baseUrl) const {

@@ -1,4 +1,6 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <httplib.h>
 
 #include <memory>
 #include <sstream>
@@ -6,6 +8,7 @@
 #include <vector>
 
 #include "check_command.h"
+#include "lumo/json.h"
 #include "lumo/server/server.h"
 #include "run_lumo.h"
 #include "server/temp_dir.h"
@@ -83,6 +86,22 @@ TEST_F(CheckEndToEnd, CaptureCommandTakesEachCheckpointFromTheCommand) {
   const auto again = check({"--capture", "cat " + home_.string()}, {"first"});
   EXPECT_EQ(again.status, kExitPassed) << again.err;
   EXPECT_TRUE(contains(again.out, "first: matched\n")) << again.out;
+}
+
+TEST_F(CheckEndToEnd, TheBatchIsNamedAfterAppTestAndLocalTimeUnlessGiven) {
+  auto batchName = [&](std::vector<std::string> extra) {
+    const auto outcome = check(std::move(extra), {home_.string()});
+    const auto at = outcome.out.find("/sessions/");
+    EXPECT_NE(at, std::string::npos) << outcome.out;
+    const std::string id = outcome.out.substr(at + 10, 32);
+    httplib::Client client("127.0.0.1", server_->port());
+    auto res = client.Get("/api/sessions/" + id +
+                          ".json?apiKey=" + std::string(lumo::server::kDemoApiKey));
+    return res ? lumo::Json::parse(res->body).value("batchName", "") : std::string("no answer");
+  };
+  EXPECT_THAT(batchName({}),
+              ::testing::MatchesRegex("Shop Browse [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}"));
+  EXPECT_EQ(batchName({"--batch", "Nightly"}), "Nightly");
 }
 
 TEST_F(CheckEndToEnd, WrongApiKeyIsNoVerdict) {

@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "lumo/server/image_comparer.h"
+
 struct sqlite3;
 
 namespace lumo::server {
@@ -116,6 +118,37 @@ class BaselineStore {
   std::vector<BatchRecord> recentBatches(int limit) const;
   // A batch's sessions, earliest first.
   std::vector<SessionRecord> sessionsOfBatch(const std::string& batchId) const;
+
+  // Review state and the results pages' queries.
+
+  // Which batches the index shows: those with a session of `app` and of `branch` (empty: any),
+  // most recent first, `limit` of them from `offset` on.
+  struct BatchQuery {
+    std::string app;
+    std::string branch;
+    int offset = 0;
+    int limit = 20;
+  };
+  struct BatchList {
+    std::vector<BatchRecord> batches;
+    int total = 0;  // batches matching the filter, over all pages
+  };
+  BatchList queryBatches(const BatchQuery& query) const;
+  // The distinct apps and branches of all sessions, sorted, for the index's filters.
+  std::vector<std::string> sessionApps() const;
+  std::vector<std::string> sessionBranches() const;
+
+  // Marks a session's step (or, with nullopt, the whole test) rejected. The baseline stays as
+  // it was; approving the session later clears its rejections. Throws StoreError.
+  void reject(const std::string& sessionId, std::optional<int> position);
+  // Drops a session's rejections (it was approved). Throws StoreError.
+  void clearRejections(const std::string& sessionId);
+  // The rejected positions of a session; -1 stands for the whole test. Empty: not rejected.
+  std::vector<int> rejections(const std::string& sessionId) const;
+
+  // The difference boxes of each step of a session by position, where the store has them;
+  // steps recorded without boxes are absent.
+  std::vector<std::pair<int, std::vector<Rect>>> stepBoxes(const std::string& sessionId) const;
 
   // The directory given at construction.
   const std::filesystem::path& dataDir() const { return dataDir_; }

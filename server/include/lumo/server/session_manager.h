@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -63,8 +64,14 @@ class SessionManager {
   Json stop(const std::string& sessionId, bool aborted, bool updateBaseline,
             std::string_view baseUrl);
 
-  // Makes a stopped session's images the baseline of its test.
+  // Makes a stopped session's images the baseline of its test and clears its rejections.
   void approve(const std::string& sessionId);
+
+  // Rejects one step of a stopped session (by position) or, with nullopt, the whole test.
+  // The session stays unresolved and the baseline unchanged, so the next run is compared
+  // with the same baseline. Throws ApiError for a running, aborted or unknown session or a
+  // position it does not have.
+  void reject(const std::string& sessionId, std::optional<int> position);
 
   // The test results of a stopped session, as stop answered them (with later approval).
   Json results(const std::string& sessionId, std::string_view baseUrl) const;

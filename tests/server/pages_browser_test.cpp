@@ -1,0 +1,187 @@
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <optional>
+#include <thread>
+
+#include "server_fixture.h"
+#include "support/headless_browser.h"
+
+namespace lumo::server::testing {
+namespace {
+
+using test::BrowserUnavailable;
+using test::HeadlessBrowser;
+
+// A phone-sized screen: a list of rows, one price line varied by `price`.
+Image phone(unsigned price) {
+  Image image = solid(390, 844);
+  fill(image, 0, 0, 390, 90, kBlue);
+  text(image, 20, 40, 200, 20, 100, kWhite);
+  for (int row = 0; row < 6; ++row) {
+    text(image, 20, 130 + row * 90, 240, 14, 10 + row);
+    text(image, 20, 154 + row * 90, 140, 10, 30 + row);
+  }
+  text(image, 280, 310, 80, 14, price);
+  button(image, 40, 740, 310, 56, kRed, 7);
+  return image;
+}
+
+// The results pages as a reviewer sees them: one real headless Chromium for the whole suite
+// (CI starts one per run), against a fresh server for each test.
+class PagesInBrowser : public ServerTest {
+ protected:
+  static void SetUpTestSuite() {
+    try {
+      browser_.emplace();
+    } catch (const BrowserUnavailable& e) {
+      unavailable_ = e.what();
+    }
+  }
+  static void TearDownTestSuite() { browser_.reset(); }
+
+  void SetUp() override {
+    if (!browser_) {
+      GTEST_SKIP() << "Chromium cannot start here, page tests skipped: " << unavailable_;
+    }
+    ServerTest::SetUp();
+  }
+
+  std::string page(const std::string& path) const { return server_->baseUrl() + path; }
+
+  // Like waitFor, but also across a navigation the page starts itself (a form it submits).
+  static bool eventually(const std::string& expression) {
+    for (int attempt = 0; attempt < 400; ++attempt) {
+      try {
+        if (browser_->waitFor(expression)) {
+          return true;
+        }
+      } catch (const std::runtime_error&) {
+        // The old document went away mid-evaluation.
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    }
+    return false;
+  }
+
+  // With LUMO_PAGE_SHOTS=<dir>, keeps what the browser shows for a person to look at.
+  static void keepScreenshot(const std::string& name) {
+    if (const char* dir = std::getenv("LUMO_PAGE_SHOTS")) {
+      std::ofstream(std::string(dir) + "/" + name + ".png", std::ios::binary)
+          << browser_->screenshot();
+    }
+  }
+
+  std::string text() { return browser_->evaluate("document.body.innerText").get<std::string>(); }
+
+  static inline std::optional<HeadlessBrowser> browser_;
+  static inline std::string unavailable_;
+};
+
+constexpr const char* kAllImagesLoaded =
+    "[...document.images].length > 0 && "
+    "[...document.images].every(i => i.complete && i.naturalWidth > 0)";
+
+TEST_F(PagesInBrowser, AReviewerFindsTheChangeOverlaysItAndApprovesWithTheKeyboard) {
+  Json info = startInfo("Checkout");
+  info["batchInfo"]["name"] = "Shop Checkout <nightly>";
+  const std::string first = start(info, 201);
+  check(first, phone(1), "cart");
+  stop(first, true);
+  const std::string second = start(info, 200);
+  EXPECT_FALSE(check(second, phone(2), "cart"));
+  stop(second, false);
+
+  browser_->navigate(page("/"));
+  EXPECT_NE(text().find("Shop Checkout <nightly>"), std::string::npos);
+  keepScreenshot("index");
+  browser_->navigate(page("/batches/B1"));
+  EXPECT_NE(text().find("Approve all unresolved (1)"), std::string::npos);
+  keepScreenshot("batch");
+
+  // The price's box, as the comparison records it in the store.
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((dir_.path() / "lumo.db").c_str(), &db), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(db,
+                         "ALTER TABLE steps ADD COLUMN boxes TEXT; UPDATE steps SET boxes = "
+                         "'[[276,306,88,22]]'",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+
+  browser_->navigate(page("/sessions/" + second));
+  ASSERT_TRUE(browser_->waitFor(kAllImagesLoaded));
+  keepScreenshot("session-side");
+  // Drawn over every frame (three side by side, one overlay); n selects it at 100 %.
+  EXPECT_TRUE(browser_->waitFor("document.querySelectorAll('.step.on .box').length === 4"));
+  browser_->pressKey("n");
+  EXPECT_TRUE(browser_->waitFor(
+      "document.querySelectorAll('.step.on .box.selected').length === 4 && "
+      "document.querySelector('button[data-zoom=\"100\"]').getAttribute('aria-pressed') === "
+      "'true'"));
+  keepScreenshot("session-box");
+  browser_->evaluate("document.querySelector('button[data-zoom=fit]').click()");
+  EXPECT_TRUE(browser_->evaluate("location.hash").get<std::string>() == "#step-1");
+
+  // Wipe overlay, then the one-key toggle shows the baseline and the current in turn.
+  browser_->evaluate("document.querySelector('button[data-mode=wipe]').click()");
+  EXPECT_TRUE(
+      browser_->waitFor("document.querySelector('.step.on .pane.overlay').offsetParent !== null && "
+                        "document.querySelector('.step.on .pane.side').offsetParent === null"));
+  keepScreenshot("session-wipe");
+  browser_->pressKey("t");
+  EXPECT_TRUE(
+      browser_->waitFor("document.querySelector('.step.on img.top').style.opacity === '0'"));
+  browser_->pressKey("t");
+  EXPECT_TRUE(
+      browser_->waitFor("document.querySelector('.step.on img.top').style.opacity === '1'"));
+  browser_->evaluate("document.querySelector('button[data-zoom=\"200\"]').click()");
+  EXPECT_TRUE(browser_->waitFor("document.querySelector('.step.on img.top').offsetWidth === 780"));
+  keepScreenshot("session-toggle-200");
+
+  browser_->pressKey("a");
+  ASSERT_TRUE(eventually("document.body.innerText.includes('saved as baseline')"));
+  keepScreenshot("session-approved");
+
+  // The API sees the approval: the changed screen is now the baseline.
+  const Json results =
+      Json::parse(client_->Get("/api/sessions/" + second + ".json?" + keyQuery())->body);
+  EXPECT_EQ(results["stepsInfo"][0]["isDifferent"], true);
+  const std::string third = start(info, 200);
+  EXPECT_TRUE(check(third, phone(2), "cart"));
+  EXPECT_EQ(stop(third, false)["status"], "Passed");
+}
+
+TEST_F(PagesInBrowser, WithKeysEveryPageAndImageRedirectsToSignInUntilAKeyIsGiven) {
+  stopServer();
+  ServerConfig config;
+  config.apiKeys = {"team-key"};
+  startServer(config);
+  Json started = Json::parse(
+      post("/api/sessions/running.json", {{"startInfo", startInfo("Login")}}, "team-key")->body);
+  const std::string id = started["id"];
+  post("/api/sessions/running/" + id + ".json", matchData(screenshot64(screen()), "home"),
+       "team-key");
+  client_->Delete("/api/sessions/running/" + id + ".json?apiKey=team-key");
+  const Json results =
+      Json::parse(client_->Get("/api/sessions/" + id + ".json?apiKey=team-key")->body);
+  const std::string image = results["stepsInfo"][0]["apiUrls"]["currentImage"];
+
+  for (const std::string& url : {page("/"), page("/batches/B1"), page("/sessions/" + id), image}) {
+    browser_->navigate(url);
+    EXPECT_EQ(browser_->url().rfind(page("/signin?next="), 0), 0u) << url;
+  }
+  keepScreenshot("signin");
+  browser_->navigate(page("/signin?next=/sessions/" + id));
+  browser_->evaluate(
+      "document.getElementById('key').value = 'team-key'; "
+      "document.querySelector('form.signin').requestSubmit()");
+  ASSERT_TRUE(eventually("location.pathname === '/sessions/" + id + "'"));
+  EXPECT_TRUE(browser_->waitFor(kAllImagesLoaded));
+  EXPECT_EQ(browser_->evaluate("document.cookie"), "");  // HttpOnly: no script can read it
+}
+
+}  // namespace
+}  // namespace lumo::server::testing
