@@ -78,7 +78,7 @@ std::string image(std::string_view hash, std::string_view caption) {
 
 }  // namespace
 
-std::string indexPage(const BaselineStore& store) {
+std::string indexPage(const Store& store) {
   std::string body = "<h1>Recent batches</h1>";
   const auto batches = store.recentBatches(kRecentBatches);
   if (batches.empty()) {
@@ -92,7 +92,7 @@ std::string indexPage(const BaselineStore& store) {
   return page("Recent batches", body);
 }
 
-std::string batchPage(const BaselineStore& store, const BatchRecord& batch) {
+std::string batchPage(const Store& store, const BatchRecord& batch) {
   const std::string body =
       fmt::format("<h1>{}</h1><p>Batch {}, started {}</p>{}", htmlEscape(batchTitle(batch)),
                   htmlEscape(batch.id), htmlEscape(batch.startedAt),

@@ -4,17 +4,17 @@
 #include <string_view>
 #include <vector>
 
-#include "lumo/server/baseline_store.h"
+#include "lumo/server/store.h"
 
 // The results pages a person opens from a test's link. Every text that came from a client is
 // escaped; links are relative to the server.
 namespace lumo::server::detail {
 
 // Recent batches, each with its tests and their outcome.
-std::string indexPage(const BaselineStore& store);
+std::string indexPage(const Store& store);
 
 // One batch and its tests.
-std::string batchPage(const BaselineStore& store, const BatchRecord& batch);
+std::string batchPage(const Store& store, const BatchRecord& batch);
 
 // One session: each step's baseline, current and diff images side by side with its outcome,
 // and a form that approves the session's images as the baseline.

@@ -1,22 +1,25 @@
-#include "lumo/server/baseline_store.h"
+#include "lumo/server/sqlite_store.h"
 
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <sqlite3.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <random>
 #include <sstream>
+
+#include "content_hash.h"
 
 namespace lumo::server {
 namespace {
 
-constexpr const char* kSchema = R"sql(
+// The schema as it was before sessions lived in the store; each migration below moves a
+// database one version on, so old data directories open as they are.
+constexpr const char* kInitialSchema = R"sql(
 CREATE TABLE IF NOT EXISTS batches(
   id TEXT PRIMARY KEY,
   name TEXT NOT NULL,
@@ -66,9 +69,37 @@ CREATE TABLE IF NOT EXISTS steps(
   PRIMARY KEY(session_id, position));
 )sql";
 
+// Migration i takes the database from user_version i to i + 1. Append only.
+constexpr const char* kMigrations[] = {
+    kInitialSchema,
+    // Running sessions live in the store: owner, progress, idle time, review state and the
+    // baseline each compares with. A session a former server kept in memory cannot resume.
+    R"sql(
+ALTER TABLE sessions ADD COLUMN owner TEXT NOT NULL DEFAULT '';
+ALTER TABLE sessions ADD COLUMN step_count INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE sessions ADD COLUMN last_active_ms INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE sessions ADD COLUMN expired INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE sessions ADD COLUMN rejected INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE steps ADD COLUMN rejected INTEGER NOT NULL DEFAULT 0;
+CREATE TABLE session_baselines(
+  session_id TEXT NOT NULL REFERENCES sessions(id),
+  position INTEGER NOT NULL,
+  name TEXT NOT NULL,
+  image TEXT NOT NULL,
+  PRIMARY KEY(session_id, position));
+CREATE INDEX running_sessions ON sessions(state, last_active_ms);
+UPDATE sessions SET state = 'aborted', status = 'Unresolved' WHERE state = 'running';
+UPDATE sessions SET step_count = (SELECT COUNT(*) FROM steps WHERE steps.session_id = sessions.id);
+)sql",
+};
+
 constexpr const char* kSessionColumns =
     "id, batch_id, app, test, environment, branch, baseline_branch, start_info, started_at, "
-    "started_ms, state, status, is_new, saved, duration_ms";
+    "started_ms, state, status, is_new, saved, duration_ms, owner, step_count, last_active_ms, "
+    "expired, rejected";
+
+constexpr const char* kStepColumns =
+    "position, name, outcome, match_level, baseline_image, current_image, diff_image, rejected";
 
 std::int64_t nowMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -118,6 +149,11 @@ class Statement {
     while (step()) {
     }
   }
+  // Ready to bind and run again.
+  void reset() {
+    sqlite3_reset(stmt_);
+    sqlite3_clear_bindings(stmt_);
+  }
   std::string text(int column) const {
     const auto* p = sqlite3_column_text(stmt_, column);
     return p ? std::string(reinterpret_cast<const char*>(p),
@@ -165,42 +201,6 @@ class Transaction {
   bool done_ = false;
 };
 
-SessionRecord readSession(const Statement& s) {
-  SessionRecord r;
-  r.id = s.text(0);
-  r.batchId = s.text(1);
-  r.key = {s.text(2), s.text(3), s.text(4), s.text(5)};
-  r.baselineBranch = s.text(6);
-  r.startInfo = s.text(7);
-  r.startedAt = s.text(8);
-  r.startedMs = s.integer(9);
-  r.state = s.text(10);
-  r.status = s.text(11);
-  r.isNew = s.integer(12) != 0;
-  r.saved = s.integer(13) != 0;
-  r.durationMs = s.integer(14);
-  return r;
-}
-
-std::string sha256Hex(std::string_view data) {
-  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-  unsigned int length = 0;
-  if (EVP_Digest(data.data(), data.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1) {
-    fail("cannot hash image");
-  }
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string hex;
-  for (unsigned int i = 0; i < length; ++i) {
-    hex += kHex[digest[i] >> 4];
-    hex += kHex[digest[i] & 15];
-  }
-  return hex;
-}
-
-bool isHash(std::string_view text) {
-  return text.size() == 64 && text.find_first_not_of("0123456789abcdef") == std::string::npos;
-}
-
 void syncPath(const std::filesystem::path& path, int flags) {
   const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
   if (fd < 0) {
@@ -226,11 +226,63 @@ void writeFully(int fd, std::string_view data, const std::filesystem::path& path
   }
 }
 
+SessionRecord readSession(const Statement& s) {
+  SessionRecord r;
+  r.id = s.text(0);
+  r.batchId = s.text(1);
+  r.key = {s.text(2), s.text(3), s.text(4), s.text(5)};
+  r.baselineBranch = s.text(6);
+  r.startInfo = s.text(7);
+  r.startedAt = s.text(8);
+  r.startedMs = s.integer(9);
+  r.state = s.text(10);
+  r.status = s.text(11);
+  r.isNew = s.integer(12) != 0;
+  r.saved = s.integer(13) != 0;
+  r.durationMs = s.integer(14);
+  r.owner = s.text(15);
+  r.stepCount = static_cast<int>(s.integer(16));
+  r.lastActiveMs = s.integer(17);
+  r.expired = s.integer(18) != 0;
+  r.rejected = s.integer(19) != 0;
+  return r;
+}
+
+StepRecord readStep(const Statement& s) {
+  StepRecord r;
+  r.position = static_cast<int>(s.integer(0));
+  r.name = s.text(1);
+  r.outcome = s.text(2);
+  r.matchLevel = s.text(3);
+  r.baselineImage = s.text(4);
+  r.currentImage = s.text(5);
+  r.diffImage = s.text(6);
+  r.rejected = s.integer(7) != 0;
+  return r;
+}
+
+void migrate(sqlite3* db) {
+  constexpr int kVersion = static_cast<int>(std::size(kMigrations));
+  Transaction transaction(db);
+  // Read inside the transaction: another process may be migrating the same file.
+  Statement version(db, "PRAGMA user_version");
+  int current = version.step() ? static_cast<int>(version.integer(0)) : 0;
+  if (current > kVersion) {
+    fail("the database was written by a newer server (schema version " + std::to_string(current) +
+         ")");
+  }
+  for (; current < kVersion; ++current) {
+    exec(db, kMigrations[current]);
+  }
+  exec(db, ("PRAGMA user_version = " + std::to_string(kVersion)).c_str());
+  transaction.commit();
+}
+
 constexpr std::string_view kTempSuffix = ".tmp";
 
 }  // namespace
 
-BaselineStore::BaselineStore(const std::filesystem::path& dataDir) : dataDir_(dataDir) {
+SqliteStore::SqliteStore(const std::filesystem::path& dataDir) : dataDir_(dataDir) {
   std::error_code ec;
   std::filesystem::create_directories(dataDir_ / "images", ec);
   if (ec) {
@@ -254,21 +306,21 @@ BaselineStore::BaselineStore(const std::filesystem::path& dataDir) : dataDir_(da
     exec(db_, "PRAGMA journal_mode=WAL");
     exec(db_, "PRAGMA synchronous=FULL");
     exec(db_, "PRAGMA foreign_keys=ON");
-    exec(db_, kSchema);
+    migrate(db_);
   } catch (...) {
     sqlite3_close(db_);
     throw;
   }
 }
 
-BaselineStore::~BaselineStore() { sqlite3_close(db_); }
+SqliteStore::~SqliteStore() { sqlite3_close(db_); }
 
-std::filesystem::path BaselineStore::imagePath(std::string_view hash) const {
+std::filesystem::path SqliteStore::imagePath(std::string_view hash) const {
   return dataDir_ / "images" / std::string(hash.substr(0, 2)) / (std::string(hash) + ".png");
 }
 
-std::string BaselineStore::putImage(std::string_view png) {
-  const std::string hash = sha256Hex(png);
+std::string SqliteStore::putImage(std::string_view png) {
+  const std::string hash = detail::sha256Hex(png);
   const std::filesystem::path path = imagePath(hash);
   std::error_code ec;
   if (std::filesystem::exists(path, ec)) {
@@ -305,8 +357,8 @@ std::string BaselineStore::putImage(std::string_view png) {
   return hash;
 }
 
-std::optional<std::string> BaselineStore::readImage(std::string_view hash) const {
-  if (!isHash(hash)) {
+std::optional<std::string> SqliteStore::readImage(std::string_view hash) const {
+  if (!detail::isSha256Hex(hash)) {
     return std::nullopt;
   }
   std::ifstream in(imagePath(hash), std::ios::binary);
@@ -318,7 +370,7 @@ std::optional<std::string> BaselineStore::readImage(std::string_view hash) const
   return std::move(bytes).str();
 }
 
-std::optional<std::vector<StoredStep>> BaselineStore::findBaseline(const BaselineKey& key) const {
+std::optional<std::vector<StoredStep>> SqliteStore::findBaseline(const BaselineKey& key) const {
   std::lock_guard lock(mutex_);
   Statement find(db_,
                  "SELECT id FROM baselines WHERE app = ? AND test = ? AND environment = ? AND "
@@ -337,16 +389,17 @@ std::optional<std::vector<StoredStep>> BaselineStore::findBaseline(const Baselin
   return result;
 }
 
-void BaselineStore::saveBaseline(const BaselineKey& key, const std::vector<StoredStep>& steps,
-                                 const std::string& sessionId) {
+void SqliteStore::checkImagesStored(const std::vector<StoredStep>& steps) const {
   for (const StoredStep& step : steps) {
     std::error_code ec;
-    if (!isHash(step.image) || !std::filesystem::exists(imagePath(step.image), ec)) {
+    if (!detail::isSha256Hex(step.image) || !std::filesystem::exists(imagePath(step.image), ec)) {
       fail("baseline image " + step.image + " is not stored");
     }
   }
-  std::lock_guard lock(mutex_);
-  Transaction transaction(db_);
+}
+
+void SqliteStore::writeBaseline(const BaselineKey& key, const std::vector<StoredStep>& steps,
+                                const std::string& sessionId) {
   Statement upsert(db_,
                    "INSERT INTO baselines(app, test, environment, branch, session_id, saved_ms) "
                    "VALUES(?, ?, ?, ?, ?, ?) ON CONFLICT(app, test, environment, branch) DO "
@@ -361,19 +414,49 @@ void BaselineStore::saveBaseline(const BaselineKey& key, const std::vector<Store
   upsert.run();
   Statement clear(db_, "DELETE FROM baseline_steps WHERE baseline_id = ?");
   clear.bind(1, id).run();
+  Statement insert(db_,
+                   "INSERT INTO baseline_steps(baseline_id, position, name, image) "
+                   "VALUES(?, ?, ?, ?)");
   for (std::size_t i = 0; i < steps.size(); ++i) {
-    Statement insert(db_,
-                     "INSERT INTO baseline_steps(baseline_id, position, name, image) "
-                     "VALUES(?, ?, ?, ?)");
+    insert.reset();
     insert.bind(1, id).bind(2, static_cast<std::int64_t>(i)).bind(3, steps[i].name);
     insert.bind(4, steps[i].image).run();
   }
   Statement mark(db_, "UPDATE sessions SET saved = 1 WHERE id = ?");
   mark.bind(1, sessionId).run();
+}
+
+void SqliteStore::saveBaseline(const BaselineKey& key, const std::vector<StoredStep>& steps,
+                               const std::string& sessionId) {
+  checkImagesStored(steps);
+  std::lock_guard lock(mutex_);
+  Transaction transaction(db_);
+  writeBaseline(key, steps, sessionId);
   transaction.commit();
 }
 
-void BaselineStore::addBatch(const BatchRecord& batch) {
+bool SqliteStore::approveSession(const std::string& sessionId,
+                                 const std::vector<StoredStep>& steps) {
+  checkImagesStored(steps);
+  std::lock_guard lock(mutex_);
+  Transaction transaction(db_);
+  Statement find(db_,
+                 "SELECT app, test, environment, branch FROM sessions WHERE id = ? AND "
+                 "state = 'stopped'");
+  find.bind(1, sessionId);
+  if (!find.step()) {
+    return false;
+  }
+  writeBaseline({find.text(0), find.text(1), find.text(2), find.text(3)}, steps, sessionId);
+  Statement clearSession(db_, "UPDATE sessions SET rejected = 0 WHERE id = ?");
+  clearSession.bind(1, sessionId).run();
+  Statement clearSteps(db_, "UPDATE steps SET rejected = 0 WHERE session_id = ?");
+  clearSteps.bind(1, sessionId).run();
+  transaction.commit();
+  return true;
+}
+
+void SqliteStore::addBatch(const BatchRecord& batch) {
   std::lock_guard lock(mutex_);
   Statement insert(db_,
                    "INSERT INTO batches(id, name, started_at, created_ms) VALUES(?, ?, ?, ?) "
@@ -382,37 +465,157 @@ void BaselineStore::addBatch(const BatchRecord& batch) {
   insert.bind(4, batch.createdMs ? batch.createdMs : nowMs()).run();
 }
 
-void BaselineStore::addSession(const SessionRecord& s) {
+int SqliteStore::countSessions(const std::string& batchId) const {
   std::lock_guard lock(mutex_);
+  Statement count(db_, "SELECT COUNT(*) FROM sessions WHERE batch_id = ?");
+  count.bind(1, batchId);
+  return count.step() ? static_cast<int>(count.integer(0)) : 0;
+}
+
+void SqliteStore::addSession(const SessionRecord& s, const std::vector<StoredStep>& baseline) {
+  std::lock_guard lock(mutex_);
+  Transaction transaction(db_);
   Statement insert(db_,
                    "INSERT INTO sessions(id, batch_id, app, test, environment, branch, "
                    "baseline_branch, start_info, started_at, started_ms, state, status, is_new, "
-                   "saved, duration_ms) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+                   "saved, duration_ms, owner, step_count, last_active_ms, expired, rejected) "
+                   "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
   insert.bind(1, s.id).bind(2, s.batchId).bind(3, s.key.app).bind(4, s.key.test);
   insert.bind(5, s.key.environment).bind(6, s.key.branch).bind(7, s.baselineBranch);
   insert.bind(8, s.startInfo).bind(9, s.startedAt).bind(10, s.startedMs).bind(11, s.state);
   insert.bind(12, s.status).bind(13, std::int64_t{s.isNew}).bind(14, std::int64_t{s.saved});
-  insert.bind(15, s.durationMs).run();
+  insert.bind(15, s.durationMs).bind(16, s.owner).bind(17, std::int64_t{s.stepCount});
+  insert.bind(18, s.lastActiveMs).bind(19, std::int64_t{s.expired});
+  insert.bind(20, std::int64_t{s.rejected}).run();
+  Statement step(db_,
+                 "INSERT INTO session_baselines(session_id, position, name, image) "
+                 "VALUES(?, ?, ?, ?)");
+  for (std::size_t i = 0; i < baseline.size(); ++i) {
+    step.reset();
+    step.bind(1, s.id).bind(2, static_cast<std::int64_t>(i)).bind(3, baseline[i].name);
+    step.bind(4, baseline[i].image).run();
+  }
+  transaction.commit();
 }
 
-void BaselineStore::addStep(const std::string& sessionId, const StepRecord& step) {
+std::vector<StoredStep> SqliteStore::sessionBaseline(const std::string& sessionId) const {
   std::lock_guard lock(mutex_);
+  Statement select(db_,
+                   "SELECT name, image FROM session_baselines WHERE session_id = ? "
+                   "ORDER BY position");
+  select.bind(1, sessionId);
+  std::vector<StoredStep> result;
+  while (select.step()) {
+    result.push_back({select.text(0), select.text(1)});
+  }
+  return result;
+}
+
+void SqliteStore::insertStep(const std::string& sessionId, const StepRecord& step) {
   Statement insert(db_,
                    "INSERT INTO steps(session_id, position, name, outcome, match_level, "
-                   "baseline_image, current_image, diff_image) VALUES(?, ?, ?, ?, ?, ?, ?, ?)");
+                   "baseline_image, current_image, diff_image, rejected) "
+                   "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)");
   insert.bind(1, sessionId).bind(2, std::int64_t{step.position}).bind(3, step.name);
   insert.bind(4, step.outcome).bind(5, step.matchLevel).bind(6, step.baselineImage);
-  insert.bind(7, step.currentImage).bind(8, step.diffImage).run();
+  insert.bind(7, step.currentImage).bind(8, step.diffImage);
+  insert.bind(9, std::int64_t{step.rejected}).run();
 }
 
-void BaselineStore::finishSession(const std::string& sessionId, const std::string& state,
-                                  const std::string& status, std::int64_t durationMs) {
+Store::Append SqliteStore::appendStep(const std::string& sessionId, const StepRecord& step,
+                                      std::int64_t nowMs) {
   std::lock_guard lock(mutex_);
-  Statement update(db_, "UPDATE sessions SET state = ?, status = ?, duration_ms = ? WHERE id = ?");
-  update.bind(1, state).bind(2, status).bind(3, durationMs).bind(4, sessionId).run();
+  Transaction transaction(db_);
+  Statement find(db_, "SELECT state, step_count FROM sessions WHERE id = ?");
+  find.bind(1, sessionId);
+  if (!find.step() || find.text(0) != "running") {
+    return Append::NotRunning;
+  }
+  if (find.integer(1) != step.position) {
+    return Append::PositionTaken;
+  }
+  insertStep(sessionId, step);
+  Statement update(db_,
+                   "UPDATE sessions SET step_count = step_count + 1, last_active_ms = ? "
+                   "WHERE id = ?");
+  update.bind(1, nowMs).bind(2, sessionId).run();
+  transaction.commit();
+  return Append::Appended;
 }
 
-std::optional<SessionRecord> BaselineStore::findSession(const std::string& id) const {
+void SqliteStore::touchSession(const std::string& sessionId, std::int64_t nowMs) {
+  std::lock_guard lock(mutex_);
+  Statement update(db_,
+                   "UPDATE sessions SET last_active_ms = MAX(last_active_ms, ?) "
+                   "WHERE id = ? AND state = 'running'");
+  update.bind(1, nowMs).bind(2, sessionId).run();
+}
+
+bool SqliteStore::finishSession(const std::string& sessionId, const SessionEnd& end) {
+  if (end.baseline) {
+    checkImagesStored(*end.baseline);
+  }
+  std::lock_guard lock(mutex_);
+  Transaction transaction(db_);
+  Statement find(db_,
+                 "SELECT app, test, environment, branch FROM sessions WHERE id = ? AND "
+                 "state = 'running' AND step_count = ?");
+  find.bind(1, sessionId).bind(2, std::int64_t{end.expectedSteps});
+  if (!find.step()) {
+    return false;
+  }
+  for (const StepRecord& step : end.addedSteps) {
+    insertStep(sessionId, step);
+  }
+  Statement update(db_,
+                   "UPDATE sessions SET state = ?, status = ?, duration_ms = ?, expired = ?, "
+                   "step_count = step_count + ? WHERE id = ?");
+  update.bind(1, end.state).bind(2, end.status).bind(3, end.durationMs);
+  update.bind(4, std::int64_t{end.expired});
+  update.bind(5, static_cast<std::int64_t>(end.addedSteps.size())).bind(6, sessionId).run();
+  if (end.baseline) {
+    writeBaseline({find.text(0), find.text(1), find.text(2), find.text(3)}, *end.baseline,
+                  sessionId);
+  }
+  transaction.commit();
+  return true;
+}
+
+int SqliteStore::expireIdleSessions(std::int64_t idleSinceMs) {
+  std::lock_guard lock(mutex_);
+  Statement update(db_,
+                   "UPDATE sessions SET state = 'aborted', status = 'Unresolved', expired = 1, "
+                   "duration_ms = MAX(last_active_ms - started_ms, 0) "
+                   "WHERE state = 'running' AND last_active_ms < ?");
+  update.bind(1, idleSinceMs).run();
+  return sqlite3_changes(db_);
+}
+
+bool SqliteStore::rejectSession(const std::string& sessionId, std::optional<int> position) {
+  std::lock_guard lock(mutex_);
+  Transaction transaction(db_);
+  Statement find(db_, "SELECT 1 FROM sessions WHERE id = ? AND state = 'stopped'");
+  find.bind(1, sessionId);
+  if (!find.step()) {
+    return false;
+  }
+  if (position) {
+    Statement step(db_, "UPDATE steps SET rejected = 1 WHERE session_id = ? AND position = ?");
+    step.bind(1, sessionId).bind(2, std::int64_t{*position}).run();
+    if (sqlite3_changes(db_) == 0) {
+      return false;
+    }
+  } else {
+    Statement steps(db_, "UPDATE steps SET rejected = 1 WHERE session_id = ?");
+    steps.bind(1, sessionId).run();
+  }
+  Statement mark(db_, "UPDATE sessions SET rejected = 1 WHERE id = ?");
+  mark.bind(1, sessionId).run();
+  transaction.commit();
+  return true;
+}
+
+std::optional<SessionRecord> SqliteStore::findSession(const std::string& id) const {
   std::lock_guard lock(mutex_);
   const std::string sql = std::string("SELECT ") + kSessionColumns + " FROM sessions WHERE id = ?";
   Statement find(db_, sql.c_str());
@@ -423,21 +626,20 @@ std::optional<SessionRecord> BaselineStore::findSession(const std::string& id) c
   return readSession(find);
 }
 
-std::vector<StepRecord> BaselineStore::steps(const std::string& sessionId) const {
+std::vector<StepRecord> SqliteStore::steps(const std::string& sessionId) const {
   std::lock_guard lock(mutex_);
-  Statement select(db_,
-                   "SELECT position, name, outcome, match_level, baseline_image, current_image, "
-                   "diff_image FROM steps WHERE session_id = ? ORDER BY position");
+  const std::string sql =
+      std::string("SELECT ") + kStepColumns + " FROM steps WHERE session_id = ? ORDER BY position";
+  Statement select(db_, sql.c_str());
   select.bind(1, sessionId);
   std::vector<StepRecord> result;
   while (select.step()) {
-    result.push_back({static_cast<int>(select.integer(0)), select.text(1), select.text(2),
-                      select.text(3), select.text(4), select.text(5), select.text(6)});
+    result.push_back(readStep(select));
   }
   return result;
 }
 
-std::optional<BatchRecord> BaselineStore::findBatch(const std::string& id) const {
+std::optional<BatchRecord> SqliteStore::findBatch(const std::string& id) const {
   std::lock_guard lock(mutex_);
   Statement find(db_, "SELECT id, name, started_at, created_ms FROM batches WHERE id = ?");
   find.bind(1, id);
@@ -447,7 +649,7 @@ std::optional<BatchRecord> BaselineStore::findBatch(const std::string& id) const
   return BatchRecord{find.text(0), find.text(1), find.text(2), find.integer(3)};
 }
 
-std::vector<BatchRecord> BaselineStore::recentBatches(int limit) const {
+std::vector<BatchRecord> SqliteStore::recentBatches(int limit) const {
   std::lock_guard lock(mutex_);
   Statement select(db_,
                    "SELECT id, name, started_at, created_ms FROM batches "
@@ -460,7 +662,7 @@ std::vector<BatchRecord> BaselineStore::recentBatches(int limit) const {
   return result;
 }
 
-std::vector<SessionRecord> BaselineStore::sessionsOfBatch(const std::string& batchId) const {
+std::vector<SessionRecord> SqliteStore::sessionsOfBatch(const std::string& batchId) const {
   std::lock_guard lock(mutex_);
   const std::string sql = std::string("SELECT ") + kSessionColumns +
                           " FROM sessions WHERE batch_id = ? ORDER BY started_ms, rowid";
