@@ -9,11 +9,13 @@ struct sqlite3;
 
 namespace lumo::server {
 
-// The embedded store: SQLite (WAL, full sync) under a data directory, images as
-// content-addressed PNG files beside it. An image file is complete and synced before any row
-// names it, so a process killed at any moment leaves every committed baseline and session
-// readable. Several stores (threads or processes) may open one directory; within one store,
-// calls are serialised on its connection, and writers wait up to five seconds for each other.
+// The embedded store: SQLite (WAL) under a data directory, images as content-addressed PNG
+// files beside it. An image file is complete and synced before any row names it, so a
+// process killed at any moment leaves every committed baseline and session readable. Saved
+// baselines, approvals and session ends are also synced, so they survive a power cut; a
+// step recorded since the last such commit might not. Several stores (threads or processes) may
+// open one directory; within one store, calls are serialised on its connection, and writers wait up
+// to five seconds for each other.
 class SqliteStore final : public Store {
  public:
   // Opens or creates the store in `dataDir` (created if absent), brings its schema up to
