@@ -51,6 +51,10 @@ ServerCommand::ServerCommand(CLI::App& parent) {
       ->type_name("FILE");
   c->add_option("--key", parsed_.keyFile, "PEM private key, for HTTPS (with --cert)")
       ->type_name("FILE");
+  c->add_option("--baseline-cache-mb", parsed_.baselineCacheMb,
+                "Memory for decoded baselines, in MB (default 256; 0: none)")
+      ->check(CLI::Range(0, 1 << 20))
+      ->type_name("MB");
 }
 
 bool ServerCommand::selected() const { return command_->parsed(); }
@@ -99,6 +103,7 @@ int runServer(const ServerOptions& o, std::ostream& out, std::ostream& err,
   config.apiKeys = o.apiKeys;
   config.certFile = o.certFile;
   config.keyFile = o.keyFile;
+  config.baselineCacheBytes = static_cast<std::size_t>(o.baselineCacheMb) << 20;
   // The server's threads inherit the mask, so Ctrl-C reaches only the wait below.
   if (!waitUntilStopped) blockStopSignals();
   lumo::server::Server server(config);

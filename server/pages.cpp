@@ -65,11 +65,10 @@ struct Reviewed {
   Verdict verdict;
 };
 
-std::vector<Reviewed> reviewed(const BaselineStore& store, const std::string& batchId) {
+std::vector<Reviewed> reviewed(const Store& store, const std::string& batchId) {
   std::vector<Reviewed> out;
   for (SessionRecord& s : store.sessionsOfBatch(batchId)) {
-    const bool rejected = !store.rejections(s.id).empty();
-    const Verdict v = verdictOf(s, rejected);
+    const Verdict v = verdictOf(s, s.rejected);
     out.push_back({std::move(s), v});
   }
   return out;
@@ -100,7 +99,7 @@ std::string options(const std::vector<std::string>& values, std::string_view cho
   return out;
 }
 
-std::string indexLink(const BaselineStore::BatchQuery& q, int offset) {
+std::string indexLink(const Store::BatchQuery& q, int offset) {
   return fmt::format("/?app={}&amp;branch={}&amp;page={}", percentEncode(q.app),
                      percentEncode(q.branch), offset / std::max(q.limit, 1) + 1);
 }
@@ -241,7 +240,7 @@ std::string_view verdictName(Verdict verdict) {
   return "running";
 }
 
-std::string indexPage(const BaselineStore& store, const BaselineStore::BatchQuery& query,
+std::string indexPage(const Store& store, const Store::BatchQuery& query,
                       const PageContext& context) {
   const auto list = store.queryBatches(query);
   std::string rows;
@@ -290,10 +289,16 @@ std::string indexPage(const BaselineStore& store, const BaselineStore::BatchQuer
   return page("Batches", "Batches", body, context);
 }
 
-std::string batchPage(const BaselineStore& store, const BatchRecord& batch, std::string_view status,
+std::string batchPage(const Store& store, const BatchRecord& batch, std::string_view status,
                       const PageContext& context) {
   const auto tests = reviewed(store, batch.id);
-  const int unresolved = countOf(tests, Verdict::New) + countOf(tests, Verdict::Different);
+  // A test without images (cut off, or closed before its first checkpoint) has nothing to
+  // approve, so the button does not promise it.
+  const int unresolved =
+      static_cast<int>(std::count_if(tests.begin(), tests.end(), [](const Reviewed& t) {
+        return (t.verdict == Verdict::New || t.verdict == Verdict::Different) &&
+               t.session.stepCount > 0;
+      }));
   std::string chips = fmt::format("<a href=\"/batches/{}\"{}>All {}</a>", percentEncode(batch.id),
                                   status.empty() ? " class=\"on\"" : "", tests.size());
   for (Verdict v : kVerdicts) {
@@ -339,13 +344,12 @@ std::string batchPage(const BaselineStore& store, const BatchRecord& batch, std:
               context);
 }
 
-std::string sessionPage(const BaselineStore& store, const SessionRecord& s,
-                        const PageContext& context) {
+std::string sessionPage(const Store& store, const SessionRecord& s, const PageContext& context) {
   const auto steps = store.steps(s.id);
-  const auto rejected = store.rejections(s.id);
-  const auto boxes = store.stepBoxes(s.id);
-  const bool wholeTestRejected = std::count(rejected.begin(), rejected.end(), -1) > 0;
-  const Verdict verdict = verdictOf(s, !rejected.empty());
+  const bool wholeTestRejected =
+      s.rejected &&
+      std::all_of(steps.begin(), steps.end(), [](const StepRecord& step) { return step.rejected; });
+  const Verdict verdict = verdictOf(s, s.rejected);
 
   std::string actions;
   if (s.state == "stopped" && s.status != "Failed") {
@@ -362,17 +366,14 @@ std::string sessionPage(const BaselineStore& store, const SessionRecord& s,
   }
   std::string nav, sections;
   for (const StepRecord& step : steps) {
-    const bool stepRejected =
-        wholeTestRejected || std::count(rejected.begin(), rejected.end(), step.position) > 0;
-    const auto found = std::find_if(boxes.begin(), boxes.end(),
-                                    [&](const auto& b) { return b.first == step.position; });
+    const bool stepRejected = wholeTestRejected || step.rejected;
     nav += fmt::format(
         "<li><a href=\"#step-{0}\" data-step=\"{0}\"><span class=\"dot {1}\"></span>"
         "<span class=\"label\">{0}. {2}</span></a></li>",
         step.position + 1, stepRejected ? "rejected" : e(step.outcome),
         e(step.name.empty() ? "(unnamed)" : step.name));
-    sections += stepSection(s, step, found == boxes.end() ? nullptr : &found->second, stepRejected,
-                            context);
+    sections +=
+        stepSection(s, step, step.boxes.empty() ? nullptr : &step.boxes, stepRejected, context);
   }
   if (steps.empty()) {
     sections = "<div class=\"empty-state\">This test has no steps.</div>";

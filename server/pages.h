@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-#include "lumo/server/baseline_store.h"
+#include "lumo/server/store.h"
 
 // The results pages' HTML. Every text that came from a client is escaped; links are relative
 // to the server; no page carries inline script or style (the server's policy forbids them), so
@@ -27,16 +27,16 @@ struct PageContext {
 };
 
 // Recent batches matching `query`, with counts, filters and pages.
-std::string indexPage(const BaselineStore& store, const BaselineStore::BatchQuery& query,
+std::string indexPage(const Store& store, const Store::BatchQuery& query,
                       const PageContext& context);
 
 // One batch: its counts, its tests (only those with verdict `status` when not empty) and the
 // approve-all form.
-std::string batchPage(const BaselineStore& store, const BatchRecord& batch, std::string_view status,
+std::string batchPage(const Store& store, const BatchRecord& batch, std::string_view status,
                       const PageContext& context);
 
 // One session in the step viewer, with approve and reject forms.
-std::string sessionPage(const BaselineStore& store, const SessionRecord& session,
+std::string sessionPage(const Store& store, const SessionRecord& session,
                         const PageContext& context);
 
 // The sign-in form; it sends the person to `next` (a path on this server) afterwards.

@@ -98,7 +98,7 @@ PageReply ReviewPages::index(const Fields& query, std::string_view cookie) {
   if (!c) {
     return toSignIn("/");
   }
-  BaselineStore::BatchQuery q;
+  Store::BatchQuery q;
   q.app = field(query, "app");
   q.branch = field(query, "branch");
   q.limit = kBatchesPerPage;
@@ -236,12 +236,12 @@ PageReply ReviewPages::approveAll(const std::string& batchId, const Fields& form
   if (auto refused = refusePost(form, cookie)) {
     return *refused;
   }
-  BaselineStore& store = sessions_.store();
+  Store& store = sessions_.store();
   if (!store.findBatch(batchId)) {
     return error(404, "No such batch.");
   }
   for (const SessionRecord& s : store.sessionsOfBatch(batchId)) {
-    const Verdict v = verdictOf(s, !store.rejections(s.id).empty());
+    const Verdict v = verdictOf(s, s.rejected);
     if (v == Verdict::New || v == Verdict::Different) {
       try {
         sessions_.approve(s.id);

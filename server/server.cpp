@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "lumo/server/sqlite_store.h"
 #include "pages.h"
 #include "review_access.h"
 #include "review_pages.h"
@@ -54,6 +55,8 @@ bool flag(const Request& req, const char* name) {
   }
   throw ApiError(400, fmt::format("query parameter {} must be 0 or 1, not \"{}\"", name, value));
 }
+
+std::string apiKey(const Request& req) { return req.get_param_value("apiKey"); }
 
 bool isFormPost(const Request& req) {
   return req.get_header_value("Content-Type").starts_with("application/x-www-form-urlencoded");
@@ -155,29 +158,30 @@ struct Server::Impl {
                  if (!body.is_object() || !body.contains("startInfo")) {
                    throw ApiError(400, "the body must be an object with startInfo");
                  }
-                 const auto started = sessions->start(body["startInfo"]);
+                 const auto started = sessions->start(body["startInfo"], apiKey(req));
                  sendJson(res, started.isNew ? 201 : 200,
                           {{"id", started.id},
                            {"url", fmt::format("{}/sessions/{}", baseUrlFor(req), started.id)}});
                }));
-    http->Post(R"(/api/sessions/running/([^/]+)\.json)",
-               api([this](const Request& req, Response& res) {
-                 const Json body = parseBody(req);
-                 sendJson(res, 200, {{"asExpected", sessions->match(req.matches[1], body)}});
-               }));
+    http->Post(
+        R"(/api/sessions/running/([^/]+)\.json)", api([this](const Request& req, Response& res) {
+          const Json body = parseBody(req);
+          sendJson(res, 200, {{"asExpected", sessions->match(req.matches[1], body, apiKey(req))}});
+        }));
     http->Delete(
         R"(/api/sessions/running/([^/]+)\.json)", api([this](const Request& req, Response& res) {
           const bool aborted = flag(req, "aborted");
           const bool update = flag(req, "updateBaseline");
-          sendJson(res, 200, sessions->stop(req.matches[1], aborted, update, baseUrlFor(req)));
+          sendJson(res, 200,
+                   sessions->stop(req.matches[1], aborted, update, baseUrlFor(req), apiKey(req)));
         }));
     http->Get(R"(/api/sessions/([^/]+)\.json)", api([this](const Request& req, Response& res) {
-                sendJson(res, 200, sessions->results(req.matches[1], baseUrlFor(req)));
+                sendJson(res, 200, sessions->results(req.matches[1], baseUrlFor(req), apiKey(req)));
               }));
     // The results page's approve form posts here too, with the key as a form field.
     http->Post(R"(/api/sessions/([^/]+)/approve)", api([this](const Request& req, Response& res) {
                  const std::string id = req.matches[1];
-                 sessions->approve(id);
+                 sessions->approve(id, apiKey(req));
                  if (isFormPost(req)) {
                    res.set_redirect(fmt::format("/sessions/{}", id), 303);
                  } else {
@@ -253,7 +257,7 @@ struct Server::Impl {
   }
 
   ServerConfig config;
-  std::unique_ptr<BaselineStore> store;
+  std::unique_ptr<Store> store;
   std::unique_ptr<SessionManager> sessions;
   std::unique_ptr<detail::ReviewAccess> access;
   std::unique_ptr<detail::ReviewPages> pages;
@@ -277,7 +281,7 @@ void Server::start() {
   if (s.http) {
     throw std::logic_error("the server was already started");
   }
-  auto store = std::make_unique<BaselineStore>(s.config.dataDir);
+  std::unique_ptr<Store> store = std::make_unique<SqliteStore>(s.config.dataDir);
   std::unique_ptr<httplib::Server> http;
   if (s.https()) {
     http =
@@ -309,7 +313,13 @@ void Server::start() {
     throw std::runtime_error(fmt::format("cannot listen on {}:{}", s.config.host, s.config.port));
   }
   s.store = std::move(store);
-  s.sessions = std::make_unique<SessionManager>(*s.store, ImageComparer(), s.config.maxImagePixels);
+  SessionOptions sessionOptions;
+  sessionOptions.maxStepsPerSession = s.config.maxStepsPerSession;
+  sessionOptions.maxSessionsPerBatch = s.config.maxSessionsPerBatch;
+  sessionOptions.idleTimeout = s.config.sessionIdleTimeout;
+  sessionOptions.baselineCacheBytes = s.config.baselineCacheBytes;
+  s.sessions = std::make_unique<SessionManager>(*s.store, ImageComparer(), s.config.maxImagePixels,
+                                                std::move(sessionOptions));
   s.access = std::make_unique<detail::ReviewAccess>(s.config.apiKeys, pagesOpen(s.config.apiKeys));
   s.pages = std::make_unique<detail::ReviewPages>(*s.sessions, *s.access, s.https());
   s.http = std::move(http);

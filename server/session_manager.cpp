@@ -8,24 +8,14 @@
 #include <ctime>
 #include <limits>
 #include <random>
+#include <utility>
 
+#include "baseline_cache.h"
+#include "content_hash.h"
 #include "image_codec.h"
 #include "web_text.h"
 
 namespace lumo::server {
-
-struct SessionManager::Running {
-  std::mutex mutex;
-  SessionRecord record;
-  std::vector<StoredStep> baseline;
-  std::vector<StepRecord> steps;
-  CompareSettings defaults;
-  std::chrono::steady_clock::time_point started;
-  bool stopped = false;
-  // The decoded baseline image of one position, kept while the client retries that step.
-  int cachedPosition = -1;
-  std::shared_ptr<const Image> cachedBaseline;
-};
 
 namespace {
 
@@ -211,9 +201,11 @@ std::string environmentKey(const Json& startInfo) {
                      width ? numberText(*width) : "?", height ? numberText(*height) : "?");
 }
 
+// Drawn from the system's source each time: a seeded generator would repeat its ids in a
+// forked process, and ids outlive processes now that sessions live in the store.
 std::string newId() {
-  thread_local std::mt19937_64 random{std::random_device{}()};
-  return fmt::format("{:016x}{:016x}", random(), random());
+  std::random_device random;
+  return fmt::format("{:08x}{:08x}{:08x}{:08x}", random(), random(), random(), random());
 }
 
 std::string isoTime(std::chrono::system_clock::time_point when) {
@@ -370,20 +362,59 @@ Json resultsJson(const SessionRecord& s, const std::vector<StepRecord>& steps,
   return out;
 }
 
+// The key is kept as a digest: the store then holds nothing a reader could use to call.
+std::string ownerOf(std::string_view apiKey) {
+  return apiKey.empty() ? std::string() : detail::sha256Hex(apiKey);
+}
+
+// The defaults a session started with, from its stored start record (validated at start).
+CompareSettings defaultsOf(const SessionRecord& s) {
+  const Json info = Json::parse(s.startInfo, nullptr, false);
+  if (!info.is_object()) {
+    return {};
+  }
+  return settingsFrom(objectAt(info, "defaultMatchSettings", "startInfo"),
+                      "startInfo.defaultMatchSettings", MatchLevel::Strict);
+}
+
+// Requests of one session reaching two managers at once each try again with what the other
+// recorded; more rounds than this means something keeps racing, and the client is told.
+constexpr int kAttempts = 8;
+
+// A session's activity is written with every recorded step; a request that records nothing
+// (a retry) writes it only when the stored time is this old, sparing a commit per retry.
+constexpr std::int64_t kTouchIntervalMs = 60'000;
+
+// Idle sessions of every client are swept at most this often, by whichever start comes.
+constexpr std::int64_t kSweepIntervalMs = 60'000;
+
 }  // namespace
 
-SessionManager::SessionManager(BaselineStore& store, ImageComparer comparer,
-                               std::uint64_t maxImagePixels)
-    : store_(store), comparer_(std::move(comparer)), maxImagePixels_(maxImagePixels) {}
+SessionManager::SessionManager(Store& store, ImageComparer comparer, std::uint64_t maxImagePixels,
+                               SessionOptions options)
+    : store_(store),
+      comparer_(std::move(comparer)),
+      maxImagePixels_(maxImagePixels),
+      options_(std::move(options)),
+      cache_(std::make_unique<detail::BaselineCache>(options_.baselineCacheBytes)) {}
 
 SessionManager::~SessionManager() = default;
 
-SessionManager::Started SessionManager::start(const Json& startInfo) {
+std::int64_t SessionManager::nowMs() const { return unixMs(options_.clock()); }
+
+std::mutex& SessionManager::lockOf(const std::string& sessionId) const {
+  return sessionLocks_[std::hash<std::string>{}(sessionId) % sessionLocks_.size()];
+}
+
+bool SessionManager::idleTooLong(const SessionRecord& s, std::int64_t now) const {
+  return options_.idleTimeout.count() > 0 && now - s.lastActiveMs > options_.idleTimeout.count();
+}
+
+SessionManager::Started SessionManager::start(const Json& startInfo, std::string_view apiKey) {
   if (!startInfo.is_object()) {
     badRequest("startInfo must be an object");
   }
-  auto session = std::make_shared<Running>();
-  SessionRecord& r = session->record;
+  SessionRecord r;
   r.key.app = stringAt(startInfo, "appIdOrName", "startInfo", true);
   r.key.test = stringAt(startInfo, "scenarioIdOrName", "startInfo", true);
   r.key.environment = environmentKey(startInfo);
@@ -395,8 +426,20 @@ SessionManager::Started SessionManager::start(const Json& startInfo) {
   r.batchId = stringAt(batch, "id", "startInfo.batchInfo");
   const std::string batchName = stringAt(batch, "name", "startInfo.batchInfo");
   const std::string batchStart = stringAt(batch, "startedAt", "startInfo.batchInfo");
-  session->defaults = settingsFrom(objectAt(startInfo, "defaultMatchSettings", "startInfo"),
-                                   "startInfo.defaultMatchSettings", MatchLevel::Strict);
+  settingsFrom(objectAt(startInfo, "defaultMatchSettings", "startInfo"),
+               "startInfo.defaultMatchSettings", MatchLevel::Strict);
+
+  const auto now = options_.clock();
+  const std::int64_t nowUnixMs = unixMs(now);
+  if (std::int64_t last = lastSweepMs_.load();
+      nowUnixMs - last >= kSweepIntervalMs && options_.idleTimeout.count() > 0 &&
+      lastSweepMs_.compare_exchange_strong(last, nowUnixMs)) {
+    store_.expireIdleSessions(nowUnixMs - options_.idleTimeout.count());
+  }
+  if (!r.batchId.empty() && store_.countSessions(r.batchId) >= options_.maxSessionsPerBatch) {
+    throw ApiError(409, fmt::format("batch {} already holds the limit of {} sessions", r.batchId,
+                                    options_.maxSessionsPerBatch));
+  }
 
   auto baseline = store_.findBaseline(r.key);
   r.baselineBranch = r.key.branch;
@@ -409,49 +452,66 @@ SessionManager::Started SessionManager::start(const Json& startInfo) {
   r.isNew = !baseline;
   if (r.isNew) {
     r.baselineBranch.clear();
-  } else {
-    session->baseline = std::move(*baseline);
   }
-  const auto now = std::chrono::system_clock::now();
   r.id = newId();
   if (r.batchId.empty()) {
     r.batchId = newId();
   }
   r.startInfo = startInfo.dump();
   r.startedAt = isoTime(now);
-  r.startedMs = unixMs(now);
-  session->started = std::chrono::steady_clock::now();
+  r.startedMs = nowUnixMs;
+  r.lastActiveMs = nowUnixMs;
+  r.owner = ownerOf(apiKey);
 
-  store_.addBatch(
-      {r.batchId, batchName, batchStart.empty() ? r.startedAt : batchStart, unixMs(now)});
-  store_.addSession(r);
-  std::lock_guard lock(mutex_);
-  running_.emplace(r.id, session);
+  store_.addBatch({r.batchId, batchName, batchStart.empty() ? r.startedAt : batchStart, nowUnixMs});
+  store_.addSession(r, baseline ? *baseline : std::vector<StoredStep>());
   return {r.id, r.isNew};
 }
 
-std::shared_ptr<SessionManager::Running> SessionManager::running(
-    const std::string& sessionId) const {
-  std::lock_guard lock(mutex_);
-  const auto it = running_.find(sessionId);
-  return it == running_.end() ? nullptr : it->second;
+SessionRecord SessionManager::session(const std::string& sessionId, std::string_view apiKey) const {
+  auto record = store_.findSession(sessionId);
+  if (!record) {
+    throw ApiError(404, fmt::format("no session {}", sessionId));
+  }
+  if (!record->owner.empty() && !apiKey.empty() && ownerOf(apiKey) != record->owner) {
+    throw ApiError(403, fmt::format("session {} was started with another API key", sessionId));
+  }
+  return std::move(*record);
 }
 
-void SessionManager::notRunning(const std::string& sessionId) const {
-  if (const auto record = store_.findSession(sessionId)) {
-    throw ApiError(409,
-                   record->state == "running"
-                       ? fmt::format("session {} ended with a restart of the server", sessionId)
-                       : fmt::format("session {} is already stopped", sessionId));
+SessionRecord SessionManager::runningSession(const std::string& sessionId,
+                                             std::string_view apiKey) {
+  SessionRecord r = session(sessionId, apiKey);
+  if (r.state != "running") {
+    notRunning(r);
   }
-  throw ApiError(404, fmt::format("no session {}", sessionId));
+  const std::int64_t now = nowMs();
+  if (!idleTooLong(r, now)) {
+    return r;
+  }
+  // Expire through the store, so that a request racing this one on another manager sees
+  // the same outcome.
+  store_.expireIdleSessions(now - options_.idleTimeout.count());
+  r = session(sessionId, apiKey);
+  if (r.state != "running") {
+    notRunning(r);
+  }
+  return r;
 }
 
-bool SessionManager::match(const std::string& sessionId, const Json& matchData) {
-  std::shared_ptr<Running> session = running(sessionId);
-  if (!session) {
-    notRunning(sessionId);
+void SessionManager::notRunning(const SessionRecord& s) const {
+  if (s.expired) {
+    throw ApiError(409, fmt::format("session {} expired: it had no request for {} minutes and "
+                                    "was aborted; start a new session",
+                                    s.id, options_.idleTimeout.count() / 60'000));
   }
+  throw ApiError(409, s.state == "running" ? fmt::format("session {} is still running", s.id)
+                                           : fmt::format("session {} is already stopped", s.id));
+}
+
+bool SessionManager::match(const std::string& sessionId, const Json& matchData,
+                           std::string_view apiKey) {
+  runningSession(sessionId, apiKey);
   if (!matchData.is_object()) {
     badRequest("the match data must be an object");
   }
@@ -493,158 +553,178 @@ bool SessionManager::match(const std::string& sessionId, const Json& matchData) 
     }
   }
 
-  std::lock_guard lock(session->mutex);
-  if (session->stopped) {
-    notRunning(sessionId);
-  }
-  const CompareSettings settings =
-      settingsJson
-          ? settingsFrom(*settingsJson, "options.imageMatchSettings", session->defaults.level)
-          : session->defaults;
-  const int position = static_cast<int>(session->steps.size());
-  StepRecord step;
-  step.position = position;
-  step.name = name;
-  step.matchLevel = matchLevelName(settings.level);
-  const bool hasBaseline = position < static_cast<int>(session->baseline.size());
-  if (hasBaseline) {
-    step.baselineImage = session->baseline[position].image;
-  }
+  std::lock_guard lock(lockOf(sessionId));
+  std::string currentHash;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const SessionRecord r = runningSession(sessionId, apiKey);
+    const CompareSettings defaults = defaultsOf(r);
+    const CompareSettings settings =
+        settingsJson ? settingsFrom(*settingsJson, "options.imageMatchSettings", defaults.level)
+                     : defaults;
+    const int position = r.stepCount;
+    if (position >= options_.maxStepsPerSession) {
+      throw ApiError(409, fmt::format("session {} reached the limit of {} steps", sessionId,
+                                      options_.maxStepsPerSession));
+    }
+    const std::vector<StoredStep> baselineSteps = store_.sessionBaseline(sessionId);
+    StepRecord step;
+    step.position = position;
+    step.name = name;
+    step.matchLevel = matchLevelName(settings.level);
+    const bool hasBaseline = position < static_cast<int>(baselineSteps.size());
+    if (hasBaseline) {
+      step.baselineImage = baselineSteps[position].image;
+    }
+    auto storeCurrent = [&] {
+      if (currentHash.empty()) {
+        currentHash = store_.putImage(*png);
+      }
+      step.currentImage = currentHash;
+    };
 
-  auto record = [&](const std::string& outcome) {
-    step.outcome = outcome;
-    store_.addStep(sessionId, step);
-    session->steps.push_back(step);
-  };
+    bool asExpected = false;
+    bool recorded = true;
+    if (!current) {
+      // The client had no screenshot to send: the step cannot be judged.
+      step.outcome = "failed";
+      recorded = !ignoreMismatch;
+    } else if (!hasBaseline) {
+      storeCurrent();
+      step.outcome = "new";
+      asExpected = true;
+    } else {
+      const std::shared_ptr<const Image> baseline =
+          cache_->get(step.baselineImage, [&]() -> std::shared_ptr<const Image> {
+            const auto bytes = store_.readImage(step.baselineImage);
+            auto image = bytes ? detail::decodePngImage(*bytes) : std::nullopt;
+            return image ? std::make_shared<const Image>(std::move(*image)) : nullptr;
+          });
+      if (!baseline) {
+        step.outcome = "failed";
+        recorded = !ignoreMismatch;
+        if (recorded) {
+          storeCurrent();
+        }
+      } else {
+        const CompareResult result = comparer_.compare(*baseline, *current, settings);
+        asExpected = forceMatch || (result.matches && !forceMismatch);
+        recorded = asExpected || !ignoreMismatch;
+        if (recorded) {
+          storeCurrent();
+          step.diffImage = store_.putImage(
+              detail::encodePngImage(comparer_.diffImage(*baseline, *current, settings, result)));
+          step.outcome = asExpected ? "matched" : "different";
+        }
+      }
+    }
 
-  if (!current) {
-    // The client had no screenshot to send: the step cannot be judged.
-    if (!ignoreMismatch) {
-      record("failed");
+    const std::int64_t now = nowMs();
+    if (!recorded) {
+      if (now - r.lastActiveMs >= kTouchIntervalMs) {
+        store_.touchSession(sessionId, now);
+      }
+      return false;
     }
-    return false;
-  }
-  if (!hasBaseline) {
-    step.currentImage = store_.putImage(*png);
-    record("new");
-    return true;
-  }
-  if (session->cachedPosition != position) {
-    session->cachedBaseline.reset();
-    const auto bytes = store_.readImage(step.baselineImage);
-    if (auto image = bytes ? detail::decodePngImage(*bytes) : std::nullopt) {
-      session->cachedBaseline = std::make_shared<const Image>(std::move(*image));
+    switch (store_.appendStep(sessionId, step, now)) {
+      case Store::Append::Appended:
+        return asExpected;
+      case Store::Append::NotRunning:
+        notRunning(session(sessionId, apiKey));
+      case Store::Append::PositionTaken:
+        break;  // another manager recorded this position: compare with the next one
     }
-    session->cachedPosition = position;
   }
-  if (!session->cachedBaseline) {
-    if (!ignoreMismatch) {
-      step.currentImage = store_.putImage(*png);
-      record("failed");
-    }
-    return false;
-  }
-  const Image& baseline = *session->cachedBaseline;
-  const CompareResult result = comparer_.compare(baseline, *current, settings);
-  const bool asExpected = forceMatch || (result.matches && !forceMismatch);
-  if (!asExpected && ignoreMismatch) {
-    return false;
-  }
-  step.currentImage = store_.putImage(*png);
-  step.diffImage = store_.putImage(
-      detail::encodePngImage(comparer_.diffImage(baseline, *current, settings, result)));
-  record(asExpected ? "matched" : "different");
-  return asExpected;
+  throw ApiError(409, fmt::format("session {} is taking checkpoints from several requests at "
+                                  "once; send them one at a time",
+                                  sessionId));
 }
 
 Json SessionManager::stop(const std::string& sessionId, bool aborted, bool updateBaseline,
-                          std::string_view baseUrl) {
-  std::shared_ptr<Running> session;
-  {
-    std::lock_guard lock(mutex_);
-    const auto it = running_.find(sessionId);
-    if (it != running_.end()) {
-      session = it->second;
-      running_.erase(it);
+                          std::string_view baseUrl, std::string_view apiKey) {
+  std::lock_guard lock(lockOf(sessionId));
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    SessionRecord r = runningSession(sessionId, apiKey);
+    std::vector<StepRecord> steps = store_.steps(sessionId);
+    Store::SessionEnd end;
+    end.expectedSteps = static_cast<int>(steps.size());
+    if (!aborted) {
+      const std::vector<StoredStep> baseline = store_.sessionBaseline(sessionId);
+      for (std::size_t i = steps.size(); i < baseline.size(); ++i) {
+        StepRecord missing;
+        missing.position = static_cast<int>(i);
+        missing.name = baseline[i].name;
+        missing.outcome = "missing";
+        missing.baselineImage = baseline[i].image;
+        end.addedSteps.push_back(missing);
+        steps.push_back(std::move(missing));
+      }
+    }
+    const Counts counts = count(steps);
+    end.state = aborted ? "aborted" : "stopped";
+    end.status = statusOf(counts, r.isNew, aborted);
+    end.durationMs = std::max<std::int64_t>(nowMs() - r.startedMs, 0);
+    if (!aborted && updateBaseline && end.status == "Unresolved") {
+      end.baseline = imagesOf(steps);
+    }
+    if (store_.finishSession(sessionId, end)) {
+      r.state = end.state;
+      r.status = end.status;
+      r.durationMs = end.durationMs;
+      r.saved = end.baseline.has_value();
+      r.stepCount = static_cast<int>(steps.size());
+      return resultsJson(r, steps, store_.findBatch(r.batchId), baseUrl);
     }
   }
-  if (!session) {
-    notRunning(sessionId);
-  }
-  std::lock_guard lock(session->mutex);
-  session->stopped = true;
-  SessionRecord& r = session->record;
-  if (!aborted) {
-    for (std::size_t i = session->steps.size(); i < session->baseline.size(); ++i) {
-      StepRecord missing;
-      missing.position = static_cast<int>(i);
-      missing.name = session->baseline[i].name;
-      missing.outcome = "missing";
-      missing.baselineImage = session->baseline[i].image;
-      store_.addStep(sessionId, missing);
-      session->steps.push_back(missing);
-    }
-  }
-  const Counts counts = count(session->steps);
-  r.state = aborted ? "aborted" : "stopped";
-  r.status = statusOf(counts, r.isNew, aborted);
-  r.durationMs = std::chrono::duration_cast<std::chrono::milliseconds>(
-                     std::chrono::steady_clock::now() - session->started)
-                     .count();
-  store_.finishSession(sessionId, r.state, r.status, r.durationMs);
-  if (!aborted && updateBaseline && r.status == "Unresolved") {
-    store_.saveBaseline(r.key, imagesOf(session->steps), sessionId);
-    r.saved = true;
-  }
-  return resultsJson(r, session->steps, store_.findBatch(r.batchId), baseUrl);
+  throw ApiError(409, fmt::format("session {} kept changing while it was stopped", sessionId));
 }
 
-void SessionManager::approve(const std::string& sessionId) {
-  if (running(sessionId)) {
-    throw ApiError(409, fmt::format("session {} is still running", sessionId));
+void SessionManager::approve(const std::string& sessionId, std::string_view apiKey) {
+  const SessionRecord r = session(sessionId, apiKey);
+  if (r.state == "running") {
+    throw ApiError(409, fmt::format("session {} is still running: only a stopped session can "
+                                    "be approved",
+                                    sessionId));
   }
-  const auto record = store_.findSession(sessionId);
-  if (!record) {
-    throw ApiError(404, fmt::format("no session {}", sessionId));
+  if (r.state == "aborted") {
+    throw ApiError(409, fmt::format("session {} was {} and has nothing to approve", sessionId,
+                                    r.expired ? "aborted as expired" : "aborted"));
   }
-  if (record->state == "aborted") {
-    throw ApiError(409,
-                   fmt::format("session {} was aborted and has nothing to approve", sessionId));
-  }
-  if (record->status == "Failed") {
+  if (r.status == "Failed") {
     throw ApiError(409, fmt::format("session {} failed and has no images to approve", sessionId));
   }
-  store_.saveBaseline(record->key, imagesOf(store_.steps(sessionId)), sessionId);
-  store_.clearRejections(sessionId);
+  const std::vector<StepRecord> steps = store_.steps(sessionId);
+  const std::vector<StoredStep> images = imagesOf(steps);
+  if (images.empty() || static_cast<int>(steps.size()) != r.stepCount) {
+    throw ApiError(409, fmt::format("session {} has no images to approve", sessionId));
+  }
+  if (!store_.approveSession(sessionId, images)) {
+    throw ApiError(409, fmt::format("session {} is no longer stopped", sessionId));
+  }
 }
 
-void SessionManager::reject(const std::string& sessionId, std::optional<int> position) {
-  if (running(sessionId)) {
-    throw ApiError(409, fmt::format("session {} is still running", sessionId));
+void SessionManager::reject(const std::string& sessionId, std::optional<int> position,
+                            std::string_view apiKey) {
+  const SessionRecord r = session(sessionId, apiKey);
+  if (r.state != "stopped") {
+    throw ApiError(409, fmt::format("session {} is not stopped: nothing to reject", sessionId));
   }
-  const auto record = store_.findSession(sessionId);
-  if (!record) {
-    throw ApiError(404, fmt::format("no session {}", sessionId));
+  if (!store_.rejectSession(sessionId, position)) {
+    throw ApiError(
+        404, fmt::format("session {} has no step {}", sessionId, position ? *position + 1 : 0));
   }
-  if (record->state == "aborted") {
-    throw ApiError(409, fmt::format("session {} was aborted and has nothing to reject", sessionId));
-  }
-  if (position &&
-      (*position < 0 || *position >= static_cast<int>(store_.steps(sessionId).size()))) {
-    throw ApiError(404, fmt::format("session {} has no step {}", sessionId, *position + 1));
-  }
-  store_.reject(sessionId, position);
 }
 
-Json SessionManager::results(const std::string& sessionId, std::string_view baseUrl) const {
-  if (running(sessionId)) {
+Json SessionManager::results(const std::string& sessionId, std::string_view baseUrl,
+                             std::string_view apiKey) const {
+  const SessionRecord r = session(sessionId, apiKey);
+  if (r.state == "running") {
     throw ApiError(409, fmt::format("session {} is still running", sessionId));
   }
-  const auto record = store_.findSession(sessionId);
-  if (!record) {
-    throw ApiError(404, fmt::format("no session {}", sessionId));
-  }
-  return resultsJson(*record, store_.steps(sessionId), store_.findBatch(record->batchId), baseUrl);
+  return resultsJson(r, store_.steps(sessionId), store_.findBatch(r.batchId), baseUrl);
 }
+
+std::size_t SessionManager::cachedBaselineBytes() const { return cache_->bytes(); }
+
+std::uint64_t SessionManager::baselineCacheHits() const { return cache_->hits(); }
 
 }  // namespace lumo::server

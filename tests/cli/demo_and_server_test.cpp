@@ -73,6 +73,8 @@ TEST(ServerCommand, BadArgumentsAreUsageErrors) {
                                              {"server", "--port", "http"},
                                              {"server", "--cert", "cert.pem"},
                                              {"server", "--cert", "nope.pem", "--key", "nope.key"},
+                                             {"server", "--baseline-cache-mb", "-5"},
+                                             {"server", "--baseline-cache-mb", "lots"},
                                              {"demo", "--port", "-1"}}) {
     const auto outcome = runLumo(args);
     EXPECT_EQ(outcome.status, kExitUsage) << args[1];

@@ -105,7 +105,7 @@ TEST_F(PagesInBrowser, AReviewerFindsTheChangeOverlaysItAndApprovesWithTheKeyboa
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open((dir_.path() / "lumo.db").c_str(), &db), SQLITE_OK);
   EXPECT_EQ(sqlite3_exec(db,
-                         "ALTER TABLE steps ADD COLUMN boxes TEXT; UPDATE steps SET boxes = "
+                         "UPDATE steps SET boxes = "
                          "'[[276,306,88,22]]'",
                          nullptr, nullptr, nullptr),
             SQLITE_OK);

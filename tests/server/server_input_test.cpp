@@ -47,7 +47,7 @@ TEST_F(ServerKeys, OnlyTheConfiguredKeysAreAccepted) {
   expectError(client_->Get("/api/sessions/" + id + ".json?apiKey=wrong"), 401);
 
   // The refused calls changed nothing: the session is still running and has no steps.
-  res = stopSession(id, false, false, "first-key");
+  res = stopSession(id, false, false, "second-key");
   ASSERT_TRUE(res);
   EXPECT_EQ(Json::parse(res->body)["steps"], 0);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -29,6 +30,12 @@ struct ServerConfig {
   std::size_t maxBodyBytes = kDefaultMaxBodyBytes;
   std::uint64_t maxImagePixels = kDefaultMaxImagePixels;
   int threads = 8;  // requests served at once
+  int maxStepsPerSession = kDefaultMaxStepsPerSession;
+  int maxSessionsPerBatch = kDefaultMaxSessionsPerBatch;
+  // A running session without a request for this long is aborted; 0 never expires one.
+  std::chrono::milliseconds sessionIdleTimeout = kDefaultSessionIdleTimeout;
+  // Decoded baselines kept in memory, shared by all sessions; 0 keeps none.
+  std::size_t baselineCacheBytes = kDefaultBaselineCacheBytes;
 };
 
 // The reference visual-testing server: the session API under "/api/sessions", results pages

@@ -1,17 +1,21 @@
 #pragma once
 
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 #include "lumo/json.h"
-#include "lumo/server/baseline_store.h"
 #include "lumo/server/image_comparer.h"
+#include "lumo/server/store.h"
 
 namespace lumo::server {
 
@@ -32,15 +36,42 @@ inline constexpr std::uint64_t kDefaultMaxImagePixels = 50'000'000;
 // The branch of sessions that name none; other branches fall back to its baselines.
 inline constexpr std::string_view kDefaultBranch = "default";
 
-// The protocol's logic: running sessions, matching windows against baselines, verdicts,
-// saving and approving baselines. Thread-safe: sessions are independent of one another, and
-// the calls of one session are taken one at a time. Failures are ApiError (bad input, unknown
-// or stopped session) or StoreError (disk).
+inline constexpr int kDefaultMaxStepsPerSession = 1'000;
+inline constexpr int kDefaultMaxSessionsPerBatch = 10'000;
+inline constexpr std::chrono::minutes kDefaultSessionIdleTimeout{30};
+inline constexpr std::size_t kDefaultBaselineCacheBytes = std::size_t{256} << 20;
+
+// Bounds and clock of a SessionManager.
+struct SessionOptions {
+  int maxStepsPerSession = kDefaultMaxStepsPerSession;
+  int maxSessionsPerBatch = kDefaultMaxSessionsPerBatch;
+  // A running session without a request for this long is aborted as expired.
+  std::chrono::milliseconds idleTimeout = kDefaultSessionIdleTimeout;
+  // Decoded baselines kept in memory, shared by all sessions; 0 keeps none.
+  std::size_t baselineCacheBytes = kDefaultBaselineCacheBytes;
+  // The wall clock: sessions outlive the process, so their times are Unix times.
+  std::function<std::chrono::system_clock::time_point()> clock = std::chrono::system_clock::now;
+};
+
+namespace detail {
+class BaselineCache;
+}
+
+// The protocol's logic: matching windows against baselines, verdicts, saving and approving
+// baselines. Every session's state lives in the store, so a manager keeps nothing but caches:
+// a restarted server, or another manager on the same store, carries on any running session.
+// Thread-safe. Failures are ApiError (bad input, unknown, foreign, stopped or expired
+// session, a limit) or StoreError (disk).
+//
+// The `apiKey` of each call is the key the request came with: a session started with a key
+// answers only to that key (403 to others). An empty key skips the check, for callers that
+// authorise otherwise.
 class SessionManager {
  public:
   // `store` must outlive the manager.
-  explicit SessionManager(BaselineStore& store, ImageComparer comparer = ImageComparer(),
-                          std::uint64_t maxImagePixels = kDefaultMaxImagePixels);
+  explicit SessionManager(Store& store, ImageComparer comparer = ImageComparer(),
+                          std::uint64_t maxImagePixels = kDefaultMaxImagePixels,
+                          SessionOptions options = {});
   ~SessionManager();
   SessionManager(const SessionManager&) = delete;
   SessionManager& operator=(const SessionManager&) = delete;
@@ -51,45 +82,61 @@ class SessionManager {
   };
 
   // Opens a running session for the start record (the object under "startInfo").
-  Started start(const Json& startInfo);
+  Started start(const Json& startInfo, std::string_view apiKey = {});
 
   // Compares the match-window record's screenshot with the baseline step at the session's
   // position; true when the window is as expected. A mismatch is recorded (and the position
   // moves on) only when the record's options do not ask to ignore mismatches.
-  bool match(const std::string& sessionId, const Json& matchData);
+  bool match(const std::string& sessionId, const Json& matchData, std::string_view apiKey = {});
 
   // Ends the session and answers its test results, with links under `baseUrl` (scheme, host
   // and port, no trailing slash). With `updateBaseline` a new or differing test's images
   // become its baseline; an aborted session saves nothing.
   Json stop(const std::string& sessionId, bool aborted, bool updateBaseline,
-            std::string_view baseUrl);
+            std::string_view baseUrl, std::string_view apiKey = {});
 
-  // Makes a stopped session's images the baseline of its test and clears its rejections.
-  void approve(const std::string& sessionId);
+  // Makes a stopped session's images the baseline of its test. Only a stopped session that
+  // neither failed nor was aborted, and has images, can be approved: anything else is a 409
+  // that changes nothing.
+  void approve(const std::string& sessionId, std::string_view apiKey = {});
 
   // Rejects one step of a stopped session (by position) or, with nullopt, the whole test.
   // The session stays unresolved and the baseline unchanged, so the next run is compared
   // with the same baseline. Throws ApiError for a running, aborted or unknown session or a
   // position it does not have.
-  void reject(const std::string& sessionId, std::optional<int> position);
+  void reject(const std::string& sessionId, std::optional<int> position,
+              std::string_view apiKey = {});
 
   // The test results of a stopped session, as stop answered them (with later approval).
-  Json results(const std::string& sessionId, std::string_view baseUrl) const;
+  Json results(const std::string& sessionId, std::string_view baseUrl,
+               std::string_view apiKey = {}) const;
 
   // The store given at construction.
-  BaselineStore& store() const { return store_; }
+  Store& store() const { return store_; }
+
+  // The decoded baselines kept; what one more cache hit or miss changed (for benchmarks).
+  std::size_t cachedBaselineBytes() const;
+  std::uint64_t baselineCacheHits() const;
 
  private:
-  struct Running;
+  // The session `sessionId` as the store has it, checked against the caller's key.
+  SessionRecord session(const std::string& sessionId, std::string_view apiKey) const;
+  // The running session `sessionId`; a session idle past the bound is aborted here.
+  SessionRecord runningSession(const std::string& sessionId, std::string_view apiKey);
+  [[noreturn]] void notRunning(const SessionRecord& session) const;
+  bool idleTooLong(const SessionRecord& session, std::int64_t nowMs) const;
+  std::int64_t nowMs() const;
+  std::mutex& lockOf(const std::string& sessionId) const;
 
-  std::shared_ptr<Running> running(const std::string& sessionId) const;
-  [[noreturn]] void notRunning(const std::string& sessionId) const;
-
-  BaselineStore& store_;
+  Store& store_;
   ImageComparer comparer_;
   std::uint64_t maxImagePixels_;
-  mutable std::mutex mutex_;
-  std::unordered_map<std::string, std::shared_ptr<Running>> running_;
+  SessionOptions options_;
+  std::unique_ptr<detail::BaselineCache> cache_;
+  // The calls of one session are taken one at a time within this manager (those reaching
+  // another manager are ordered by the store). Striped: a fixed set, however many sessions.
+  mutable std::array<std::mutex, 64> sessionLocks_;
+  std::atomic<std::int64_t> lastSweepMs_{0};
 };
 
 }  // namespace lumo::server

@@ -1,0 +1,344 @@
+#include "lumo/server/store.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "lumo/server/sqlite_store.h"
+#include "temp_dir.h"
+
+namespace lumo::server {
+namespace {
+
+using testing::TempDir;
+
+// One backend under test: opens (or reopens) the store whose data is under a directory.
+struct Backend {
+  std::string name;
+  std::function<std::unique_ptr<Store>(const std::filesystem::path&)> open;
+};
+
+const BaselineKey kKey{"Shop", "Checkout", "iOS 17;iPhone;390x844", "default"};
+
+SessionRecord session(const std::string& id, const std::string& batch, std::int64_t startedMs) {
+  SessionRecord s;
+  s.id = id;
+  s.batchId = batch;
+  s.key = kKey;
+  s.startInfo = "{}";
+  s.startedAt = "2026-01-01T00:00:00Z";
+  s.startedMs = startedMs;
+  s.lastActiveMs = startedMs;
+  s.isNew = true;
+  return s;
+}
+
+StepRecord step(int position, const std::string& name, const std::string& image = "") {
+  return {position, name, "new", "Strict", "", image, ""};
+}
+
+class StoreTest : public ::testing::TestWithParam<Backend> {
+ protected:
+  std::unique_ptr<Store> open() const { return GetParam().open(dir_.path()); }
+
+  TempDir dir_;
+};
+
+TEST_P(StoreTest, ImagesAreNamedByTheirSha256) {
+  auto store = open();
+  const std::string hash = store->putImage("abc");
+  EXPECT_EQ(hash, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  EXPECT_EQ(store->putImage("abc"), hash);
+  EXPECT_EQ(store->readImage(hash), "abc");
+  for (const std::string& bad : {std::string(64, '0'), std::string("../lumo.db"),
+                                 std::string("BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB4"
+                                             "10FF61F20015AD")}) {
+    EXPECT_FALSE(store->readImage(bad)) << bad;
+  }
+}
+
+TEST_P(StoreTest, SavingReplacesTheBaselineOfItsKeyOnlyAndRefusesMissingImages) {
+  auto store = open();
+  const std::string a = store->putImage("a"), b = store->putImage("b"), c = store->putImage("c");
+  EXPECT_FALSE(store->findBaseline(kKey));
+  store->addSession(session("s1", "b", 1), {});
+  store->saveBaseline(kKey, {{"one", a}, {"two", b}}, "s1");
+  BaselineKey feature = kKey;
+  feature.branch = "feature";
+  store->saveBaseline(feature, {{"one", c}}, "s2");
+  store->saveBaseline(kKey, {{"only", c}}, "s3");
+  EXPECT_EQ(store->findBaseline(kKey), (std::vector<StoredStep>{{"only", c}}));
+  EXPECT_EQ(store->findBaseline(feature), (std::vector<StoredStep>{{"one", c}}));
+  BaselineKey otherEnvironment = kKey;
+  otherEnvironment.environment = "Android";
+  EXPECT_FALSE(store->findBaseline(otherEnvironment));
+
+  EXPECT_THROW(store->saveBaseline(kKey, {{"one", a}, {"two", std::string(64, 'f')}}, "s4"),
+               StoreError);
+  EXPECT_THROW(store->saveBaseline(kKey, {{"one", "not-a-hash"}}, "s4"), StoreError);
+  EXPECT_EQ(store->findBaseline(kKey), (std::vector<StoredStep>{{"only", c}}));
+  EXPECT_TRUE(store->findSession("s1")->saved);
+}
+
+// A running session, its steps and its end survive reopening, with every field.
+TEST_P(StoreTest, SessionsStepsAndBatchesSurviveReopening) {
+  const std::string image = open()->putImage("img");
+  {
+    auto store = open();
+    store->addBatch({"b1", "Nightly", "2026-01-01T10:00:00Z", 1000});
+    store->addBatch({"b1", "Renamed", "later", 5000});
+    store->addBatch({"b2", "", "2026-01-02T10:00:00Z", 2000});
+    SessionRecord s1 = session("s1", "b1", 10);
+    s1.owner = "digest";
+    store->addSession(session("s2", "b1", 20), {});
+    store->addSession(s1, {{"home", image}, {"cart", image}});
+    EXPECT_EQ(store->appendStep("s1", step(0, "home", image), 50), Store::Append::Appended);
+  }
+  auto store = open();
+  EXPECT_EQ(store->recentBatches(10).size(), 2u);
+  EXPECT_EQ(store->recentBatches(10)[0].id, "b2");
+  EXPECT_EQ(store->recentBatches(10)[1].name, "Nightly");
+  EXPECT_EQ(store->recentBatches(1).size(), 1u);
+  EXPECT_EQ(store->countSessions("b1"), 2);
+  EXPECT_EQ(store->sessionsOfBatch("b1")[0].id, "s1");
+  SessionRecord s1 = *store->findSession("s1");
+  EXPECT_EQ(s1.key, kKey);
+  EXPECT_EQ(s1.state, "running");
+  EXPECT_EQ(s1.owner, "digest");
+  EXPECT_EQ(s1.stepCount, 1);
+  EXPECT_EQ(s1.lastActiveMs, 50);
+  EXPECT_EQ(store->sessionBaseline("s1"),
+            (std::vector<StoredStep>{{"home", image}, {"cart", image}}));
+  EXPECT_FALSE(store->findSession("nope"));
+
+  Store::SessionEnd end{"stopped", "Unresolved", 1234, false, 1, {}, std::nullopt};
+  end.addedSteps.push_back({1, "cart", "missing", "", image, "", ""});
+  end.baseline = std::vector<StoredStep>{{"home", image}};
+  EXPECT_TRUE(store->finishSession("s1", end));
+  EXPECT_FALSE(store->finishSession("s1", end));  // already stopped
+  store = open();
+  s1 = *store->findSession("s1");
+  EXPECT_EQ(s1.state, "stopped");
+  EXPECT_EQ(s1.status, "Unresolved");
+  EXPECT_EQ(s1.durationMs, 1234);
+  EXPECT_EQ(s1.stepCount, 2);
+  EXPECT_TRUE(s1.saved);
+  EXPECT_EQ(store->findBaseline(kKey), (std::vector<StoredStep>{{"home", image}}));
+  const auto steps = store->steps("s1");
+  ASSERT_EQ(steps.size(), 2u);
+  EXPECT_EQ(steps[1].name, "cart");
+  EXPECT_EQ(steps[1].outcome, "missing");
+  EXPECT_EQ(steps[1].baselineImage, image);
+  EXPECT_EQ(steps[0].currentImage, image);
+}
+
+// Each multi-row change checks its precondition inside its transaction and, when it fails,
+// changes nothing.
+TEST_P(StoreTest, ChangesWhosePreconditionFailedChangeNothing) {
+  auto store = open();
+  const std::string image = store->putImage("img");
+  store->addSession(session("run", "b", 0), {});
+  store->addSession(session("done", "b", 0), {});
+  EXPECT_TRUE(store->finishSession("done", {"stopped", "Passed", 1, false, 0, {}, std::nullopt}));
+
+  EXPECT_EQ(store->appendStep("run", step(1, "gap"), 5), Store::Append::PositionTaken);
+  EXPECT_EQ(store->appendStep("run", step(0, "a", image), 5), Store::Append::Appended);
+  EXPECT_EQ(store->appendStep("run", step(0, "again"), 5), Store::Append::PositionTaken);
+  EXPECT_EQ(store->appendStep("done", step(0, "late"), 5), Store::Append::NotRunning);
+  EXPECT_EQ(store->appendStep("nope", step(0, "x"), 5), Store::Append::NotRunning);
+  // A stale step count, an approval of a running session, a rejection of one.
+  EXPECT_FALSE(store->finishSession("run", {"stopped", "Passed", 1, false, 0, {}, std::nullopt}));
+  EXPECT_FALSE(store->approveSession("run", {{"a", image}}));
+  EXPECT_FALSE(store->rejectSession("run", std::nullopt));
+  EXPECT_FALSE(store->rejectSession("done", 3));
+  EXPECT_FALSE(store->findBaseline(kKey));
+  EXPECT_EQ(store->findSession("run")->state, "running");
+  EXPECT_EQ(store->steps("run").size(), 1u);
+  EXPECT_FALSE(store->findSession("done")->rejected);
+
+  EXPECT_TRUE(store->rejectSession("done", std::nullopt));
+  EXPECT_TRUE(store->findSession("done")->rejected);
+  EXPECT_TRUE(store->approveSession("done", {{"a", image}}));
+  EXPECT_FALSE(store->findSession("done")->rejected);
+  EXPECT_EQ(store->findBaseline(kKey), (std::vector<StoredStep>{{"a", image}}));
+}
+
+TEST_P(StoreTest, OnlySessionsIdleSinceTheBoundExpire) {
+  auto store = open();
+  for (const auto& [id, lastActive] : {std::pair{"old", 100}, {"touched", 100}, {"fresh", 900}}) {
+    store->addSession(session(id, "b", 0), {});
+    store->touchSession(id, lastActive);
+  }
+  store->touchSession("touched", 950);
+  store->touchSession("touched", 10);  // an older time never moves activity back
+  EXPECT_EQ(store->expireIdleSessions(500), 1);
+  const SessionRecord old = *store->findSession("old");
+  EXPECT_EQ(old.state, "aborted");
+  EXPECT_TRUE(old.expired);
+  EXPECT_EQ(old.durationMs, 100);
+  EXPECT_EQ(store->findSession("touched")->state, "running");
+  EXPECT_EQ(store->findSession("fresh")->state, "running");
+  EXPECT_EQ(store->expireIdleSessions(500), 0);
+}
+
+TEST_P(StoreTest, ConcurrentWritersKeepEveryBaselineAndStep) {
+  auto store = open();
+  store->addSession(session("shared", "b", 0), {});
+  std::vector<std::thread> writers;
+  for (int t = 0; t < 4; ++t) {
+    writers.emplace_back([&store, t] {
+      for (int i = 0; i < 20; ++i) {
+        BaselineKey key = kKey;
+        key.test = "test " + std::to_string(t) + "/" + std::to_string(i);
+        const std::string image = store->putImage("shared image");
+        store->saveBaseline(key, {{"step", image}, {"own", store->putImage(key.test)}}, "s");
+        // Every thread appends at the next free position until one is taken by it.
+        while (true) {
+          const int position = store->findSession("shared")->stepCount;
+          if (store->appendStep("shared", step(position, key.test), 1) == Store::Append::Appended) {
+            break;
+          }
+        }
+      }
+    });
+  }
+  for (auto& writer : writers) {
+    writer.join();
+  }
+  EXPECT_EQ(store->steps("shared").size(), 80u);
+  EXPECT_EQ(store->findSession("shared")->stepCount, 80);
+  for (int t = 0; t < 4; ++t) {
+    BaselineKey key = kKey;
+    key.test = "test " + std::to_string(t) + "/19";
+    const auto steps = store->findBaseline(key);
+    ASSERT_TRUE(steps);
+    EXPECT_EQ(store->readImage((*steps)[1].image), key.test);
+  }
+}
+
+// A writer process saves baselines in a loop and reports each committed one; it is killed
+// without warning, and a reopened store must find every reported baseline with its images.
+TEST_P(StoreTest, AProcessKilledMidWriteLeavesEveryCommittedBaselineIntact) {
+  open();  // the schema exists before the writer starts
+  int pipeFds[2];
+  ASSERT_EQ(pipe(pipeFds), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    close(pipeFds[0]);
+    auto store = open();
+    for (int i = 0;; ++i) {
+      BaselineKey key = kKey;
+      key.test = "test " + std::to_string(i % 7);
+      const std::string content(4096 + i, static_cast<char>('a' + i % 26));
+      const std::string image = store->putImage(content + std::to_string(i));
+      store->saveBaseline(key, {{"step " + std::to_string(i), image}}, "s");
+      const std::string line = std::to_string(i) + "\n";
+      if (write(pipeFds[1], line.data(), line.size()) < 0) {
+        _exit(1);
+      }
+    }
+  }
+  close(pipeFds[1]);
+  FILE* reports = fdopen(pipeFds[0], "r");
+  int last = -1;
+  char line[32];
+  while (last < 40 && fgets(line, sizeof line, reports)) {
+    last = std::atoi(line);
+  }
+  kill(child, SIGKILL);
+  while (fgets(line, sizeof line, reports)) {
+    last = std::atoi(line);
+  }
+  fclose(reports);
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFSIGNALED(status));
+
+  auto store = open();
+  // Each of the seven tests holds its latest committed write, or one still later whose
+  // report the kill cut off.
+  for (int i = std::max(last - 6, 0); i <= last; ++i) {
+    BaselineKey key = kKey;
+    key.test = "test " + std::to_string(i % 7);
+    const auto steps = store->findBaseline(key);
+    ASSERT_TRUE(steps) << key.test;
+    ASSERT_EQ(steps->size(), 1u);
+    const int saved = std::stoi((*steps)[0].name.substr(5));
+    EXPECT_GE(saved, i);
+    const auto bytes = store->readImage((*steps)[0].image);
+    ASSERT_TRUE(bytes) << saved;
+    EXPECT_EQ(*bytes, std::string(4096 + saved, static_cast<char>('a' + saved % 26)) +
+                          std::to_string(saved));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Backends, StoreTest,
+                         ::testing::Values(Backend{"Sqlite",
+                                                   [](const std::filesystem::path& dir) {
+                                                     return std::make_unique<SqliteStore>(dir);
+                                                   }}),
+                         [](const auto& info) { return info.param.name; });
+
+// SQLite's own layout: images as files, no temporary file left after a kill.
+TEST(SqliteStore, ImagesAreFilesAndHalfWrittenOnesAreClearedAtOpen) {
+  TempDir dir;
+  std::string hash;
+  {
+    SqliteStore store(dir.path());
+    hash = store.putImage("abc");
+  }
+  const auto file = dir.path() / "images" / "ba" / (hash + ".png");
+  EXPECT_TRUE(std::filesystem::exists(file));
+  std::filesystem::path temp = file;
+  temp += ".123.tmp";
+  std::filesystem::copy_file(file, temp);
+  SqliteStore store(dir.path());
+  EXPECT_FALSE(std::filesystem::exists(temp));
+}
+
+// A data directory of the server that kept running sessions in memory opens as it is: its
+// sessions and baselines stay, and a session it left running is aborted, not resumable.
+TEST(SqliteStore, OpensADatabaseOfTheFormerSchema) {
+  TempDir dir;
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((dir.path() / "lumo.db").c_str(), &db), SQLITE_OK);
+  const char* former = R"sql(
+CREATE TABLE sessions(id TEXT PRIMARY KEY, batch_id TEXT NOT NULL, app TEXT NOT NULL,
+  test TEXT NOT NULL, environment TEXT NOT NULL, branch TEXT NOT NULL,
+  baseline_branch TEXT NOT NULL, start_info TEXT NOT NULL, started_at TEXT NOT NULL,
+  started_ms INTEGER NOT NULL, state TEXT NOT NULL, status TEXT NOT NULL,
+  is_new INTEGER NOT NULL, saved INTEGER NOT NULL, duration_ms INTEGER NOT NULL);
+CREATE TABLE steps(session_id TEXT NOT NULL REFERENCES sessions(id), position INTEGER NOT NULL,
+  name TEXT NOT NULL, outcome TEXT NOT NULL, match_level TEXT NOT NULL,
+  baseline_image TEXT NOT NULL, current_image TEXT NOT NULL, diff_image TEXT NOT NULL,
+  PRIMARY KEY(session_id, position));
+INSERT INTO sessions VALUES('left', 'b', 'Shop', 'T', 'e', 'default', '', '{}', 't', 1,
+  'running', '', 1, 0, 0);
+INSERT INTO sessions VALUES('done', 'b', 'Shop', 'T', 'e', 'default', '', '{}', 't', 2,
+  'stopped', 'Passed', 0, 0, 5);
+INSERT INTO steps VALUES('left', 0, 'one', 'new', 'Strict', '', '', '');
+)sql";
+  ASSERT_EQ(sqlite3_exec(db, former, nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(db);
+
+  for (int reopen = 0; reopen < 2; ++reopen) {
+    SqliteStore store(dir.path());
+    const SessionRecord left = *store.findSession("left");
+    EXPECT_EQ(left.state, "aborted");
+    EXPECT_EQ(left.stepCount, 1);
+    EXPECT_EQ(store.findSession("done")->status, "Passed");
+    EXPECT_EQ(store.steps("left").size(), 1u);
+  }
+}
+
+}  // namespace
+}  // namespace lumo::server
