@@ -415,6 +415,8 @@ int runCheck(const CheckOptions& o, std::ostream& out, std::ostream& err) {
 
   Error error;
   std::shared_ptr<TestResults> results;
+  // Close hands back the earlier results when the stop got no verdict; only new ones count.
+  const auto earlier = lumo.testResult();
   try {
     results = lumo.closeWithThrow(false, &error);
   } catch (const TestFailedException& e) {
@@ -422,7 +424,7 @@ int runCheck(const CheckOptions& o, std::ostream& out, std::ostream& err) {
                e.reason());
     return kExitUnreachable;
   }
-  if (!results) {
+  if (!results || results == earlier) {
     fmt::print(err, "lumo check: the server at {} gave no verdict\n", o.serverURL);
     return kExitUnreachable;
   }

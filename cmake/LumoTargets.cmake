@@ -6,10 +6,22 @@ if(LUMO_WERROR)
 endif()
 
 add_library(lumo_sanitizers INTERFACE)
-if(LUMO_SANITIZE STREQUAL "address")
-  target_compile_options(lumo_sanitizers INTERFACE -fsanitize=address,undefined
+if(LUMO_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "LUMO_FUZZ needs clang (libFuzzer): configure with CMAKE_CXX_COMPILER=clang++")
+  endif()
+  # Every library is instrumented for coverage; only the fuzz targets link libFuzzer's main.
+  target_compile_options(lumo_sanitizers INTERFACE
+                         -fsanitize=fuzzer-no-link,address,undefined,float-cast-overflow
                          -fno-sanitize-recover=all -fno-omit-frame-pointer)
-  target_link_options(lumo_sanitizers INTERFACE -fsanitize=address,undefined)
+  target_link_options(lumo_sanitizers INTERFACE -fsanitize=address,undefined,float-cast-overflow)
+elseif(LUMO_SANITIZE STREQUAL "address")
+  # float-cast-overflow is not part of "undefined": a NaN or infinite double cast to an integer
+  # would otherwise pass unnoticed.
+  target_compile_options(lumo_sanitizers INTERFACE
+                         -fsanitize=address,undefined,float-cast-overflow
+                         -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(lumo_sanitizers INTERFACE -fsanitize=address,undefined,float-cast-overflow)
 elseif(LUMO_SANITIZE STREQUAL "thread")
   target_compile_options(lumo_sanitizers INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
   target_link_options(lumo_sanitizers INTERFACE -fsanitize=thread)

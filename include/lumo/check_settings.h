@@ -73,6 +73,34 @@ class CheckSettings : public CheckSettingsProtocol, public CheckSettingsInternal
                            maxLeftOffset);
   }
 
+  // A region the caller keeps and may change later: the provider holds this very object, so
+  // the check sends the region as it is when the check runs. A null region fails the argument
+  // guard ("region is nil"). (Templates for the same reason as the element ones.)
+  template <std::same_as<Region> R>
+  [[nodiscard]] CheckSettings ignore(std::shared_ptr<R> region) const {
+    return withRegion(&CheckSettings::ignore_, std::move(region));
+  }
+  template <std::same_as<Region> R>
+  [[nodiscard]] CheckSettings layout(std::shared_ptr<R> region) const {
+    return withRegion(&CheckSettings::layout_, std::move(region));
+  }
+  template <std::same_as<Region> R>
+  [[nodiscard]] CheckSettings strict(std::shared_ptr<R> region) const {
+    return withRegion(&CheckSettings::strict_, std::move(region));
+  }
+  template <std::same_as<Region> R>
+  [[nodiscard]] CheckSettings content(std::shared_ptr<R> region) const {
+    return withRegion(&CheckSettings::content_, std::move(region));
+  }
+  // Up, down, right, left, as for a rectangle given by value.
+  template <std::same_as<Region> R>
+  [[nodiscard]] CheckSettings floating(std::shared_ptr<R> region, std::int64_t maxUpOffset,
+                                       std::int64_t maxDownOffset, std::int64_t maxRightOffset,
+                                       std::int64_t maxLeftOffset) const {
+    return floatingShared(std::move(region), maxUpOffset, maxDownOffset, maxRightOffset,
+                          maxLeftOffset);
+  }
+
   const std::shared_ptr<Region>& getTargetRegion() const override { return targetRegion_; }
   std::uint64_t getTimeoutInSeconds() const override { return timeout_; }
   const RegionProviders& getIgnoredRegions() const override { return ignoredRegions_; }
@@ -105,6 +133,11 @@ class CheckSettings : public CheckSettingsProtocol, public CheckSettingsInternal
   CheckSettings copyWith(Change&& change) const;
   CheckSettings withElement(void (CheckSettings::*add)(std::shared_ptr<GetRegionProtocol>),
                             std::shared_ptr<const Element> element) const;
+  CheckSettings withRegion(void (CheckSettings::*add)(std::shared_ptr<GetRegionProtocol>),
+                           std::shared_ptr<Region> region) const;
+  CheckSettings floatingShared(std::shared_ptr<Region> region, std::int64_t maxUpOffset,
+                               std::int64_t maxDownOffset, std::int64_t maxRightOffset,
+                               std::int64_t maxLeftOffset) const;
   CheckSettings floatingElement(std::shared_ptr<const Element> element, std::int64_t maxUpOffset,
                                 std::int64_t maxDownOffset, std::int64_t maxRightOffset,
                                 std::int64_t maxLeftOffset) const;

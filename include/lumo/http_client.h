@@ -54,10 +54,15 @@ class HttpClient {
 
   static constexpr const char* kErrorDomain = "lumo.http";
 
-  HttpClient();
-  // Aborts every transfer still in flight; their handlers are never called. Returns once the
-  // worker has stopped, so no handler runs after it. May be called from inside a handler: that
-  // handler finishes normally and the worker then stops on its own.
+  // How long the destructor lets queued and in-flight requests finish.
+  static constexpr std::chrono::milliseconds kDefaultShutdownGrace{5000};
+
+  explicit HttpClient(std::chrono::milliseconds shutdownGrace = kDefaultShutdownGrace);
+  // Sends what is still queued and lets it and every transfer in flight finish, their handlers
+  // running as usual, for at most the shutdown grace; then aborts what is left without calling
+  // its handler. Returns once the worker has stopped, so no handler runs after it. May be
+  // called from inside a handler: that handler finishes normally and the worker then stops on
+  // its own, at once and without calling any other handler.
   ~HttpClient();
   HttpClient(const HttpClient&) = delete;
   HttpClient& operator=(const HttpClient&) = delete;
@@ -66,6 +71,9 @@ class HttpClient {
   // thread. A URL that is not a well-formed http(s) URL, or a header with a line break, fails
   // through the handler without anything being sent.
   void send(HttpRequest request, CompletionHandler handler);
+
+  // Changes the bound the destructor waits for unfinished requests (tests shorten it).
+  void setShutdownGrace(std::chrono::milliseconds grace);
 
  private:
   struct State;

@@ -20,9 +20,11 @@ class HttpClient;
 // The library's client of the visual-testing server: starts a running session, matches a
 // window within it and stops it, over JSON REST calls under "/api/sessions/running". Each call
 // returns at once; its handler (may be empty) runs later on the connector's HTTP worker thread
-// with (record, no error), (no record, the transport error) or, when the answer is not JSON,
-// (no record, no error). HTTP statuses are not judged. Several calls may be in flight.
-// Destroying the connector abandons calls in flight: their handlers are never called.
+// with (record, no error), (no record, the transport error) or, when the answer is not a JSON
+// object (an array, a string or a number included), (no record, no error). HTTP statuses are not
+// judged. Several calls may be in flight. Destroying the connector lets the calls already made
+// finish within the HTTP client's shutdown grace (their handlers run before the destructor
+// returns), then abandons the rest.
 class ServerConnector {
  public:
   template <typename Record>
@@ -61,6 +63,10 @@ class ServerConnector {
   void setRequestTimeoutInterval(std::chrono::milliseconds interval) {
     requestTimeoutInterval_ = interval;
   }
+
+  // How long destroying the connector waits for calls still queued or in flight
+  // (HttpClient::kDefaultShutdownGrace unless a test shortens it).
+  void setShutdownGrace(std::chrono::milliseconds grace);
 
   // POST {serverURL}/api/sessions/running.json?apiKey={key} with {"startInfo": start record}.
   // The session's isNewSession is true exactly when the server answered 201. Throws as

@@ -1,9 +1,11 @@
 #include "lumo/batch_info.h"
 
 #include <fmt/format.h>
+#include <sys/random.h>
 #include <time.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <random>
 #include <utility>
@@ -14,15 +16,37 @@
 namespace lumo {
 namespace {
 
+// 16 bytes from the kernel's random source. A generator seeded with one 32-bit value would
+// give only 2^32 distinct ids, and two processes could start from the same seed.
+std::array<std::uint8_t, 16> randomBytes() {
+  std::array<std::uint8_t, 16> bytes{};
+  std::size_t filled = 0;
+  while (filled < bytes.size()) {
+    const ssize_t got = getrandom(bytes.data() + filled, bytes.size() - filled, 0);
+    if (got > 0) {
+      filled += static_cast<std::size_t>(got);
+    } else if (got < 0 && errno != EINTR) {
+      break;
+    }
+  }
+  if (filled < bytes.size()) {
+    // No getrandom (an old kernel or a sandbox): the standard library's own device, 32 bits a
+    // call, is still a fresh source for every byte.
+    std::random_device device;
+    for (std::size_t i = 0; i < bytes.size(); i += 4) {
+      const std::uint32_t word = device();
+      for (std::size_t j = 0; j < 4; ++j) {
+        bytes[i + j] = static_cast<std::uint8_t>(word >> (8 * j));
+      }
+    }
+  }
+  return bytes;
+}
+
 // A random (version 4) UUID in upper-case canonical form. Hand-written because none of our
 // dependencies generates UUIDs and this needs only 16 random bytes.
 std::string randomUuid() {
-  thread_local std::mt19937_64 engine{std::random_device{}()};
-  std::array<std::uint8_t, 16> bytes;
-  for (std::size_t i = 0; i < bytes.size(); i += 8) {
-    const std::uint64_t word = engine();
-    for (std::size_t j = 0; j < 8; ++j) bytes[i + j] = static_cast<std::uint8_t>(word >> (8 * j));
-  }
+  std::array<std::uint8_t, 16> bytes = randomBytes();
   bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0F) | 0x40);
   bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3F) | 0x80);
   std::string text;

@@ -56,7 +56,8 @@ Rect Rect::intersection(const Rect& other) const {
   const double top = std::max(minY(), other.minY());
   const double right = std::min(maxX(), other.maxX());
   const double bottom = std::min(maxY(), other.maxY());
-  if (right <= left || bottom <= top) return null();
+  // Written so that a NaN edge (from a NaN scale) also means no intersection.
+  if (!(right > left) || !(bottom > top)) return null();
   return Rect(left, top, right - left, bottom - top);
 }
 

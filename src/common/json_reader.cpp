@@ -3,6 +3,8 @@
 #include <cmath>
 #include <limits>
 
+#include "common/truncation.h"
+
 namespace lumo::detail {
 namespace {
 
@@ -39,17 +41,7 @@ void readInteger(const Json& object, const char* key, std::int64_t& out) {
     }
     return;
   }
-  const std::optional<double> number = numberOf(*value);
-  if (!number) return;
-  // 2^63 is exactly representable; anything at or beyond it would overflow the cast.
-  constexpr double kLimit = 9223372036854775808.0;
-  if (*number >= kLimit) {
-    out = std::numeric_limits<std::int64_t>::max();
-  } else if (*number < -kLimit) {
-    out = std::numeric_limits<std::int64_t>::min();
-  } else {
-    out = static_cast<std::int64_t>(*number);
-  }
+  if (const std::optional<double> number = numberOf(*value)) out = truncatedToInt64(*number);
 }
 
 void readBool(const Json& object, const char* key, bool& out) {

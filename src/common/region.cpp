@@ -1,12 +1,13 @@
 #include "lumo/region.h"
 
+#include "common/truncation.h"
 #include "lumo/logger.h"
 
 namespace lumo {
 namespace {
 
 // Conversion of a double to an integer field: truncation toward zero, never rounding.
-std::int64_t truncated(double value) { return static_cast<std::int64_t>(value); }
+std::int64_t truncated(double value) { return detail::truncatedToInt64(value); }
 
 Rect integerRect(const Region& region) {
   return Rect(static_cast<double>(region.left()), static_cast<double>(region.top()),
@@ -45,8 +46,14 @@ Region Region::intersectionBetweenRegion(const Region& region, const Region& and
     empty.makeEmpty();
     return empty;
   }
-  // The fractions of the double views are dropped before intersecting.
-  return Region(integerRect(region).intersection(integerRect(andRegion)));
+  // The fractions of the double views are dropped before intersecting. That can leave nothing
+  // (a region scaled below one point wide): the zero region then, never the null rectangle,
+  // whose infinite origin has no integer form.
+  const Rect overlap = integerRect(region).intersection(integerRect(andRegion));
+  if (overlap.isNull()) {
+    return emptyRegion();
+  }
+  return Region(overlap);
 }
 
 void Region::updateWithRect(const Rect& rect) {

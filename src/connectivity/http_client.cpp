@@ -185,46 +185,63 @@ std::optional<Error> prepare(Transfer& transfer, std::vector<CURL*>& spare) {
 }  // namespace
 
 struct HttpClient::State {
+  using Clock = std::chrono::steady_clock;
+
   std::mutex mutex;
   std::deque<std::unique_ptr<Transfer>> pending;  // guarded by mutex
+  std::chrono::milliseconds shutdownGrace;        // guarded by mutex
   bool stopping = false;                          // guarded by mutex
+  Clock::time_point deadline;                     // guarded by mutex; set with stopping
+  // Destroyed from a handler: the destructor has returned, so no handler may run any more.
+  bool abandoned = false;  // guarded by mutex
   CURLM* multi = nullptr;  // driven by the worker only; curl_multi_wakeup is thread-safe
 
   ~State() { curl_multi_cleanup(multi); }
 
-  bool isStopping() {
+  // Whether the worker must stop now, whatever is left: abandoned, or the grace is spent.
+  bool mustStop() {
     std::lock_guard lock(mutex);
-    return stopping;
+    return abandoned || (stopping && Clock::now() >= deadline);
   }
 
-  // Calls the handler unless the client is being destroyed. Returns false when it is.
+  // Calls the handler unless the worker must stop. Returns false when it must.
   bool deliver(Transfer& transfer, std::optional<HttpResponse> response,
                std::optional<Error> error) {
-    if (isStopping()) return false;
+    if (mustStop()) return false;
     if (transfer.handler) transfer.handler(std::move(response), std::move(error));
     return true;
   }
 };
 
-HttpClient::HttpClient() : state_(std::make_shared<State>()) {
+HttpClient::HttpClient(std::chrono::milliseconds shutdownGrace)
+    : state_(std::make_shared<State>()) {
+  state_->shutdownGrace = shutdownGrace;
   std::call_once(curlInitialised, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
   state_->multi = curl_multi_init();
   worker_ = std::thread([state = state_] { run(state); });
 }
 
 HttpClient::~HttpClient() {
+  const bool onWorker = worker_.get_id() == std::this_thread::get_id();
   {
     std::lock_guard lock(state_->mutex);
     state_->stopping = true;
+    state_->deadline = State::Clock::now() + state_->shutdownGrace;
+    state_->abandoned = onWorker;
   }
   curl_multi_wakeup(state_->multi);
-  if (worker_.get_id() == std::this_thread::get_id()) {
+  if (onWorker) {
     // Destroyed by one of our own handlers: the worker stops when that handler returns and
     // keeps the shared state alive until then.
     worker_.detach();
   } else {
     worker_.join();
   }
+}
+
+void HttpClient::setShutdownGrace(std::chrono::milliseconds grace) {
+  std::lock_guard lock(state_->mutex);
+  state_->shutdownGrace = grace;
 }
 
 void HttpClient::send(HttpRequest request, CompletionHandler handler) {
@@ -274,10 +291,21 @@ void HttpClient::run(const std::shared_ptr<State>& state) {
 
   for (bool running = true; running;) {
     std::deque<std::unique_ptr<Transfer>> incoming;
+    int waitMs = kIdleWaitMs;
     {
       std::lock_guard lock(state->mutex);
-      if (state->stopping) break;
+      // Stopping still sends what is queued and finishes what is in flight, so that a request
+      // made just before the destructor (an abort's DELETE) reaches the server; only the grace
+      // bounds it.
       incoming.swap(state->pending);
+      if (state->abandoned) break;
+      if (state->stopping) {
+        // Rounded up, so that the worker never gives up before the grace is spent.
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(state->deadline - State::Clock::now());
+        if (left.count() <= 0 || (incoming.empty() && active.empty())) break;
+        waitMs = static_cast<int>(std::min<std::chrono::milliseconds::rep>(waitMs, left.count()));
+      }
     }
     for (auto& transfer : incoming) {
       if (auto error = prepare(*transfer, spare)) {
@@ -300,10 +328,10 @@ void HttpClient::run(const std::shared_ptr<State>& state) {
         break;
       }
     }
-    if (running) curl_multi_poll(multi, nullptr, 0, kIdleWaitMs, nullptr);
+    if (running) curl_multi_poll(multi, nullptr, 0, std::max(1, waitMs), nullptr);
   }
 
-  // Stopping: transfers still in flight are dropped with their handlers uncalled.
+  // Stopping: what is left when the grace is spent is dropped with its handler uncalled.
   for (const auto& transfer : active) {
     curl_multi_remove_handle(multi, transfer->easy);
     curl_easy_cleanup(transfer->easy);

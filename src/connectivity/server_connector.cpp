@@ -14,12 +14,14 @@
 namespace lumo {
 namespace {
 
-// The record of a JSON answer, or null when the body is not a JSON object or array (the parse
-// error is dropped on purpose: callers treat a missing record as no verdict).
+// The record of a JSON answer, or null when the body is not a JSON object (the parse error is
+// dropped on purpose: callers treat a missing record as no verdict). An array, a string or a
+// number is no record either: read as one it would hold nothing but defaults, and a stop
+// answered with [] would then read as a passed test.
 template <typename Record>
 std::shared_ptr<Record> recordFromResponse(const HttpResponse& response) {
   const Json json = Json::parse(response.body, nullptr, /*allow_exceptions=*/false);
-  if (json.is_discarded() || !(json.is_object() || json.is_array())) return nullptr;
+  if (json.is_discarded() || !json.is_object()) return nullptr;
   auto record = std::make_shared<Record>(json);
   if constexpr (std::is_same_v<Record, RunningSession>) {
     // The only status the connector looks at: 201 means the server made a new session.
@@ -74,6 +76,10 @@ std::optional<std::string> ServerConnector::apiKey() const {
 void ServerConnector::setApiKey(std::optional<std::string> apiKey) {
   ArgumentGuard::notNil(apiKey, "apiKey");
   if (apiKey) apiKey_ = std::move(*apiKey);
+}
+
+void ServerConnector::setShutdownGrace(std::chrono::milliseconds grace) {
+  urlSession_->setShutdownGrace(grace);
 }
 
 void ServerConnector::startSessionWithInfo(const SessionStartInfo& sessionStartInfo,

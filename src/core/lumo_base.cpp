@@ -224,8 +224,11 @@ void LumoBase::startSessionCall(std::shared_ptr<detail::PendingCall> call,
                               std::shared_ptr<RunningSession> session, std::optional<Error> error) {
         auto shared = weakShared.lock();
         if (!shared) return;
-        auto apply = [&] {
+        auto apply = [&](bool inTime) {
           if (error || !session) return;
+          // A start answered after its wait gave up is still the test's session, unless a later
+          // start has already put one in place.
+          if (!inTime && shared->runningSession) return;
           shared->runningSession = session;
           shared->shouldMatchWindowRunOnceOnTimeout = session->isNewSession();
           if (session->isNewSession()) {
@@ -237,14 +240,14 @@ void LumoBase::startSessionCall(std::shared_ptr<detail::PendingCall> call,
         };
         if (call) {
           // The blocking caller's handler only logs; it must run before the waiter wakes.
-          call->complete(shared->mutex, [&] {
-            apply();
+          call->complete(shared->mutex, [&](bool inTime) {
+            apply(inTime);
             if (handler) handler(error);
           });
         } else {
           {
             std::lock_guard lock(shared->mutex);
-            apply();
+            apply(true);
           }
           if (handler) handler(error);
         }
@@ -259,27 +262,29 @@ void LumoBase::checkWindowBase(const RegionProviderProtocol* regionProvider,
                                CheckHandler completionHandler) {
   const std::string checkTag = tag.value_or("");
   ensureRunningSession();
-  if (!matchWindowTask_) {
-    // Nothing can answer a check without a task (the session never started): the wait could
-    // only run out, so it ends at once with the same failure.
-    throw TestFailedException(kTimeOutReason);
-  }
   auto call = std::make_shared<detail::PendingCall>("Check window expectation");
+  // This check's own result, for its handler: a late answer of an earlier check may change
+  // matchResult meanwhile.
+  auto answered = std::make_shared<std::shared_ptr<MatchResult>>();
   matchWindow(regionProvider, checkTag, ignoreMismatch, checkSettings,
-              [weakShared = std::weak_ptr<SharedState>(shared_), call, checkTag, ignoreMismatch](
-                  std::shared_ptr<MatchResult> result, std::optional<Error> error) {
+              [weakShared = std::weak_ptr<SharedState>(shared_), call, answered, checkTag,
+               ignoreMismatch](std::shared_ptr<MatchResult> result, std::optional<Error> error) {
                 auto shared = weakShared.lock();
                 if (!shared) return;
-                call->complete(shared->mutex, [&] {
+                // Stored even when the wait has given up: a late mismatch still makes later
+                // checks run once.
+                call->complete(shared->mutex, [&](bool inTime) {
                   if (error) {
                     Logger::logWithFormat("Failed to check: {}", error->localizedDescription());
                   }
                   shared->matchResult = result;
+                  if (inTime) *answered = result;
                   if (result && result->asExpected()) {
                     shared->lastScreenshot = result->screenshot();
                   } else {
-                    if (!ignoreMismatch)
+                    if (!ignoreMismatch) {
                       shared->lastScreenshot = result ? result->screenshot() : nullptr;
+                    }
                     validateResultLocked(*shared, result, checkTag);
                   }
                   Logger::log("Done!");
@@ -288,11 +293,23 @@ void LumoBase::checkWindowBase(const RegionProviderProtocol* regionProvider,
   if (!call->wait(shared_->mutex, waitPolicy_->serverAnswerSeconds())) {
     throw TestFailedException(kTimeOutReason);
   }
-  if (completionHandler) completionHandler(matchResult());
+  std::shared_ptr<MatchResult> result;
+  {
+    std::lock_guard lock(shared_->mutex);
+    result = *answered;
+  }
+  if (completionHandler) completionHandler(result);
 }
 
 void LumoBase::ensureRunningSession() {
-  if (runningSession()) return;
+  if (auto session = runningSession()) {
+    // A start answered after its wait gave up left a session but no task for it.
+    if (!matchWindowTask_ || matchWindowTask_->runningSession() != session) {
+      matchWindowTask_ = MatchWindowTask::create(
+          serverConnector_, session, static_cast<std::int64_t>(matchTimeout_), this, waitPolicy_);
+    }
+    return;
+  }
   Logger::log("No running session, calling start session..");
   auto call = std::make_shared<detail::PendingCall>("Start session expectation");
   startSessionCall(call, [](std::optional<Error> error) {
@@ -332,6 +349,12 @@ void LumoBase::matchWindow(const RegionProviderProtocol* regionProvider, const s
   std::optional<Region> region;
   if (regionProvider) {
     if (auto provided = regionProvider->getRegion()) region = *provided;
+  }
+  if (!matchWindowTask_ || matchWindowTask_->runningSession() != runningSession()) {
+    // The session start was refused and the test closed. Nothing could answer this check (or
+    // only the stopped session of an earlier test, through its task), so its wait could only
+    // run out: it fails at once with the time-out's own exception instead of after the bound.
+    throw TestFailedException(kTimeOutReason);
   }
   matchWindowTask_->matchWindow(region, lastScreenshot(), tag, shouldMatchWindowRunOnceOnTimeout(),
                                 ignoreMismatch, imageMatchSettings, retryTimeout,
@@ -457,18 +480,20 @@ std::shared_ptr<TestResults> LumoBase::closeWithThrow(bool throwException, Error
   auto call = std::make_shared<detail::PendingCall>("Check window expectation");
   serverConnector_->stopSession(
       *session, false, save,
-      [weakShared = std::weak_ptr<SharedState>(shared_), call, slots, url, throwException,
+      [weakShared = std::weak_ptr<SharedState>(shared_), call, slots, url, throwException, session,
        startInfo = sessionStartInfo_](std::shared_ptr<TestResults> results,
                                       std::optional<Error> /*error*/) {
         auto shared = weakShared.lock();
         if (!shared) return;
-        call->complete(shared->mutex, [&] {
+        // Applied even after the wait gave up, so that the next test does not reuse the
+        // stopped session; a session started since then stays.
+        call->complete(shared->mutex, [&](bool inTime) {
           if (results) {
             shared->testResult = results;
             judge(results, *startInfo, url, throwException, slots->first, slots->second);
           }
-          shared->lastScreenshot = nullptr;
-          shared->runningSession = nullptr;
+          if (inTime || shared->runningSession == session) shared->lastScreenshot = nullptr;
+          if (shared->runningSession == session) shared->runningSession = nullptr;
         });
       });
   if (!call->wait(shared_->mutex, waitPolicy_->serverAnswerSeconds())) {

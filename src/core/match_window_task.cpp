@@ -53,6 +53,28 @@ class AttemptSlots {
   std::optional<Error> error_;
 };
 
+// Decides, under its own lock, whether an attempt's answer or its wait's time-out came first.
+class AttemptState {
+ public:
+  // The answer: true when it counts for the wait, false when the wait has already given up.
+  bool answer() {
+    std::lock_guard lock(mutex_);
+    answered_ = !abandoned_;
+    return answered_;
+  }
+  // After the wait: true (and the attempt abandoned) unless the answer came first.
+  bool giveUp() {
+    std::lock_guard lock(mutex_);
+    abandoned_ = !answered_;
+    return abandoned_;
+  }
+
+ private:
+  std::mutex mutex_;
+  bool answered_ = false;
+  bool abandoned_ = false;
+};
+
 }  // namespace
 
 std::shared_ptr<MatchWindowTask> MatchWindowTask::create(
@@ -133,17 +155,29 @@ void MatchWindowTask::retryTakingScreenshotOfRegion(
     const std::shared_ptr<ImageMatchSettings>& imageMatchSetings, std::int64_t retryTimeout,
     AttemptHandler completionHandler) {
   auto slots = std::make_shared<AttemptSlots>();
+  // The caller's handler is shared with the attempts: an attempt answered after its wait gave
+  // up (the check has then failed with the time-out) hands its late answer straight to it, so
+  // that the controller still records it.
+  auto handler = std::make_shared<const AttemptHandler>(completionHandler);
   auto attempt = [&](const char* description, bool ignore) {
     auto expectation = std::make_shared<Expectation>(description);
+    auto state = std::make_shared<AttemptState>();
     tryTakeScreenshotOfRegion(
         region, tag, ignore, imageMatchSetings,
-        [slots, expectation](std::shared_ptr<LumoScreenshot> screenshot,
-                             std::shared_ptr<MatchResult> result, std::optional<Error> error) {
+        [slots, expectation, state, handler](std::shared_ptr<LumoScreenshot> screenshot,
+                                             std::shared_ptr<MatchResult> result,
+                                             std::optional<Error> error) {
+          if (!state->answer()) {
+            if (*handler) (*handler)(std::move(screenshot), std::move(result), std::move(error));
+            return;
+          }
           slots->store(std::move(screenshot), std::move(result), std::move(error));
           expectation->fulfill();
         });
-    return Waiter::waitForExpectations(
-        {expectation}, std::chrono::duration<double>(waitPolicy_->serverAnswerSeconds()));
+    Waiter::waitForExpectations({expectation},
+                                std::chrono::duration<double>(waitPolicy_->serverAnswerSeconds()));
+    // An answer that raced the time-out counts as in time.
+    return state->giveUp() ? WaiterResult::timedOut : WaiterResult::completed;
   };
 
   const double start = waitPolicy_->nowSeconds();

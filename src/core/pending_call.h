@@ -10,22 +10,23 @@
 namespace lumo::detail {
 
 // The handshake of one blocking call: its reply (on the connector's worker thread) and its
-// wait (on the test thread) decide under the owner's lock whether the reply counts. A reply
-// that comes after the wait gave up changes nothing; a reply that made it in time counts even
-// if the waiter woke up for its time-out at the same moment.
+// wait (on the test thread) decide under the owner's lock whether the reply came in time. A
+// reply always stores its values; one that comes after the wait gave up only leaves alone what
+// belonged to that wait. A reply that made it in time counts even if the waiter woke up for its
+// time-out at the same moment.
 class PendingCall {
  public:
   explicit PendingCall(std::string description)
       : expectation_(std::make_shared<Expectation>(std::move(description))) {}
 
-  // Runs `apply` under `mutex` unless the wait has already given up, then wakes the waiter.
+  // Runs `apply(inTime)` under `mutex`, `inTime` false once the wait has given up, then wakes
+  // the waiter.
   template <typename Apply>
   void complete(std::mutex& mutex, Apply&& apply) {
     {
       std::lock_guard lock(mutex);
-      if (abandoned_) return;
-      apply();
-      done_ = true;
+      apply(!abandoned_);
+      done_ = !abandoned_;
     }
     expectation_->fulfill();
   }

@@ -149,5 +149,35 @@ TEST(CheckUnreachable, SilentServerIsExitFourAfterTheBound) {
   server.stop();
 }
 
+// A stop answered with anything but a JSON object is no verdict: never a pass.
+TEST(CheckVerdict, StopAnswerThatIsNoObjectIsExitFour) {
+  for (const char* stopBody : {"[]", "\"Passed\"", "0", "<html></html>"}) {
+    SCOPED_TRACE(stopBody);
+    lumo::test::TestServer server;
+    server.setHandler([&](const lumo::test::RecordedRequest& request) {
+      if (request.method == "DELETE") return lumo::test::ScriptedResponse{200, stopBody};
+      if (request.path == "/api/sessions/running.json") {
+        return lumo::test::ScriptedResponse{200, R"({"id":"s1","url":"http://results/s1"})"};
+      }
+      return lumo::test::ScriptedResponse{200, R"({"asExpected":true})"};
+    });
+    server.start();
+    CheckOptions options;
+    options.serverURL = server.baseURL();
+    options.appName = "Shop";
+    options.testName = "Home";
+    options.apiKey = "key";
+    options.matchTimeout = 0;
+    options.checkpoints.push_back(
+        {"home", {}, std::make_shared<const Image>(testing::screen(20, 20, 50))});
+    options.waitPolicy = std::make_shared<ShortWaits>();
+    std::ostringstream out, err;
+    EXPECT_EQ(runCheck(options, out, err), kExitUnreachable);
+    EXPECT_TRUE(contains(err.str(), "gave no verdict")) << err.str();
+    EXPECT_FALSE(contains(out.str(), "Test passed")) << out.str();
+    server.stop();
+  }
+}
+
 }  // namespace
 }  // namespace lumo::cli

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <optional>
 #include <string>
@@ -62,6 +64,31 @@ TEST(BatchInfo, IdIsAFreshUpperCaseUuidWhenTheVariableIsUnset) {
   const BatchInfo b("a", kStart);
   EXPECT_TRUE(isUpperCaseUuid(a.batchId())) << a.batchId();
   EXPECT_NE(a.batchId(), b.batchId());
+}
+
+// Every id draws fresh bytes: a forked process (a test runner's worker) must not repeat the
+// ids of its parent, as it would with a generator state copied by the fork.
+TEST(BatchInfo, ForkedProcessesMakeDifferentIds) {
+  ScopedEnv id("BRIXTEL_BATCH_ID", std::nullopt);
+  (void)BatchInfo("warm-up", kStart);
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    const std::string childId = BatchInfo("a", kStart).batchId();
+    const ssize_t written = write(fds[1], childId.data(), childId.size());
+    _exit(written == static_cast<ssize_t>(childId.size()) ? 0 : 1);
+  }
+  close(fds[1]);
+  const std::string parentId = BatchInfo("a", kStart).batchId();
+  std::string childId(36, '\0');
+  EXPECT_EQ(read(fds[0], childId.data(), childId.size()), 36);
+  close(fds[0]);
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(isUpperCaseUuid(childId)) << childId;
+  EXPECT_NE(parentId, childId);
 }
 
 TEST(BatchInfo, IdComesFromTheEnvironmentEvenWhenEmpty) {

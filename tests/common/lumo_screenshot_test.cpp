@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
+#include <string>
+#include <utility>
+
 #include "lumo/out_of_bounds_exception.h"
 #include "lumo/scaled_screenshot.h"
 
@@ -35,6 +40,38 @@ TEST(LumoScreenshot, ARegionOutsideThrowsAndChangesNothing) {
               "Region [{{200, 200}, {20, 20}}] is out of screenshot bounds [{{0, 0}, {100, 100}}]");
   }
   EXPECT_EQ(shot.image(), image);
+}
+
+TEST(LumoScreenshot, DegenerateScalesAreOutOfBoundsNeverUndefined) {
+  const double inf = std::numeric_limits<double>::infinity();
+  const struct {
+    Region region;
+    double scale;
+  } cases[] = {{Region(10, 10, 1, 1), 0.5},  // an empty integer intersection
+               {Region(10, 10, 20, 20), std::nan("")},
+               {Region(10, 10, 20, 20), inf},
+               {Region(0, 0, 20, 20), inf},  // 0 x inf is NaN
+               {Region(10, 10, 20, 20), -inf}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.region.description() + " x " + std::to_string(c.scale));
+    auto image = filled(100, 100);
+    ScaledScreenshot shot(image);
+    EXPECT_THROW(shot.cropRegion(c.region, c.scale), OutOfBoundsException);
+    EXPECT_EQ(shot.image(), image);
+  }
+}
+
+TEST(LumoScreenshot, StatusBarCutsOfNoSizeGiveAnEmptyImage) {
+  const double inf = std::numeric_limits<double>::infinity();
+  const std::pair<double, double> cases[] = {
+      {std::nan(""), 1}, {20, std::nan("")}, {inf, 1}, {-inf, 1}, {1e300, 1e300}};
+  for (const auto& [height, scale] : cases) {
+    SCOPED_TRACE(std::to_string(height) + " x " + std::to_string(scale));
+    ScaledScreenshot shot(filled(10, 10));
+    shot.cropStatusBarWithHeight(height, scale);
+    ASSERT_TRUE(shot.image());
+    EXPECT_TRUE(shot.image()->empty());
+  }
 }
 
 TEST(LumoScreenshot, CutsTheStatusBarWithoutCheckingIt) {

@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
+
 #include "lumo/rectangle_size.h"
 #include "support/log_capture.h"
 
@@ -98,6 +101,28 @@ TEST(Region, DisjointOrMissingRegionsIntersectToTheZeroRegion) {
   EXPECT_TRUE(Region::intersectionBetweenRegion(a, far).isEmpty());
   EXPECT_FALSE(Region::regionIsIntersectedWithRegion(Region(), a));
   EXPECT_TRUE(Region::intersectionBetweenRegion(Region(), a).isEmpty());
+}
+
+// Heights and scales may be NaN or infinite; their integer views must still be defined.
+TEST(Region, UnrepresentableDoublesSaturateAndNaNTruncatesToZero) {
+  constexpr double kInf = std::numeric_limits<double>::infinity();
+  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
+  expectIntegers(Region(Rect(std::nan(""), kInf, -kInf, 1e300)), 0, kMax, kMin, kMax);
+  expectIntegers(Region::scaledRegionFromRegion(Region(0, 1, -1, 2), kInf), 0, kMax, kMin, kMax);
+  expectIntegers(Region::scaledRegionFromRegion(Region(1, 1, 1, 1), std::nan("")), 0, 0, 0, 0);
+}
+
+TEST(Region, IntersectionWhoseIntegerViewIsEmptyIsTheZeroRegion) {
+  test::LogCapture capture;
+  // Below one point wide after scaling: the doubles overlap, the integers do not.
+  const Region thin = Region::scaledRegionFromRegion(Region(10, 10, 1, 1), 0.5);
+  const Region bounds(0, 0, 100, 100);
+  EXPECT_TRUE(Region::regionIsIntersectedWithRegion(thin, bounds));
+  EXPECT_TRUE(Region::intersectionBetweenRegion(thin, bounds).isEmpty());
+  const Region nan = Region::scaledRegionFromRegion(Region(10, 10, 20, 20), std::nan(""));
+  EXPECT_FALSE(Region::regionIsIntersectedWithRegion(nan, bounds));
+  EXPECT_TRUE(Region::intersectionBetweenRegion(nan, bounds).isEmpty());
 }
 
 TEST(RectangleSize, EqualityAndEmptiness) {

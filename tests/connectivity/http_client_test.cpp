@@ -136,16 +136,40 @@ TEST_F(HttpClientTest, UrlsThatCannotBeSentFailWithoutTouchingTheNetwork) {
   EXPECT_TRUE(server_.requests().empty());
 }
 
-TEST_F(HttpClientTest, DestroyingTheClientDropsTransfersInFlight) {
-  server_.hold();
-  bool called = false;
+// A request made just before the client goes (an abort's DELETE) must still reach the server:
+// the destructor finishes queued and in-flight requests, handlers included, within its grace.
+TEST_F(HttpClientTest, DestroyingTheClientFinishesWhatIsQueuedAndInFlight) {
+  server_.setHandler([](const test::RecordedRequest&) {
+    return test::ScriptedResponse{.status = 200, .delay = 100ms};
+  });
+  int called = 0;
   {
     HttpClient client;
+    for (const char* path : {"/a", "/b", "/c"}) {
+      client.send(request(server_.baseURL() + path),
+                  [&](std::optional<HttpResponse> response, std::optional<Error>) {
+                    called += response && response->statusCode == 200 ? 1 : 0;
+                  });
+    }
+  }
+  EXPECT_EQ(called, 3);
+  EXPECT_EQ(server_.requests().size(), 3u);
+}
+
+TEST_F(HttpClientTest, DestroyingTheClientCancelsWhatOutlivesTheGrace) {
+  server_.hold();
+  bool called = false;
+  const auto start = std::chrono::steady_clock::now();
+  {
+    HttpClient client(150ms);
     client.send(request(server_.baseURL() + "/held"),
                 [&](std::optional<HttpResponse>, std::optional<Error>) { called = true; });
     ASSERT_TRUE(server_.waitForRequests(1, 10s));
   }
-  EXPECT_FALSE(called);
+  const auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_FALSE(called) << "no handler after the destructor";
+  EXPECT_GE(took, 150ms);
+  EXPECT_LT(took, 5s);
   server_.release();
 }
 

@@ -207,10 +207,14 @@ TEST_F(ServerConnectorTest, StopSessionSendsDeleteWithFlagsAndNoBody) {
                           Pair("Host", hostHeader())));
 }
 
-TEST_F(ServerConnectorTest, AnswersThatAreNotJsonGiveNeitherRecordNorError) {
+// JSON that is not an object counts as no JSON: an array read as test results would otherwise
+// be a record of defaults, that is a passed test.
+TEST_F(ServerConnectorTest, AnswersThatAreNotJsonObjectsGiveNeitherRecordNorError) {
   const auto conn = connector();
-  for (const std::string& body : {std::string("<html><body>Bad gateway</body></html>"),
-                                  std::string(""), std::string("42"), std::string("{\"a\":")}) {
+  for (const std::string& body :
+       {std::string("<html><body>Bad gateway</body></html>"), std::string(""), std::string("42"),
+        std::string("{\"a\":"), std::string("[]"), std::string("[{\"status\":\"Passed\"}]"),
+        std::string("\"Passed\""), std::string("null"), std::string("true")}) {
     server_.enqueue({.status = 502, .body = body, .contentType = "text/html"});
     server_.enqueue({.status = 200, .body = body, .contentType = "text/html"});
     server_.enqueue({.status = 200, .body = body, .contentType = "text/html"});
@@ -341,10 +345,11 @@ TEST_F(ServerConnectorTest, SeveralCallsAreInFlightAtOnceAndEmptyHandlersAreAllo
   EXPECT_TRUE(matched.record());
 }
 
-TEST_F(ServerConnectorTest, DestroyingTheConnectorAbandonsCallsInFlight) {
+TEST_F(ServerConnectorTest, DestroyingTheConnectorAbandonsCallsThatOutliveItsGrace) {
   server_.hold();
   bool called = false;
   auto conn = connector();
+  conn->setShutdownGrace(std::chrono::milliseconds(100));
   conn->stopSession(
       *session(), false, false,
       [&called](std::shared_ptr<TestResults>, std::optional<Error>) { called = true; });

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 
 #include "lumo/floating_region_by_rectangle.h"
 #include "lumo/ignore_region_by_element.h"
@@ -35,6 +36,15 @@ TEST(RegionFilter, ShiftsUpByTheStatusBarTruncatingTowardZero) {
             -10);
   EXPECT_EQ(RegionFilter::filterRegion(std::make_shared<Region>(0, 10, 1, 1), -5, true)->top(), 15);
   EXPECT_NE(RegionFilter::filterRegion(region, std::nan(""), true), region);
+  // Heights that leave no integer top give a defined one: 0 for NaN, saturated otherwise.
+  const double inf = std::numeric_limits<double>::infinity();
+  EXPECT_EQ(RegionFilter::filterRegion(region, std::nan(""), true)->top(), 0);
+  EXPECT_EQ(RegionFilter::filterRegion(region, inf, true)->top(),
+            std::numeric_limits<std::int64_t>::min());
+  EXPECT_EQ(RegionFilter::filterFloatingRegion(
+                std::make_shared<FloatingMatchSettings>(1, 2, 3, 4, 5, 6, 7, 8), -inf, true)
+                ->top(),
+            std::numeric_limits<std::int64_t>::max());
 
   auto floating = RegionFilter::filterFloatingRegion(
       std::make_shared<FloatingMatchSettings>(1, 30, 3, 4, 5, 6, 7, 8), 20.5, true);

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <deque>
+#include <functional>
 #include <thread>
 
 #include "lumo/base64.h"
@@ -12,7 +14,9 @@
 #include "lumo/match_result.h"
 #include "lumo/new_test_exception.h"
 #include "lumo/png.h"
+#include "lumo/region_provider_protocol.h"
 #include "lumo/running_session.h"
+#include "lumo/server_connector.h"
 #include "lumo/test_failed_exception.h"
 #include "lumo/test_results.h"
 #include "support/fast_wait_policy.h"
@@ -83,7 +87,22 @@ class LumoTest : public test::TestServerFixture {
       if (!matchAnswers_.empty()) matchAnswers_.pop_front();
       return {200, Json{{"asExpected", asExpected}}.dump()};
     }
-    return {200, results_.dump()};
+    return {.status = 200, .body = results_.dump(), .delay = stopDelay_};
+  }
+
+  // Polls (bounded) for a change that a reply makes on the worker thread.
+  static bool eventually(const std::function<bool()>& condition) {
+    for (int i = 0; i < 1000; ++i) {
+      if (condition()) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return condition();
+  }
+
+  void renewController(double serverAnswerSeconds) {
+    lumo_ = std::make_unique<Lumo>(server_.baseURL(), source_);
+    lumo_->setApiKey("key");
+    lumo_->setWaitPolicy(std::make_shared<FastWaitPolicy>(serverAnswerSeconds));
   }
 
   void script(bool newSession, std::deque<bool> matchAnswers, bool defaultMatch, Json results) {
@@ -114,6 +133,7 @@ class LumoTest : public test::TestServerFixture {
   std::deque<bool> matchAnswers_;
   bool defaultMatch_ = true;
   Json results_ = resultsWith("Passed", false);
+  std::chrono::milliseconds stopDelay_{0};
 
   std::shared_ptr<FastWaitPolicy> policy_ = std::make_shared<FastWaitPolicy>();
   std::shared_ptr<MemoryScreenshotSource> source_;
@@ -347,57 +367,161 @@ TEST_F(LumoTest, MissingApiKeyFailsAtOpen) {
   EXPECT_TRUE(server_.requests().empty());
 }
 
-TEST_F(LumoTest, SilentServerEndsInTheTimeOutExceptionAndLateAnswersChangeNothing) {
-  lumo_->setWaitPolicy(std::make_shared<FastWaitPolicy>(0.2));
-  lumo_->open("Shop", "Login", {100, 200});
-  lumo_->check("home");
-  server_.hold();
-  try {
-    lumo_->check("late", CheckSettings().timeoutInSeconds(0));
-    FAIL();
-  } catch (const TestFailedException& e) {
-    EXPECT_EQ(e.reason(), "--- Time-out exception");
-    EXPECT_FALSE(e.testResults());
+// An answer that comes after its wait gave up is still stored, as if it had come in time.
+TEST_F(LumoTest, LateAnswersAreStoredAfterTheTimeOut) {
+  const auto openAndCheckThenMismatch = [this](Lumo& lumo) {
+    lumo.open("Shop", "Login", {100, 200});
+    lumo.check("home");
+    script(false, {false}, true, resultsWith("Passed", false));  // the held answer mismatches
+  };
+  struct Case {
+    const char* name;
+    std::function<void(Lumo&)> prepare;   // runs before the server holds its answers
+    std::function<void(Lumo&)> timesOut;  // must end in the time-out exception
+    std::function<bool(Lumo&)> settled;   // true once the late answer is in
+    std::size_t starts;                   // session starts from the held call to the next check
+  };
+  const std::vector<Case> cases = {
+      {"a late start is the test's session",
+       [](Lumo& lumo) {
+         lumo.open("Shop", "Login", {100, 200});
+       },
+       [](Lumo& lumo) { lumo.check("home"); },
+       [](Lumo& lumo) { return lumo.runningSession() != nullptr; }, 1},
+      {"a late single attempt's mismatch makes later checks run once", openAndCheckThenMismatch,
+       [](Lumo& lumo) { lumo.check("late", CheckSettings().timeoutInSeconds(0)); },
+       [](Lumo& lumo) { return lumo.shouldMatchWindowRunOnceOnTimeout(); }, 0},
+      {"a late retry round's mismatch makes later checks run once", openAndCheckThenMismatch,
+       [](Lumo& lumo) { lumo.check("late", CheckSettings().timeoutInSeconds(3)); },
+       [](Lumo& lumo) { return lumo.shouldMatchWindowRunOnceOnTimeout(); }, 0},
+      {"a late stop clears the session, so the next test starts its own",
+       [](Lumo& lumo) {
+         lumo.open("Shop", "Login", {100, 200});
+         lumo.check("home");
+       },
+       [](Lumo& lumo) { lumo.close(nullptr); },
+       [](Lumo& lumo) { return lumo.runningSession() == nullptr; }, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    script(false, {}, true, resultsWith("Passed", false));
+    renewController(0.2);
+    c.prepare(*lumo_);
+    const auto startsBefore = requests("POST", true).size();
+    server_.hold();
+    try {
+      c.timesOut(*lumo_);
+      ADD_FAILURE() << "the held answer must time out";
+    } catch (const TestFailedException& e) {
+      EXPECT_EQ(e.reason(), "--- Time-out exception");
+    }
+    EXPECT_FALSE(c.settled(*lumo_)) << "nothing has answered yet";
+    server_.release();
+    EXPECT_TRUE(eventually([&] { return c.settled(*lumo_); }));
+
+    lumo_->setWaitPolicy(policy_);
+    if (!lumo_->isOpen()) lumo_->open("Shop", "Login", {100, 200});
+    EXPECT_TRUE(lumo_->check("next"));
+    EXPECT_EQ(requests("POST", true).size(), startsBefore + c.starts);
+    lumo_->close(nullptr);
   }
-  auto before = lumo_->matchResult();
-  script(false, {false}, false, resultsWith("Passed", false));
-  server_.release();
-  ASSERT_TRUE(server_.waitForRequests(3, std::chrono::seconds(5)));
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_EQ(lumo_->matchResult(), before) << "the late answer is dropped";
-  EXPECT_FALSE(lumo_->shouldMatchWindowRunOnceOnTimeout());
 }
 
-TEST_F(LumoTest, DestroyingTheControllerWithAnAbortInFlightIsSafe) {
+// The DELETE of an abort goes out even when the controller is destroyed right after it; a
+// server that never answers holds the destructor only for the client's grace.
+TEST_F(LumoTest, DestroyingTheControllerRightAfterAnAbortStillStopsTheSession) {
+  stopDelay_ = std::chrono::milliseconds(100);
   lumo_->open("Shop", "Login", {100, 200});
   lumo_->check("home");
+  lumo_->abortIfNotClosed();
+  lumo_.reset();
+  auto stop = requests("DELETE", false);
+  ASSERT_EQ(stop.size(), 1u);
+  EXPECT_EQ(stop[0].query, "apiKey=key&aborted=1&updateBaseline=0");
+
+  renewController(2.0);
+  lumo_->open("Shop", "Login", {100, 200});
+  lumo_->check("home");
+  lumo_->serverConnector()->setShutdownGrace(std::chrono::milliseconds(100));
   server_.hold();
   lumo_->abortIfNotClosed();
-  ASSERT_TRUE(server_.waitForRequests(3, std::chrono::seconds(5)));
+  const auto start = std::chrono::steady_clock::now();
   lumo_.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
   server_.release();
 }
 
-TEST(LumoUnreachable, RefusedSessionStartIsLoggedWithTheUrlAndFailsAtOnce) {
+// Counts how often a check asks for its region.
+class CountingProvider : public RegionProviderProtocol {
+ public:
+  std::shared_ptr<Region> getRegion() const override {
+    ++calls;
+    return std::make_shared<Region>(1, 1, 5, 5);
+  }
+  mutable int calls = 0;
+};
+
+class CountingElement : public Element {
+ public:
+  Rect frame() const override {
+    ++calls;
+    return Rect(0, 0, 2, 2);
+  }
+  mutable std::atomic<int> calls{0};
+};
+
+// A refused start closes the test; the check still builds its settings and says it calls the
+// match window, then fails at once rather than waiting out a bound nothing can answer.
+TEST(LumoUnreachable, RefusedSessionStartStillAsksTheProvidersThenFailsAtOnce) {
   auto source = std::make_shared<MemoryScreenshotSource>(std::vector<ImagePtr>{screen(10, 10)});
-  // A port nobody listens on: bind one, note it, close it.
-  Lumo lumo("http://127.0.0.1:9", source);
+  test::RefusingPort refusing;
+  Lumo lumo(refusing.baseURL(), source);
   lumo.setApiKey("key");
   lumo.setWaitPolicy(std::make_shared<FastWaitPolicy>(30));
   LogCapture log;
   lumo.open("Shop", "Login", {10, 10});
+  CountingProvider target;
+  auto element = std::make_shared<CountingElement>();
+  const CheckSettings settings = CheckSettings().ignore(element);
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_THROW(lumo.check("home"), TestFailedException);
+  EXPECT_THROW(lumo.checkWindowBase(&target, "home", false, &settings, {}), TestFailedException);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  EXPECT_EQ(target.calls, 1);
+  EXPECT_EQ(element->calls, 1);
   auto lines = log.lines();
   auto failed = std::find_if(lines.begin(), lines.end(), [](const std::string& line) {
     return line.starts_with("[BrixtelLumo] Failed to start session: ");
   });
   ASSERT_NE(failed, lines.end());
-  EXPECT_NE(failed->find("http://127.0.0.1:9/api/sessions/running.json"), std::string::npos)
+  EXPECT_NE(failed->find(refusing.baseURL() + "/api/sessions/running.json"), std::string::npos)
       << *failed;
-  EXPECT_TRUE(contains(lines, "[BrixtelLumo] --- Empty test ended."));
+  const auto ended = std::find(lines.begin(), lines.end(), "[BrixtelLumo] --- Empty test ended.");
+  const auto calling =
+      std::find(lines.begin(), lines.end(), "[BrixtelLumo] Calling match window...");
+  EXPECT_NE(ended, lines.end());
+  EXPECT_NE(calling, lines.end());
+  EXPECT_LT(ended, calling) << "the test is closed before the check goes on";
   EXPECT_FALSE(lumo.isOpen());
+}
+
+// A region the test keeps and changes after building the settings is sent as it is at the
+// check, not as it was when given.
+TEST_F(LumoTest, SharedRegionsAreReadWhenTheCheckRuns) {
+  auto moving = std::make_shared<Region>(1, 2, 3, 4);
+  auto floating = std::make_shared<Region>(0, 0, 1, 1);
+  const CheckSettings settings =
+      CheckSettings().ignore(moving).strict(moving).floating(floating, 1, 2, 3, 4);
+  *moving = Region(10, 20, 30, 40);
+  *floating = Region(5, 6, 7, 8);
+  lumo_->open("Shop", "Login", {100, 200});
+  lumo_->check("home", settings);
+  const auto sent = Json::parse(matchRequests().at(0).body)["options"]["imageMatchSettings"];
+  const Json moved = Json::parse(R"([{"left":10,"top":20,"width":30,"height":40}])");
+  EXPECT_EQ(sent["Ignore"], moved);
+  EXPECT_EQ(sent["Strict"], moved);
+  EXPECT_EQ(sent["Floating"][0]["left"], 5);
+  EXPECT_EQ(sent["Floating"][0]["height"], 8);
+  lumo_->close(nullptr);
 }
 
 }  // namespace

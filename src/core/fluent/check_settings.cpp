@@ -1,5 +1,6 @@
 #include "lumo/check_settings.h"
 
+#include "lumo/argument_guard.h"
 #include "lumo/floating_region_by_element.h"
 #include "lumo/floating_region_by_rectangle.h"
 #include "lumo/ignore_region_by_element.h"
@@ -110,6 +111,26 @@ CheckSettings CheckSettings::floatingElement(std::shared_ptr<const Element> elem
   return copyWith([&](CheckSettings& c) {
     c.floating_(std::make_shared<FloatingRegionByElement>(element, maxUpOffset, maxDownOffset,
                                                           maxLeftOffset, maxRightOffset));
+  });
+}
+
+CheckSettings CheckSettings::withRegion(
+    void (CheckSettings::*add)(std::shared_ptr<GetRegionProtocol>),
+    std::shared_ptr<Region> region) const {
+  ArgumentGuard::notNil(region, "region");
+  return copyWith([&](CheckSettings& c) {
+    (c.*add)(std::make_shared<IgnoreRegionByRectangle>(std::move(region)));
+  });
+}
+
+CheckSettings CheckSettings::floatingShared(std::shared_ptr<Region> region,
+                                            std::int64_t maxUpOffset, std::int64_t maxDownOffset,
+                                            std::int64_t maxRightOffset,
+                                            std::int64_t maxLeftOffset) const {
+  ArgumentGuard::notNil(region, "region");
+  return copyWith([&](CheckSettings& c) {
+    c.floating_(std::make_shared<FloatingRegionByRectangle>(
+        std::move(region), maxUpOffset, maxDownOffset, maxLeftOffset, maxRightOffset));
   });
 }
 

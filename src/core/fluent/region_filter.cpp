@@ -1,5 +1,6 @@
 #include "lumo/region_filter.h"
 
+#include "common/truncation.h"
 #include "lumo/argument_guard.h"
 
 namespace lumo {
@@ -9,8 +10,9 @@ bool shifts(double statusBarHeight, bool shouldCropStatusBar) {
   return statusBarHeight != 0 && shouldCropStatusBar;  // NaN != 0 holds: a NaN height shifts
 }
 
+// Truncated toward zero; a NaN or infinite height gives a defined (saturated) top.
 std::int64_t shiftedTop(std::int64_t top, double statusBarHeight) {
-  return static_cast<std::int64_t>(static_cast<double>(top) - statusBarHeight);
+  return detail::truncatedToInt64(static_cast<double>(top) - statusBarHeight);
 }
 
 }  // namespace
