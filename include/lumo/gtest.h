@@ -65,15 +65,18 @@ enum class Verdict { Passed, NewBaseline, Differences, Failed, NotJudged };
 class VisualTest {
  public:
   // Opens the test (no request is sent until the first check). Throws std::logic_error
-  // outside a running test and lumo::Exception on a bad configuration (no API key).
-  explicit VisualTest(VisualTestConfig config)
-      : config_(std::move(config)),
-        lumo_(std::make_unique<Lumo>(config_.serverUrl, config_.source)) {
+  // outside a running test, std::invalid_argument without a source and lumo::Exception
+  // without an API key.
+  explicit VisualTest(VisualTestConfig config) : config_(std::move(config)) {
     const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
     if (info == nullptr) {
       throw std::logic_error("lumo::gtest::VisualTest must be made inside a running test");
     }
+    if (!config_.source) {
+      throw std::invalid_argument("lumo::gtest::VisualTestConfig: no screenshot source");
+    }
     testName_ = std::string(info->test_suite_name()) + "." + info->name();
+    lumo_ = std::make_unique<Lumo>(config_.serverUrl, config_.source);
     lumo_->setApiKey(config_.apiKey);
     if (config_.batch) {
       lumo_->setBatch(config_.batch);
@@ -112,11 +115,7 @@ class VisualTest {
     if (!lumo_->isOpen()) {
       return *verdict_;
     }
-    if (::testing::Test::HasFatalFailure() || ::testing::Test::IsSkipped()) {
-      lumo_->abortIfNotClosed();
-      return *verdict_;
-    }
-    if (broken_) {
+    if (broken_ || ::testing::Test::HasFatalFailure() || ::testing::Test::IsSkipped()) {
       lumo_->abortIfNotClosed();
       return *verdict_;
     }
