@@ -29,6 +29,7 @@
 #include "lumo/system_log.h"
 #include "lumo/test_failed_exception.h"
 #include "lumo/test_results.h"
+#include "report.h"
 
 namespace lumo::cli {
 namespace {
@@ -233,6 +234,8 @@ CheckCommand::CheckCommand(CLI::App& parent) {
                 "Command printing a PNG of the screen, run for each checkpoint; the "
                 "arguments are then tags")
       ->type_name("COMMAND");
+  c->add_option("--report", report_, "Write a report for CI: JUnit XML (.xml) or JSON (.json)")
+      ->type_name("FILE");
   c->add_option("IMAGE", items_, "PNG file of a screen, optionally tagged (TAG with --capture)")
       ->type_name("IMAGE[=TAG]");
 }
@@ -305,6 +308,10 @@ CheckOptions CheckCommand::options() const {
   }
   o.saveDiffs = saveDiffs_;
   for (const auto& p : properties_) o.properties.push_back(parseProperty("--property", p));
+  if (given("--report")) {
+    reportFormatOf("--report", report_);
+    o.reportFile = report_;
+  }
 
   if (given("--capture")) {
     if (capture_.empty()) throw UsageError("--capture: the command is empty");
@@ -336,7 +343,9 @@ CheckOptions CheckCommand::options() const {
   return o;
 }
 
-int runCheck(const CheckOptions& o, std::ostream& out, std::ostream& err) {
+namespace {
+
+int runTest(const CheckOptions& o, std::ostream& out, std::ostream& err, TestReport& report) {
   // Every screen is read before the server hears of the test.
   std::shared_ptr<ScreenshotSource> source;
   std::shared_ptr<CheckpointSource> checkpointSource;
@@ -393,12 +402,14 @@ int runCheck(const CheckOptions& o, std::ostream& out, std::ostream& err) {
       return kExitUnreachable;
     }
     sessionURL = session->url();
+    report.sessionUrl = sessionURL;
     for (std::size_t i = 0; i < o.checkpoints.size(); ++i) {
       const std::string& tag = o.checkpoints[i].tag;
       if (checkpointSource) checkpointSource->setImage(screens[i]);
       const auto result = o.targetRegion ? lumo.checkRegion(*o.targetRegion, tag, settings)
                                          : lumo.check(tag, settings);
-      fmt::print(out, "{}: {}\n", tag, checkpointState(*session, result));
+      report.checkpoints[i].verdict = checkpointState(*session, result);
+      fmt::print(out, "{}: {}\n", tag, report.checkpoints[i].verdict);
       out.flush();
     }
   } catch (const TestFailedException& e) {
@@ -419,6 +430,7 @@ int runCheck(const CheckOptions& o, std::ostream& out, std::ostream& err) {
   const auto earlier = lumo.testResult();
   try {
     results = lumo.closeWithThrow(false, &error);
+    report.results = results;
   } catch (const TestFailedException& e) {
     fmt::print(err, "lumo check: the server at {} did not answer in time ({})\n", o.serverURL,
                e.reason());
@@ -436,6 +448,21 @@ int runCheck(const CheckOptions& o, std::ostream& out, std::ostream& err) {
   fmt::print(out, "{}\n", error.localizedDescription());
   const bool isNew = results->status() == TestResultsStatusUnresolved && results->isNew();
   return isNew ? kExitNewTest : kExitDifferences;
+}
+
+}  // namespace
+
+int runCheck(const CheckOptions& o, std::ostream& out, std::ostream& err) {
+  TestReport report{o.appName, o.testName, o.batch, {}, std::nullopt, nullptr, 0};
+  for (const Checkpoint& checkpoint : o.checkpoints) {
+    report.checkpoints.push_back({checkpoint.tag});
+  }
+  report.exitStatus = runTest(o, out, err, report);
+  // The exit status stays the test's; a report that cannot be written is said on `err`.
+  if (o.reportFile) {
+    writeReport(*o.reportFile, report, err);
+  }
+  return report.exitStatus;
 }
 
 }  // namespace lumo::cli

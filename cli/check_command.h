@@ -58,6 +58,7 @@ struct CheckOptions {
   std::vector<std::pair<std::string, std::string>> properties;
   std::optional<std::string> captureCommand;  // set: each screen comes from this command
   std::vector<Checkpoint> checkpoints;
+  std::optional<std::filesystem::path> reportFile;  // JUnit XML (.xml) or JSON (.json)
   // The waits of the test; null keeps the library's (60 seconds for each answer).
   std::shared_ptr<const WaitPolicy> waitPolicy;
 };
@@ -86,13 +87,15 @@ class CheckCommand {
   std::string saveNewTests_, saveFailedTests_;
   bool saveDiffs_ = false;
   std::string capture_;
+  std::string report_;
   std::vector<std::string> items_;
 };
 
 // Runs one visual test: reads every screen first (throwing UsageError for one that cannot be
 // had, before anything is sent), then opens the test, checks each screen in order and closes.
 // Writes a line per checkpoint and the verdict to `out`, failures to `err`; the library's log
-// lines go to the system log as it writes them. Returns an ExitStatus.
+// lines go to the system log as it writes them. With a report file, writes the report of any
+// run that got past reading the screens. Returns an ExitStatus.
 int runCheck(const CheckOptions& options, std::ostream& out, std::ostream& err);
 
 }  // namespace lumo::cli

@@ -9,6 +9,7 @@
 #include "check_command.h"
 #include "demo_command.h"
 #include "exit_status.h"
+#include "lumo/version.h"
 #include "server_command.h"
 
 namespace lumo::cli {
@@ -16,6 +17,7 @@ namespace lumo::cli {
 int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
   CLI::App app("Lumo: visual regression tests of app screens", "lumo");
   app.require_subcommand(1);
+  app.set_version_flag("--version", fmt::format("lumo {}", kVersion));
   CheckCommand check(app);
   ServerCommand server(app);
   DemoCommand demo(app);

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "lumo/session_start_info.h"
+#include "lumo/version.h"
 
 int main() {
   auto environment = std::make_shared<lumo::AppEnvironment>("Android 14", "Shop 2.3.0", "Pixel 8",
@@ -21,8 +22,9 @@ int main() {
 
   lumo::SessionStartInfo info;
   info.addProperty(lumo::StartSessionProperty("team", "checkout"));
-  info.setupWithAgentId("lumo-cpp/0.1.0", "Shop", "Pay with card", std::nullopt, environment, batch,
-                        "feature/card-form", "main", std::nullopt, false, settings);
+  info.setupWithAgentId(std::string("lumo-cpp/") + lumo::kVersion, "Shop", "Pay with card",
+                        std::nullopt, environment, batch, "feature/card-form", "main", std::nullopt,
+                        false, settings);
 
   std::printf("%s\n", info.dictionary().dump(2).c_str());
 }

@@ -1,0 +1,140 @@
+#include "lumo/gtest.h"
+
+#include <gtest/gtest-spi.h>
+
+#include <memory>
+#include <string>
+
+#include "lumo/server/server.h"
+#include "server/temp_dir.h"
+#include "support/fast_wait_policy.h"
+
+namespace lumo {
+namespace {
+
+using gtest::Verdict;
+using gtest::VisualTest;
+using gtest::VisualTestConfig;
+
+// A screen of one shade with a `mark` square of red at its top left.
+ImagePtr screen(std::uint8_t shade, int mark = 0) {
+  Image image(60, 80);
+  for (int y = 0; y < image.height(); ++y) {
+    for (int x = 0; x < image.width(); ++x) {
+      std::uint8_t* p = image.row(y) + x * Image::kChannels;
+      const bool marked = x < mark && y < mark;
+      p[0] = marked ? 250 : shade;
+      p[1] = marked ? 20 : shade;
+      p[2] = shade;
+      p[3] = 255;
+    }
+  }
+  return std::make_shared<const Image>(std::move(image));
+}
+
+// The reference server on a loopback port, shared by the tests of a suite; each test is its
+// own visual test, so the tests do not see each other's baselines.
+struct EmbeddedServer {
+  static void start() {
+    data = new server::testing::TempDir;
+    server::ServerConfig config;
+    config.dataDir = data->path();
+    instance = new server::Server(config);
+    instance->start();
+  }
+  static void stop() {
+    instance->stop();
+    delete instance;
+    delete data;
+  }
+  static inline server::testing::TempDir* data = nullptr;
+  static inline server::Server* instance = nullptr;
+};
+
+VisualTestConfig config(ImagePtr image, bool newBaselineFails = false) {
+  return {.serverUrl = EmbeddedServer::instance->baseUrl(),
+          .apiKey = std::string(server::kDemoApiKey),
+          .appName = "Shop",
+          .viewport = {60, 80},
+          .source = std::make_shared<MemoryScreenshotSource>(std::vector<ImagePtr>{image}),
+          .newBaselineFails = newBaselineFails,
+          .configure = [](Lumo& lumo) { lumo.setMatchTimeout(0); }};
+}
+
+// One run of the current test's visual test: a checkpoint of `image`, then finish().
+Verdict run(ImagePtr image, bool newBaselineFails = false) {
+  VisualTest visual(config(std::move(image), newBaselineFails));
+  visual.check("Home");
+  return visual.finish();
+}
+
+class VisualTestTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { EmbeddedServer::start(); }
+  static void TearDownTestSuite() { EmbeddedServer::stop(); }
+};
+
+TEST_F(VisualTestTest, IsNamedAfterTheTestAndReportsOnce) {
+  VisualTest visual(config(screen(90)));
+  EXPECT_EQ(visual.testName(), "VisualTestTest.IsNamedAfterTheTestAndReportsOnce");
+  visual.check("Home");
+  EXPECT_EQ(visual.finish(), Verdict::NewBaseline);
+  ASSERT_TRUE(visual.results());
+  EXPECT_EQ(visual.results()->name(), visual.testName());
+  EXPECT_EQ(visual.finish(), Verdict::NewBaseline);
+}
+
+TEST_F(VisualTestTest, EachVerdictBecomesTheRightGoogleTestOutcome) {
+  // The same visual test run again: a new baseline (failing, as asked), the same screen,
+  // then a changed one.
+  EXPECT_NONFATAL_FAILURE(EXPECT_EQ(run(screen(90), true), Verdict::NewBaseline),
+                          "Please approve the new baseline at http://127.0.0.1:");
+  EXPECT_EQ(run(screen(90), true), Verdict::Passed);
+  EXPECT_NONFATAL_FAILURE(EXPECT_EQ(run(screen(90, 20)), Verdict::Differences),
+                          "detected differences! See details at: http://127.0.0.1:");
+}
+
+TEST_F(VisualTestTest, AnUnreachableServerFailsTheTest) {
+  auto unreachable = config(screen(90));
+  unreachable.serverUrl = "http://127.0.0.1:1";  // nothing listens there
+  unreachable.configure = [](Lumo& lumo) {
+    lumo.setWaitPolicy(std::make_shared<test::FastWaitPolicy>());
+  };
+  EXPECT_NONFATAL_FAILURE(
+      {
+        VisualTest visual(unreachable);
+        EXPECT_FALSE(visual.check("Home"));
+        EXPECT_FALSE(visual.check("Cart"));
+        EXPECT_EQ(visual.finish(), Verdict::NotJudged);
+      },
+      "the server at http://127.0.0.1:1 did not answer");
+}
+
+// The fixture opens the visual test before the body and judges it after; TearDown checks
+// the verdict it reached.
+class Checkout : public gtest::VisualTestFixture {
+ protected:
+  static void SetUpTestSuite() { EmbeddedServer::start(); }
+  static void TearDownTestSuite() { EmbeddedServer::stop(); }
+  VisualTestConfig visualTestConfig() override { return config(screen(120)); }
+  void TearDown() override {
+    VisualTestFixture::TearDown();
+    EXPECT_EQ(visualTest().finish(), expected_);
+  }
+
+  Verdict expected_ = Verdict::NewBaseline;
+};
+
+TEST_F(Checkout, ChecksInTheBodyAreJudgedAfterIt) {
+  ASSERT_TRUE(check("Cart"));
+  EXPECT_TRUE(visualTest().lumo().isOpen());
+}
+
+TEST_F(Checkout, ASkippedTestIsAbortedNotJudged) {
+  check("Cart");
+  expected_ = Verdict::NotJudged;
+  GTEST_SKIP() << "skipped after a checkpoint on purpose";
+}
+
+}  // namespace
+}  // namespace lumo
