@@ -255,6 +255,10 @@ BaselineStore::BaselineStore(const std::filesystem::path& dataDir) : dataDir_(da
     exec(db_, "PRAGMA synchronous=FULL");
     exec(db_, "PRAGMA foreign_keys=ON");
     exec(db_, kSchema);
+    // Stores made before steps kept their difference boxes gain the column.
+    if (!Statement(db_, "SELECT 1 FROM pragma_table_info('steps') WHERE name = 'boxes'").step()) {
+      exec(db_, "ALTER TABLE steps ADD COLUMN boxes TEXT NOT NULL DEFAULT '[]'");
+    }
   } catch (...) {
     sqlite3_close(db_);
     throw;
@@ -399,10 +403,12 @@ void BaselineStore::addStep(const std::string& sessionId, const StepRecord& step
   std::lock_guard lock(mutex_);
   Statement insert(db_,
                    "INSERT INTO steps(session_id, position, name, outcome, match_level, "
-                   "baseline_image, current_image, diff_image) VALUES(?, ?, ?, ?, ?, ?, ?, ?)");
+                   "baseline_image, current_image, diff_image, boxes) "
+                   "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)");
   insert.bind(1, sessionId).bind(2, std::int64_t{step.position}).bind(3, step.name);
   insert.bind(4, step.outcome).bind(5, step.matchLevel).bind(6, step.baselineImage);
-  insert.bind(7, step.currentImage).bind(8, step.diffImage).run();
+  insert.bind(7, step.currentImage).bind(8, step.diffImage);
+  insert.bind(9, step.boxes.empty() ? std::string_view("[]") : std::string_view(step.boxes)).run();
 }
 
 void BaselineStore::finishSession(const std::string& sessionId, const std::string& state,
@@ -427,12 +433,13 @@ std::vector<StepRecord> BaselineStore::steps(const std::string& sessionId) const
   std::lock_guard lock(mutex_);
   Statement select(db_,
                    "SELECT position, name, outcome, match_level, baseline_image, current_image, "
-                   "diff_image FROM steps WHERE session_id = ? ORDER BY position");
+                   "diff_image, boxes FROM steps WHERE session_id = ? ORDER BY position");
   select.bind(1, sessionId);
   std::vector<StepRecord> result;
   while (select.step()) {
     result.push_back({static_cast<int>(select.integer(0)), select.text(1), select.text(2),
-                      select.text(3), select.text(4), select.text(5), select.text(6)});
+                      select.text(3), select.text(4), select.text(5), select.text(6),
+                      select.text(7)});
   }
   return result;
 }

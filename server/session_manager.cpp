@@ -153,6 +153,7 @@ CompareSettings settingsFrom(const Json& s, std::string_view path, MatchLevel fa
     floating.maxRightOffset = intAt(f, "maxRightOffset", where);
     settings.floating.push_back(floating);
   }
+  settings.ignoreCaret = boolAt(s, "ignoreCaret", path);
   return settings;
 }
 
@@ -553,6 +554,7 @@ bool SessionManager::match(const std::string& sessionId, const Json& matchData) 
   step.currentImage = store_.putImage(*png);
   step.diffImage = store_.putImage(
       detail::encodePngImage(comparer_.diffImage(baseline, *current, settings, result)));
+  step.boxes = regionsJson(result.boxes).dump();
   record(asExpected ? "matched" : "different");
   return asExpected;
 }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -86,11 +87,11 @@ TEST(BaselineStore, SessionsStepsAndBatchesSurviveReopening) {
     store.addBatch({"b2", "", "2026-01-02T10:00:00Z", 2000});
     store.addSession(session("s2", "b1", 20));
     store.addSession(session("s1", "b1", 10));
-    store.addStep("s1", {0, "home", "new", "Strict", "", "c0", "d0"});
-    store.addStep("s1", {1, "cart", "different", "Layout", "b1", "c1", "d1"});
+    store.addStep("s1", {0, "home", "new", "Strict", "", "c0", "d0", ""});
+    store.addStep("s1", {1, "cart", "different", "Layout", "b1", "c1", "d1", R"([{"left":1}])"});
     store.finishSession("s1", "stopped", "Unresolved", 1234);
     store.saveBaseline(kKey, {}, "s1");
-    EXPECT_THROW(store.addStep("s1", {1, "again", "new", "Strict", "", "", ""}), StoreError);
+    EXPECT_THROW(store.addStep("s1", {1, "again", "new", "Strict", "", "", "", ""}), StoreError);
   }
   BaselineStore store(dir.path());
   const auto batches = store.recentBatches(10);
@@ -119,6 +120,30 @@ TEST(BaselineStore, SessionsStepsAndBatchesSurviveReopening) {
   EXPECT_EQ(steps[1].matchLevel, "Layout");
   EXPECT_EQ(steps[1].baselineImage, "b1");
   EXPECT_EQ(steps[1].diffImage, "d1");
+  EXPECT_EQ(steps[0].boxes, "[]");
+  EXPECT_EQ(steps[1].boxes, R"([{"left":1}])");
+}
+
+TEST(BaselineStore, AStoreFromBeforeDifferenceBoxesGainsTheirColumn) {
+  TempDir dir;
+  {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open((dir.path() / "lumo.db").c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db,
+                           "CREATE TABLE steps(session_id TEXT NOT NULL, position INTEGER NOT NULL,"
+                           " name TEXT NOT NULL, outcome TEXT NOT NULL, match_level TEXT NOT NULL,"
+                           " baseline_image TEXT NOT NULL, current_image TEXT NOT NULL,"
+                           " diff_image TEXT NOT NULL, PRIMARY KEY(session_id, position));"
+                           "INSERT INTO steps VALUES('s0', 0, 'old', 'new', 'Strict', '', '', '');",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(db);
+  }
+  BaselineStore store(dir.path());
+  store.addSession(session("s1", "b1", 10));
+  store.addStep("s1", {0, "home", "different", "Strict", "", "c0", "d0", R"([{"left":2}])"});
+  EXPECT_EQ(store.steps("s0").at(0).boxes, "[]");
+  EXPECT_EQ(store.steps("s1").at(0).boxes, R"([{"left":2}])");
 }
 
 TEST(BaselineStore, ConcurrentWritersKeepEveryBaseline) {

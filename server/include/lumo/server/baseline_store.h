@@ -69,6 +69,9 @@ struct StepRecord {
   std::string baselineImage;  // content hashes; empty when the step has no such image
   std::string currentImage;
   std::string diffImage;
+  // The difference boxes as JSON text: [{"left", "top", "width", "height"}, ...] in pixels;
+  // empty is stored as "[]".
+  std::string boxes;
 };
 
 // Baselines, batches, sessions and their steps in SQLite (WAL, full sync) under a data
