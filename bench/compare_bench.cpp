@@ -161,7 +161,11 @@ int main() {
     std::printf("\n");
     full = f;
   }
-  std::filesystem::remove_all(dir);
+  if (std::getenv("LUMO_BENCH_KEEP") == nullptr) {
+    std::filesystem::remove_all(dir);
+  } else {
+    std::printf("kept the PNG files in %s\n", dir.c_str());
+  }
   if (full.odiff >= 0) {
     std::printf(
         "compare full change: %.1f ms in-process, lumo compare %.1f ms, odiff %.1f ms, "
