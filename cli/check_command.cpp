@@ -129,6 +129,7 @@ void checkRegionFits(const Region& region, const Image& image, double scale,
 
 CheckSettings settingsOf(const CheckOptions& o) {
   CheckSettings settings = CheckSettings().timeoutInSeconds(o.matchTimeout);
+  if (o.ignoreCaret) settings = settings.ignoreCaret();
   if (!o.ignore.empty()) settings = settings.ignore(o.ignore);
   if (!o.layout.empty()) settings = settings.layout(o.layout);
   if (!o.strict.empty()) settings = settings.strict(o.strict);
@@ -227,6 +228,7 @@ CheckCommand::CheckCommand(CLI::App& parent) {
                 "Save a test with differences as baseline (default no)")
       ->type_name("yes|no");
   c->add_flag("--save-diffs", saveDiffs_, "Ask the server to keep the differences");
+  c->add_flag("--ignore-caret", ignoreCaret_, "A text caret in one image only does not count");
   c->add_option("--property", properties_, "Property of the test (repeatable)")
       ->allow_extra_args(false)
       ->type_name("NAME=VALUE");
@@ -307,6 +309,7 @@ CheckOptions CheckCommand::options() const {
     o.saveFailedTests = parseYesNo("--save-failed-tests", saveFailedTests_);
   }
   o.saveDiffs = saveDiffs_;
+  o.ignoreCaret = ignoreCaret_;
   for (const auto& p : properties_) o.properties.push_back(parseProperty("--property", p));
   if (given("--report")) {
     reportFormatOf("--report", report_);

@@ -55,6 +55,7 @@ struct CheckOptions {
   std::optional<bool> saveNewTests;
   std::optional<bool> saveFailedTests;
   bool saveDiffs = false;
+  bool ignoreCaret = false;
   std::vector<std::pair<std::string, std::string>> properties;
   std::optional<std::string> captureCommand;  // set: each screen comes from this command
   std::vector<Checkpoint> checkpoints;
@@ -86,6 +87,7 @@ class CheckCommand {
   std::string batch_, branch_, parentBranch_, baselineBranch_, baselineEnv_;
   std::string saveNewTests_, saveFailedTests_;
   bool saveDiffs_ = false;
+  bool ignoreCaret_ = false;
   std::string capture_;
   std::string report_;
   std::vector<std::string> items_;

@@ -7,6 +7,7 @@
 #include <iostream>
 
 #include "check_command.h"
+#include "compare_command.h"
 #include "demo_command.h"
 #include "exit_status.h"
 #include "lumo/version.h"
@@ -19,6 +20,7 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
   app.require_subcommand(1);
   app.set_version_flag("--version", fmt::format("lumo {}", kVersion));
   CheckCommand check(app);
+  CompareCommand compare(app);
   ServerCommand server(app);
   DemoCommand demo(app);
 
@@ -26,15 +28,19 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
   try {
     // Caught here because CLI11 would only say that a subcommand is required.
     if (!args.empty() && !args.front().starts_with('-') && args.front() != "check" &&
-        args.front() != "server" && args.front() != "demo") {
+        args.front() != "compare" && args.front() != "server" && args.front() != "demo") {
       throw UsageError(
-          fmt::format("unknown command \"{}\": use check, server or demo", args.front()));
+          fmt::format("unknown command \"{}\": use check, compare, server or demo", args.front()));
     }
     std::vector<std::string> reversed(args.rbegin(), args.rend());
     app.parse(reversed);
     if (check.selected()) {
       command = "lumo check";
       return runCheck(check.options(), out, err);
+    }
+    if (compare.selected()) {
+      command = "lumo compare";
+      return runCompare(compare.options(), out, err);
     }
     if (server.selected()) {
       command = "lumo server";

@@ -4,7 +4,11 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 
+#include "caret_rule.h"
+#include "difference_boxes.h"
 #include "strict_metric.h"
 #include "structure_metric.h"
 
@@ -12,11 +16,12 @@ namespace lumo::server {
 namespace {
 
 using detail::LevelMap;
-using detail::PixelDiffs;
+using detail::MarkCounts;
 
-// A floating region gives up after this many pixel comparisons: offsets are the client's to
-// choose, and a search must not hold a request thread for minutes.
-constexpr std::size_t kFloatingSearchBudget = std::size_t{1} << 27;
+// A floating region gives up after this many pixel comparisons (each shift tried costs at
+// least one): offsets are the client's to choose, and a search must not hold a request
+// thread for long.
+constexpr std::size_t kFloatingSearchBudget = std::size_t{1} << 25;
 
 constexpr std::array<std::string_view, 5> kLevelNames = {"None", "Layout", "Content", "Strict",
                                                          "Exact"};
@@ -80,7 +85,8 @@ bool hasRegions(const CompareSettings& s) {
 }
 
 // Whether the baseline's pixels in `area` appear in the current image shifted by some offset
-// within the region's limits. The smallest shifts are tried first.
+// within the region's limits, clamped to the image. Shifts are tried by growing distance
+// (|dx| + |dy|), generated ring by ring rather than listed, so huge offsets cost no memory.
 bool floatingContentFound(const Image& baseline, const Image& current, const Rect& area,
                           const FloatingRect& f, bool exact, float maxDelta) {
   const int width = current.width(), height = current.height();
@@ -88,42 +94,52 @@ bool floatingContentFound(const Image& baseline, const Image& current, const Rec
   const int maxDy = std::min(std::max(f.maxDownOffset, 0), height - area.top - area.height);
   const int minDx = -std::min(std::max(f.maxLeftOffset, 0), area.left);
   const int maxDx = std::min(std::max(f.maxRightOffset, 0), width - area.left - area.width);
-  std::vector<std::pair<int, int>> shifts;
-  for (int dy = minDy; dy <= maxDy; ++dy) {
-    for (int dx = minDx; dx <= maxDx; ++dx) {
-      shifts.emplace_back(dx, dy);
-    }
-  }
-  std::stable_sort(shifts.begin(), shifts.end(), [](const auto& p, const auto& q) {
-    return std::abs(p.first) + std::abs(p.second) < std::abs(q.first) + std::abs(q.second);
-  });
+  const std::size_t areaCost = static_cast<std::size_t>(area.width) * area.height;
   std::size_t budget = kFloatingSearchBudget;
-  for (const auto& [dx, dy] : shifts) {
-    bool same = true;
-    for (int y = area.top; same && y < area.top + area.height; ++y) {
+  auto matchesAt = [&](int dx, int dy) {
+    for (int y = area.top; y < area.top + area.height; ++y) {
       const std::uint8_t* b = baseline.row(y) + area.left * 4;
       const std::uint8_t* c = current.row(y + dy) + (area.left + dx) * 4;
       if (std::memcmp(b, c, static_cast<std::size_t>(area.width) * 4) == 0) {
         continue;
       }
-      for (int x = 0; same && x < area.width; ++x) {
-        same = exact ? std::memcmp(b + x * 4, c + x * 4, 4) == 0
-                     : detail::colourDelta(b + x * 4, c + x * 4) <= maxDelta;
+      for (int x = 0; x < area.width; ++x) {
+        const bool same = exact ? std::memcmp(b + x * 4, c + x * 4, 4) == 0
+                                : detail::colourDelta(b + x * 4, c + x * 4) <= maxDelta;
+        if (!same) {
+          return false;
+        }
       }
     }
-    if (same) {
-      return true;
+    return true;
+  };
+  const long farthest = static_cast<long>(std::max(-minDx, maxDx)) + std::max(-minDy, maxDy);
+  for (long distance = 0; distance <= farthest; ++distance) {
+    const long dyFrom = std::max<long>(-distance, minDy), dyTo = std::min<long>(distance, maxDy);
+    for (long dy = dyFrom; dy <= dyTo; ++dy) {
+      const long rest = distance - std::abs(dy);
+      for (int side = 0; side < (rest == 0 ? 1 : 2); ++side) {
+        const long dx = side == 0 ? -rest : rest;
+        if (dx < minDx || dx > maxDx) {
+          continue;
+        }
+        if (matchesAt(static_cast<int>(dx), static_cast<int>(dy))) {
+          return true;
+        }
+        if (areaCost >= budget) {
+          return false;
+        }
+        budget -= std::max<std::size_t>(areaCost, 1);
+      }
+      if (budget-- == 0) {
+        return false;
+      }
     }
-    const std::size_t cost = static_cast<std::size_t>(area.width) * area.height;
-    if (cost >= budget) {
-      return false;
-    }
-    budget -= cost;
   }
   return false;
 }
 
-void setPixel(Image& image, std::uint32_t index, std::uint8_t r, std::uint8_t g, std::uint8_t b) {
+void setPixel(Image& image, std::size_t index, std::uint8_t r, std::uint8_t g, std::uint8_t b) {
   std::uint8_t* p = image.data() + static_cast<std::size_t>(index) * 4;
   p[0] = r, p[1] = g, p[2] = b, p[3] = 255;
 }
@@ -149,7 +165,7 @@ void outline(Image& image, const Rect& r) {
       const bool border = x < c.left + kLine || x >= c.left + c.width - kLine ||
                           y < c.top + kLine || y >= c.top + c.height - kLine;
       if (border) {
-        setPixel(image, static_cast<std::uint32_t>(y * image.width() + x), 255, 0, 0);
+        setPixel(image, static_cast<std::size_t>(y) * image.width() + x, 255, 0, 0);
       }
     }
   }
@@ -179,14 +195,24 @@ CompareResult ImageComparer::compare(const Image& baseline, const Image& current
   if (settings.level == MatchLevel::None && !regions) {
     return result;
   }
-  if (baseline.width() != current.width() || baseline.height() != current.height()) {
+  const int width = current.width(), height = current.height();
+  if (baseline.width() != width || baseline.height() != height) {
     result.matches = false;
     result.sizeMismatch = true;
+    result.boxes.push_back({0, 0, width, height});
     return result;
   }
-  const int width = current.width(), height = current.height();
   if (width == 0 || height == 0) {
     return result;
+  }
+
+  const float maxDelta = detail::maxDeltaFor(options_.colourThreshold);
+  // Carets are found before anything else and then left out like ignored regions.
+  std::vector<Rect> ignore = settings.ignore;
+  if (settings.ignoreCaret) {
+    result.carets =
+        detail::findCarets(baseline, current, maxDelta, settings.level == MatchLevel::Exact);
+    ignore.insert(ignore.end(), result.carets.begin(), result.carets.end());
   }
 
   LevelMap map{nullptr, pixelLevel(settings.level)};
@@ -194,7 +220,7 @@ CompareResult ImageComparer::compare(const Image& baseline, const Image& current
   bool atPixels = map.uniform >= detail::kAtStrict;
   bool atContent = map.uniform == detail::kAtContent;
   bool atLayout = map.uniform == detail::kAtLayout;
-  if (regions) {
+  if (regions || !ignore.empty()) {
     levels.assign(static_cast<std::size_t>(width) * height, map.uniform);
     for (const Rect& r : settings.layout) {
       paint(levels, width, height, r, detail::kAtLayout);
@@ -214,29 +240,46 @@ CompareResult ImageComparer::compare(const Image& baseline, const Image& current
         paint(levels, width, height, reach(f), detail::kSkip);
       }
     }
-    for (const Rect& r : settings.ignore) {
+    for (const Rect& r : ignore) {
       paint(levels, width, height, r, detail::kSkip);
     }
     map.levels = levels.data();
   }
 
-  const float maxDelta = detail::maxDeltaFor(options_.colourThreshold);
-  PixelDiffs diffs;
+  // calloc: the pages of a mark buffer whose rows never differ are never touched, so equal
+  // images cost no more than their row compares.
+  const std::size_t pixels = static_cast<std::size_t>(width) * height;
+  std::shared_ptr<std::uint8_t[]> marks(static_cast<std::uint8_t*>(std::calloc(pixels, 1)),
+                                        &std::free);
+  if (!marks) {
+    throw std::bad_alloc();
+  }
+  std::vector<std::uint8_t> rowMarked(static_cast<std::size_t>(height), 0);
+  MarkCounts counts;
   if (atPixels) {
-    diffs = detail::scanPixels(baseline, current, maxDelta, map, options_.threads);
+    counts += detail::scanPixels(baseline, current, maxDelta, map, options_.threads, marks.get(),
+                                 rowMarked.data());
   }
   if (atContent || atLayout) {
     const auto edgesA = detail::edgeMap(baseline, options_.edgeThreshold);
     const auto edgesB = detail::edgeMap(current, options_.edgeThreshold);
     if (atContent) {
-      detail::scanEdges(edgesA, edgesB, width, height, map, diffs);
+      counts +=
+          detail::scanEdges(edgesA, edgesB, width, height, map, marks.get(), rowMarked.data());
     }
     if (atLayout) {
       const auto a = detail::layoutElements(edgesA, width, height, map, options_.layoutCell);
       const auto b = detail::layoutElements(edgesB, width, height, map, options_.layoutCell);
-      result.differentAreas = detail::unmatchedElements(a, b, options_.layoutTolerance);
-      const auto added = detail::unmatchedElements(b, a, options_.layoutTolerance);
-      result.differentAreas.insert(result.differentAreas.end(), added.begin(), added.end());
+      for (const Rect& r : detail::unmatchedElements(a, b, options_.layoutTolerance)) {
+        if (!detail::edgesShared(r, edgesA, edgesB, width, height)) {
+          result.differentAreas.push_back(r);
+        }
+      }
+      for (const Rect& r : detail::unmatchedElements(b, a, options_.layoutTolerance)) {
+        if (!detail::edgesShared(r, edgesB, edgesA, width, height)) {
+          result.differentAreas.push_back(r);
+        }
+      }
     }
   }
   if (settings.level != MatchLevel::None) {
@@ -253,35 +296,44 @@ CompareResult ImageComparer::compare(const Image& baseline, const Image& current
       }
     }
   }
-  result.differences = std::move(diffs.differences);
-  result.tolerated = std::move(diffs.tolerated);
-  result.matches = result.differences.empty() && result.differentAreas.empty();
+  result.differentPixels = counts.differing;
+  result.toleratedPixels = counts.tolerated;
+  if (counts.differing > 0) {
+    result.boxes =
+        detail::differenceBoxes(marks.get(), rowMarked.data(), width, height, options_.boxGap);
+  }
+  result.boxes.insert(result.boxes.end(), result.differentAreas.begin(),
+                      result.differentAreas.end());
+  result.marks = std::move(marks);
+  result.matches = counts.differing == 0 && result.differentAreas.empty();
   return result;
 }
 
 Image ImageComparer::diffImage(const Image& baseline, const Image& current,
                                const CompareSettings& settings, const CompareResult& result) const {
+  const int width = current.width(), height = current.height();
+  Image out(width, height);
+  const std::size_t pixels = static_cast<std::size_t>(width) * height;
+  for (std::size_t i = 0; i < pixels; ++i) {
+    fade(current.data() + i * 4, out.data() + i * 4);
+  }
   if (result.sizeMismatch) {
-    const int width = std::max(baseline.width(), current.width());
-    const int height = std::max(baseline.height(), current.height());
-    Image out(width, height);
+    // Only the current image's size is allocated: a baseline of another shape must not make
+    // the server build an image as wide as one and as high as the other.
     for (int y = 0; y < height; ++y) {
       for (int x = 0; x < width; ++x) {
-        const bool inBoth = x < baseline.width() && y < baseline.height() && x < current.width() &&
-                            y < current.height();
-        if (inBoth) {
-          fade(current.row(y) + x * 4, out.row(y) + x * 4);
-        } else {
-          setPixel(out, static_cast<std::uint32_t>(y * width + x), 255, 0, 0);
+        if (x >= baseline.width() || y >= baseline.height()) {
+          setPixel(out, static_cast<std::size_t>(y) * width + x, 255, 0, 0);
         }
       }
     }
+    if (baseline.width() > width) {
+      outline(out, {width - 2, 0, 2, height});
+    }
+    if (baseline.height() > height) {
+      outline(out, {0, height - 2, width, 2});
+    }
     return out;
-  }
-  Image out(current.width(), current.height());
-  const std::size_t pixels = static_cast<std::size_t>(current.width()) * current.height();
-  for (std::size_t i = 0; i < pixels; ++i) {
-    fade(current.data() + i * 4, out.data() + i * 4);
   }
   for (const Rect& r : settings.ignore) {
     const Rect c = clip(r, out.width(), out.height());
@@ -293,11 +345,15 @@ Image ImageComparer::diffImage(const Image& baseline, const Image& current,
       }
     }
   }
-  for (std::uint32_t index : result.tolerated) {
-    setPixel(out, index, 255, 200, 0);
-  }
-  for (std::uint32_t index : result.differences) {
-    setPixel(out, index, 255, 0, 0);
+  if (result.marks) {
+    const std::uint8_t* marks = result.marks.get();
+    for (std::size_t i = 0; i < pixels; ++i) {
+      if (marks[i] == detail::kDiffers) {
+        setPixel(out, i, 255, 0, 0);
+      } else if (marks[i] == detail::kTolerated) {
+        setPixel(out, i, 255, 200, 0);
+      }
+    }
   }
   for (const Rect& r : result.differentAreas) {
     outline(out, r);

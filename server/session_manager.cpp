@@ -143,6 +143,7 @@ CompareSettings settingsFrom(const Json& s, std::string_view path, MatchLevel fa
     floating.maxRightOffset = intAt(f, "maxRightOffset", where);
     settings.floating.push_back(floating);
   }
+  settings.ignoreCaret = boolAt(s, "ignoreCaret", path);
   return settings;
 }
 
@@ -613,6 +614,7 @@ bool SessionManager::match(const std::string& sessionId, const Json& matchData,
           storeCurrent();
           step.diffImage = store_.putImage(
               detail::encodePngImage(comparer_.diffImage(*baseline, *current, settings, result)));
+          step.boxes = result.boxes;
           step.outcome = asExpected ? "matched" : "different";
         }
       }

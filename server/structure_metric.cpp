@@ -13,6 +13,7 @@ int luminance(const std::uint8_t* p) {
 }
 
 bool edgeNear(const std::vector<std::uint8_t>& edges, int width, int height, int x, int y) {
+  // Any edge counts, weak ones included.
   for (int ny = std::max(y - 1, 0); ny <= std::min(y + 1, height - 1); ++ny) {
     for (int nx = std::max(x - 1, 0); nx <= std::min(x + 1, width - 1); ++nx) {
       if (edges[static_cast<std::size_t>(ny) * width + nx]) {
@@ -22,6 +23,9 @@ bool edgeNear(const std::vector<std::uint8_t>& edges, int width, int height, int
   }
   return false;
 }
+
+// edgesShared: the share of an element's edges that must be found in the other image.
+constexpr double kSharedEdges = 0.9;
 
 }  // namespace
 
@@ -43,30 +47,38 @@ std::vector<std::uint8_t> edgeMap(const Image& image, int threshold) {
     for (int x = 0; x < width; ++x) {
       const int right = x + 1 < width ? std::abs(row[x + 1] - row[x]) : 0;
       const int down = last ? 0 : std::abs(below[x] - row[x]);
-      out[x] = std::max(right, down) > threshold;
+      const int step = std::max(right, down);
+      out[x] = step > threshold ? kEdge : step > threshold / 2 ? kWeakEdge : kNoEdge;
     }
     std::swap(row, below);
   }
   return edges;
 }
 
-void scanEdges(const std::vector<std::uint8_t>& edgesA, const std::vector<std::uint8_t>& edgesB,
-               int width, int height, const LevelMap& map, PixelDiffs& out) {
+MarkCounts scanEdges(const std::vector<std::uint8_t>& edgesA,
+                     const std::vector<std::uint8_t>& edgesB, int width, int height,
+                     const LevelMap& map, std::uint8_t* marks, std::uint8_t* rowMarked) {
+  MarkCounts counts;
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width; ++x) {
       const std::size_t index = static_cast<std::size_t>(y) * width + x;
-      if (edgesA[index] == edgesB[index] || map.at(index) != kAtContent) {
+      const bool strongA = edgesA[index] == kEdge, strongB = edgesB[index] == kEdge;
+      if (strongA == strongB || map.at(index) != kAtContent) {
         continue;
       }
       // An edge one pixel off is the same edge drawn with other anti-aliasing.
-      const auto& other = edgesA[index] ? edgesB : edgesA;
+      const auto& other = strongA ? edgesB : edgesA;
       if (edgeNear(other, width, height, x, y)) {
-        out.tolerated.push_back(static_cast<std::uint32_t>(index));
+        marks[index] = kTolerated;
+        ++counts.tolerated;
       } else {
-        out.differences.push_back(static_cast<std::uint32_t>(index));
+        marks[index] = kDiffers;
+        ++counts.differing;
       }
+      rowMarked[y] = 1;
     }
   }
+  return counts;
 }
 
 std::vector<Rect> layoutElements(const std::vector<std::uint8_t>& edges, int width, int height,
@@ -80,7 +92,7 @@ std::vector<Rect> layoutElements(const std::vector<std::uint8_t>& edges, int wid
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width; ++x) {
       const std::size_t index = static_cast<std::size_t>(y) * width + x;
-      if (!edges[index] || map.at(index) != kAtLayout) {
+      if (edges[index] != kEdge || map.at(index) != kAtLayout) {
         continue;
       }
       Bounds& b = cells[static_cast<std::size_t>(y / cell) * gridW + x / cell];
@@ -141,6 +153,20 @@ std::vector<Rect> unmatchedElements(const std::vector<Rect>& a, const std::vecto
     }
   }
   return unmatched;
+}
+
+bool edgesShared(const Rect& area, const std::vector<std::uint8_t>& own,
+                 const std::vector<std::uint8_t>& other, int width, int height) {
+  long edges = 0, shared = 0;
+  for (int y = std::max(area.top, 0); y < std::min(area.top + area.height, height); ++y) {
+    for (int x = std::max(area.left, 0); x < std::min(area.left + area.width, width); ++x) {
+      if (own[static_cast<std::size_t>(y) * width + x] == kEdge) {
+        ++edges;
+        shared += edgeNear(other, width, height, x, y) ? 1 : 0;
+      }
+    }
+  }
+  return edges > 0 && static_cast<double>(shared) >= kSharedEdges * static_cast<double>(edges);
 }
 
 }  // namespace lumo::server::detail

@@ -2,7 +2,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,9 +29,13 @@ struct Rect {
   int height = 0;
 
   friend bool operator==(const Rect&, const Rect&) = default;
+  friend std::ostream& operator<<(std::ostream& out, const Rect& r) {
+    return out << r.left << "," << r.top << " " << r.width << "x" << r.height;
+  }
 };
 
-// A region whose content may be found moved by up to the four offsets (in pixels).
+// A region whose content may be found moved by up to the four offsets (in pixels). Offsets
+// reach at most to the image's borders, however large they are given.
 struct FloatingRect {
   Rect rect;
   int maxUpOffset = 0;
@@ -48,6 +54,8 @@ struct CompareSettings {
   std::vector<Rect> content;
   std::vector<Rect> strict;
   std::vector<FloatingRect> floating;
+  // A text caret shown in one image and not the other does not count, at every level.
+  bool ignoreCaret = false;
 };
 
 // The verdict of one comparison and what the diff image shows.
@@ -55,13 +63,22 @@ struct CompareResult {
   bool matches = true;
   // The two images differ in size; nothing else was compared.
   bool sizeMismatch = false;
-  // Pixels (y * width + x) that differ at their level.
-  std::vector<std::uint32_t> differences;
-  // Pixels that differ but are tolerated as anti-aliasing.
-  std::vector<std::uint32_t> tolerated;
+  // Pixels that differ at their level.
+  std::uint64_t differentPixels = 0;
+  // Pixels that differ but are tolerated (anti-aliasing, sub-pixel drift, an edge redrawn a
+  // pixel off).
+  std::uint64_t toleratedPixels = 0;
+  // Clusters of differing pixels and the different areas, as bounding boxes in image
+  // coordinates; the whole current image when the sizes differ.
+  std::vector<Rect> boxes;
   // Areas that differ as a whole: elements that moved, appeared or vanished at Layout, and
   // floating regions whose content was not found within their offsets.
   std::vector<Rect> differentAreas;
+  // Carets left out of the comparison (ignoreCaret), each with a pixel around it.
+  std::vector<Rect> carets;
+  // A byte per pixel (row-major, the images' width) saying what was found there: 0 nothing,
+  // 1 tolerated, 2 differs. Null when no pixel was compared one by one.
+  std::shared_ptr<const std::uint8_t[]> marks;
 };
 
 // Tuning of the metrics. The defaults are what the server uses.
@@ -74,6 +91,8 @@ struct ComparerOptions {
   int layoutCell = 8;
   // Layout: how far (in pixels) an element's sides may shift and still be the same element.
   int layoutTolerance = 8;
+  // Difference boxes: differing pixels closer than about this (in pixels) share a box.
+  int boxGap = 16;
   // Threads for the Strict scan of large images (at most this many, at least 1).
   int threads = 2;
 };
@@ -85,13 +104,15 @@ class ImageComparer {
   explicit ImageComparer(ComparerOptions options = {});
 
   // Compares at the settings' level and regions. Images of different sizes never match,
-  // except at None, which always matches.
+  // except at None, which always matches. Allocates a few bytes per pixel of the images at
+  // most, and a floating region's search stops after a bounded number of comparisons.
   CompareResult compare(const Image& baseline, const Image& current,
                         const CompareSettings& settings) const;
 
   // An image that shows what differs: the current image faded, differing pixels red,
   // tolerated anti-aliasing yellow, differing areas outlined in red, ignored regions shaded.
-  // When the sizes differ it covers both images and marks what only one of them covers.
+  // When the sizes differ it has the current image's size and marks in red what the baseline
+  // does not cover, and with a red line the sides beyond which only the baseline goes.
   Image diffImage(const Image& baseline, const Image& current, const CompareSettings& settings,
                   const CompareResult& result) const;
 

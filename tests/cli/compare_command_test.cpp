@@ -1,0 +1,64 @@
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "run_lumo.h"
+#include "server/temp_dir.h"
+
+namespace lumo::cli::testing {
+namespace {
+
+class CompareCommandTest : public ::testing::Test {
+ protected:
+  std::string png(const std::string& name, const Image& image) {
+    return writePng(dir_.path() / name, image).string();
+  }
+  lumo::server::testing::TempDir dir_;
+};
+
+TEST_F(CompareCommandTest, ExitStatusSaysWhetherTheImagesMatch) {
+  const std::string grey = png("grey.png", screen(60, 40, 128));
+  const std::string marked = png("marked.png", screen(60, 40, 128, 6));
+  const std::string taller = png("taller.png", screen(60, 41, 128));
+  const std::string notPng = (dir_.path() / "not-a-png.png").string();
+  std::ofstream(notPng) << "GIF89a";
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+  };
+  const Case cases[] = {
+      {{"compare", grey, grey}, kExitPassed},
+      {{"compare", grey, marked}, kExitDifferences},
+      {{"compare", grey, taller}, kExitDifferences},
+      {{"compare", "--match-level", "none", grey, taller}, kExitPassed},
+      {{"compare", "--ignore", "0,0,10,10", grey, marked}, kExitPassed},
+      {{"compare", "--ignore", "2,2,10,10", grey, marked}, kExitDifferences},
+      {{"compare", grey}, kExitUsage},
+      {{"compare", grey, (dir_.path() / "absent.png").string()}, kExitUsage},
+      {{"compare", grey, notPng}, kExitUsage},
+      {{"compare", "--match-level", "Pixel", grey, grey}, kExitUsage},
+      {{"compare", "--ignore", "1,2,3", grey, grey}, kExitUsage},
+  };
+  for (const Case& c : cases) {
+    const Outcome outcome = runLumo(c.args);
+    EXPECT_EQ(outcome.status, c.status) << ::testing::PrintToString(c.args) << outcome.err;
+  }
+}
+
+TEST_F(CompareCommandTest, JsonGivesTheVerdictCountsAndBoxes) {
+  const Outcome outcome =
+      runLumo({"compare", "--json", "--diff", (dir_.path() / "diff.png").string(),
+               png("a.png", screen(60, 40, 128)), png("b.png", screen(60, 40, 128, 6))});
+  ASSERT_EQ(outcome.status, kExitDifferences) << outcome.err;
+  const auto verdict = nlohmann::json::parse(outcome.out);
+  EXPECT_EQ(verdict["matches"], false);
+  EXPECT_EQ(verdict["matchLevel"], "Strict");
+  EXPECT_EQ(verdict["differentPixels"], 36);
+  EXPECT_EQ(verdict["toleratedPixels"], 0);
+  EXPECT_EQ(verdict["boxes"],
+            nlohmann::json::parse(R"([{"left":0,"top":0,"width":6,"height":6}])"));
+  EXPECT_TRUE(std::filesystem::file_size(dir_.path() / "diff.png") > 0);
+}
+
+}  // namespace
+}  // namespace lumo::cli::testing
