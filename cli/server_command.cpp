@@ -51,6 +51,10 @@ ServerCommand::ServerCommand(CLI::App& parent) {
       ->type_name("FILE");
   c->add_option("--key", parsed_.keyFile, "PEM private key, for HTTPS (with --cert)")
       ->type_name("FILE");
+  c->add_option("--public-url", parsed_.publicUrl,
+                "Address clients reach the server at, for result links (default: the "
+                "listening address)")
+      ->type_name("URL");
 }
 
 bool ServerCommand::selected() const { return command_->parsed(); }
@@ -71,6 +75,11 @@ ServerOptions ServerCommand::options() const {
   }
   if (o.certFile.empty() != o.keyFile.empty()) {
     throw UsageError("--cert and --key go together: give both for HTTPS, or neither");
+  }
+  if (!o.publicUrl.empty() && !o.publicUrl.starts_with("http://") &&
+      !o.publicUrl.starts_with("https://")) {
+    throw UsageError(
+        fmt::format("--public-url: expected http://... or https://..., got \"{}\"", o.publicUrl));
   }
   if (!o.certFile.empty()) {
     checkReadable(o.certFile, "--cert");
@@ -99,6 +108,7 @@ int runServer(const ServerOptions& o, std::ostream& out, std::ostream& err,
   config.apiKeys = o.apiKeys;
   config.certFile = o.certFile;
   config.keyFile = o.keyFile;
+  config.publicUrl = o.publicUrl;
   // The server's threads inherit the mask, so Ctrl-C reaches only the wait below.
   if (!waitUntilStopped) blockStopSignals();
   lumo::server::Server server(config);
@@ -109,7 +119,7 @@ int runServer(const ServerOptions& o, std::ostream& out, std::ostream& err,
     return 1;
   }
   fmt::print(out, "Lumo server listening at {}\n", server.baseUrl());
-  fmt::print(out, "Results pages at {}/, data in {}\n", server.baseUrl(), o.dataDir.string());
+  fmt::print(out, "Results pages at {}/, data in {}\n", server.publicUrl(), o.dataDir.string());
   if (o.apiKeys.empty()) {
     fmt::print(out, "API key: {} (export BRIXTEL_API_KEY={})\n", lumo::server::kDemoApiKey,
                lumo::server::kDemoApiKey);

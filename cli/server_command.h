@@ -23,6 +23,7 @@ struct ServerOptions {
   std::vector<std::string> apiKeys;  // empty: the demo key only
   std::filesystem::path certFile;    // HTTPS when both files are given
   std::filesystem::path keyFile;
+  std::string publicUrl;  // where result links point; empty: the listening address
 };
 
 // The `server` subcommand's options on the parent app, which must outlive it.

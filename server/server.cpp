@@ -1,38 +1,42 @@
 #include "lumo/server/server.h"
 
 #include <fmt/format.h>
-#include <httplib.h>
 
 #include <algorithm>
-#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <stdexcept>
-#include <thread>
 
+#include "http_front.h"
+#include "http_router.h"
+#include "json_limits.h"
 #include "pages.h"
 
 namespace lumo::server {
 namespace {
 
-using httplib::Request;
-using httplib::Response;
+using detail::Access;
+using detail::HttpRequest;
+using detail::HttpResponse;
 
-// Idle keep-alive connections are closed after this long, which also bounds how long stop()
-// waits for a client that keeps its connection open.
-constexpr time_t kKeepAliveSeconds = 2;
+constexpr std::string_view kHtml = "text/html; charset=utf-8";
 
-void sendError(Response& res, int status, std::string_view message) {
+void sendError(HttpResponse& res, int status, std::string_view message) {
   res.status = status;
-  res.set_content(Json{{"error", message}, {"status", status}}.dump(), "application/json");
+  res.setContent(Json{{"error", message}, {"status", status}}.dump(), "application/json");
 }
 
-void sendJson(Response& res, int status, const Json& body) {
+void sendJson(HttpResponse& res, int status, const Json& body) {
   res.status = status;
-  res.set_content(body.dump(), "application/json");
+  res.setContent(body.dump(), "application/json");
 }
 
-Json parseBody(const Request& req) {
+Json parseBody(const HttpRequest& req) {
+  // The parser recurses per nesting level: a deep enough body would overflow the stack.
+  if (!detail::checkJsonDepth(req.body)) {
+    throw ApiError(400, fmt::format("the request body nests JSON deeper than {} levels",
+                                    detail::kMaxJsonDepth));
+  }
   Json body = Json::parse(req.body, nullptr, false);
   if (body.is_discarded()) {
     throw ApiError(400, "the request body is not valid JSON");
@@ -40,8 +44,8 @@ Json parseBody(const Request& req) {
   return body;
 }
 
-bool flag(const Request& req, const char* name) {
-  const std::string value = req.get_param_value(name);
+bool flag(const HttpRequest& req, const char* name) {
+  const std::string value = req.param(name);
   if (value.empty() || value == "0" || value == "false") {
     return false;
   }
@@ -51,16 +55,8 @@ bool flag(const Request& req, const char* name) {
   throw ApiError(400, fmt::format("query parameter {} must be 0 or 1, not \"{}\"", name, value));
 }
 
-bool isFormPost(const Request& req) {
-  return req.get_header_value("Content-Type").starts_with("application/x-www-form-urlencoded");
-}
-
-// A Host header is echoed into links only when it looks like one.
-bool plausibleHost(std::string_view host) {
-  return !host.empty() && host.size() < 256 &&
-         host.find_first_not_of(
-             "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-             "0123456789.-:[]") == std::string_view::npos;
+bool isFormPost(const HttpRequest& req) {
+  return req.header("Content-Type").starts_with("application/x-www-form-urlencoded");
 }
 
 }  // namespace
@@ -76,143 +72,159 @@ struct Server::Impl {
 
   std::string scheme() const { return https() ? "https" : "http"; }
 
-  // Links point back the way the client came, so they work behind the name it used.
-  std::string baseUrlFor(const Request& req) const {
-    const std::string host = req.get_header_value("Host");
-    if (plausibleHost(host)) {
-      return fmt::format("{}://{}", scheme(), host);
-    }
-    return fmt::format("{}://{}:{}", scheme(), config.host, port);
+  std::string baseUrl() const {
+    const std::string& host = config.host;
+    const bool ipv6 = host.find(':') != std::string::npos;
+    return fmt::format("{}://{}{}{}:{}", scheme(), ipv6 ? "[" : "", host, ipv6 ? "]" : "", port);
   }
 
-  bool authorised(const Request& req) const {
-    const std::string key = req.get_param_value("apiKey");
+  // Links come from the configuration only: a Host header is the client's to choose, and
+  // echoing it would let one client plant links to elsewhere in answers and pages.
+  std::string publicUrl() const {
+    if (config.publicUrl.empty()) {
+      return baseUrl();
+    }
+    std::string url = config.publicUrl;
+    while (url.ends_with('/')) {
+      url.pop_back();
+    }
+    return url;
+  }
+
+  bool authorised(const HttpRequest& req) const {
+    const std::string key = req.param("apiKey");
     return std::find(config.apiKeys.begin(), config.apiKeys.end(), key) != config.apiKeys.end();
   }
 
-  // Wraps an API handler: checks the key and turns failures into JSON errors.
-  httplib::Server::Handler api(std::function<void(const Request&, Response&)> handler) {
-    return [this, handler = std::move(handler)](const Request& req, Response& res) {
-      if (!authorised(req)) {
-        sendError(res, 401, "a valid apiKey query parameter is required");
-        return;
+  // Wraps an API handler: turns failures into JSON errors. The key is checked by the router,
+  // before the body is read.
+  static detail::HttpRouter::Handler api(
+      std::function<void(const HttpRequest&, HttpResponse&)> handler) {
+    return [handler = std::move(handler)](const HttpRequest& req, HttpResponse& res) {
+      try {
+        handler(req, res);
+      } catch (const ApiError& e) {
+        sendError(res, e.status(), e.what());
+      } catch (const StoreError& e) {
+        sendError(res, 500, fmt::format("the server could not store the data: {}", e.what()));
+      } catch (const std::exception& e) {
+        sendError(res, 500, e.what());
       }
-      guarded(req, res, handler);
     };
   }
 
-  static void guarded(const Request& req, Response& res,
-                      const std::function<void(const Request&, Response&)>& handler) {
-    try {
-      handler(req, res);
-    } catch (const ApiError& e) {
-      sendError(res, e.status(), e.what());
-    } catch (const StoreError& e) {
-      sendError(res, 500, fmt::format("the server could not store the data: {}", e.what()));
-    } catch (const std::exception& e) {
-      sendError(res, 500, e.what());
-    }
-  }
-
   void routes() {
-    http->Post(R"(/api/sessions/running\.json)", api([this](const Request& req, Response& res) {
-                 const Json body = parseBody(req);
-                 if (!body.is_object() || !body.contains("startInfo")) {
-                   throw ApiError(400, "the body must be an object with startInfo");
-                 }
-                 const auto started = sessions->start(body["startInfo"]);
-                 sendJson(res, started.isNew ? 201 : 200,
-                          {{"id", started.id},
-                           {"url", fmt::format("{}/sessions/{}", baseUrlFor(req), started.id)}});
-               }));
-    http->Post(R"(/api/sessions/running/([^/]+)\.json)",
-               api([this](const Request& req, Response& res) {
-                 const Json body = parseBody(req);
-                 sendJson(res, 200, {{"asExpected", sessions->match(req.matches[1], body)}});
-               }));
-    http->Delete(
-        R"(/api/sessions/running/([^/]+)\.json)", api([this](const Request& req, Response& res) {
-          const bool aborted = flag(req, "aborted");
-          const bool update = flag(req, "updateBaseline");
-          sendJson(res, 200, sessions->stop(req.matches[1], aborted, update, baseUrlFor(req)));
-        }));
-    http->Get(R"(/api/sessions/([^/]+)\.json)", api([this](const Request& req, Response& res) {
-                sendJson(res, 200, sessions->results(req.matches[1], baseUrlFor(req)));
-              }));
+    auto& r = router;
+    r.setAuthoriser([this](const HttpRequest& req) { return authorised(req); },
+                    [](const HttpRequest&, HttpResponse& res) {
+                      sendError(res, 401, "a valid apiKey query parameter is required");
+                    });
+    r.add("POST", R"(/api/sessions/running\.json)", Access::keyed,
+          api([this](const HttpRequest& req, HttpResponse& res) {
+            const Json body = parseBody(req);
+            if (!body.is_object() || !body.contains("startInfo")) {
+              throw ApiError(400, "the body must be an object with startInfo");
+            }
+            // Every text of the record reaches the pages and the store: a long one would
+            // make every page that lists it as long.
+            if (const auto field = detail::findLongText(body["startInfo"], "startInfo")) {
+              throw ApiError(400, fmt::format("{} is longer than {} characters", *field,
+                                              detail::kMaxStartTextBytes));
+            }
+            const auto started = sessions->start(body["startInfo"]);
+            sendJson(res, started.isNew ? 201 : 200,
+                     {{"id", started.id},
+                      {"url", fmt::format("{}/sessions/{}", publicUrl(), started.id)}});
+          }));
+    r.add("POST", R"(/api/sessions/running/([^/]+)\.json)", Access::keyed,
+          api([this](const HttpRequest& req, HttpResponse& res) {
+            const Json body = parseBody(req);
+            sendJson(res, 200, {{"asExpected", sessions->match(req.matches[1], body)}});
+          }));
+    r.add("DELETE", R"(/api/sessions/running/([^/]+)\.json)", Access::keyed,
+          api([this](const HttpRequest& req, HttpResponse& res) {
+            const bool aborted = flag(req, "aborted");
+            const bool update = flag(req, "updateBaseline");
+            sendJson(res, 200, sessions->stop(req.matches[1], aborted, update, publicUrl()));
+          }));
+    r.add("GET", R"(/api/sessions/([^/]+)\.json)", Access::keyed,
+          api([this](const HttpRequest& req, HttpResponse& res) {
+            sendJson(res, 200, sessions->results(req.matches[1], publicUrl()));
+          }));
     // The results page's approve form posts here too, with the key as a form field.
-    http->Post(R"(/api/sessions/([^/]+)/approve)", api([this](const Request& req, Response& res) {
-                 const std::string id = req.matches[1];
-                 sessions->approve(id);
-                 if (isFormPost(req)) {
-                   res.set_redirect(fmt::format("/sessions/{}", id), 303);
-                 } else {
-                   sendJson(res, 200, {{"id", id}, {"approved", true}});
-                 }
-               }));
+    r.add("POST", R"(/api/sessions/([^/]+)/approve)", Access::keyed,
+          api([this](const HttpRequest& req, HttpResponse& res) {
+            const std::string id = req.matches[1];
+            sessions->approve(id);
+            if (isFormPost(req)) {
+              res.redirect(fmt::format("/sessions/{}", id), 303);
+            } else {
+              sendJson(res, 200, {{"id", id}, {"approved", true}});
+            }
+          }));
 
-    http->Get("/", [this](const Request&, Response& res) {
-      res.set_content(detail::indexPage(*store), "text/html; charset=utf-8");
+    r.add("GET", "/", Access::open, [this](const HttpRequest&, HttpResponse& res) {
+      res.setContent(detail::indexPage(*store), kHtml);
     });
-    http->Get(R"(/batches/([^/]+))", [this](const Request& req, Response& res) {
-      const auto batch = store->findBatch(req.matches[1]);
-      if (!batch) {
-        res.status = 404;
-        res.set_content(detail::errorPage(404, "No such batch."), "text/html; charset=utf-8");
-        return;
-      }
-      res.set_content(detail::batchPage(*store, *batch), "text/html; charset=utf-8");
-    });
-    http->Get(R"(/sessions/([^/]+))", [this](const Request& req, Response& res) {
-      const auto session = store->findSession(req.matches[1]);
-      if (!session) {
-        res.status = 404;
-        res.set_content(detail::errorPage(404, "No such session."), "text/html; charset=utf-8");
-        return;
-      }
-      res.set_content(detail::sessionPage(*session, store->steps(session->id)),
-                      "text/html; charset=utf-8");
-    });
-    http->Get(R"(/images/([0-9a-f]{64})\.png)", [this](const Request& req, Response& res) {
-      const auto bytes = store->readImage(req.matches[1].str());
-      if (!bytes) {
-        sendError(res, 404, "no such image");
-        return;
-      }
-      // Content-addressed: an image's bytes never change under its name.
-      res.set_header("Cache-Control", "public, max-age=31536000, immutable");
-      res.set_content(*bytes, "image/png");
-    });
+    r.add("GET", R"(/batches/([^/]+))", Access::open,
+          [this](const HttpRequest& req, HttpResponse& res) {
+            const auto batch = store->findBatch(req.matches[1]);
+            if (!batch) {
+              res.status = 404;
+              res.setContent(detail::errorPage(404, "No such batch."), kHtml);
+              return;
+            }
+            res.setContent(detail::batchPage(*store, *batch), kHtml);
+          });
+    r.add("GET", R"(/sessions/([^/]+))", Access::open,
+          [this](const HttpRequest& req, HttpResponse& res) {
+            const auto session = store->findSession(req.matches[1]);
+            if (!session) {
+              res.status = 404;
+              res.setContent(detail::errorPage(404, "No such session."), kHtml);
+              return;
+            }
+            res.setContent(detail::sessionPage(*session, store->steps(session->id)), kHtml);
+          });
+    r.add("GET", R"(/images/([0-9a-f]{64})\.png)", Access::open,
+          [this](const HttpRequest& req, HttpResponse& res) {
+            const auto bytes = store->readImage(req.matches[1]);
+            if (!bytes) {
+              sendError(res, 404, "no such image");
+              return;
+            }
+            // Content-addressed: an image's bytes never change under its name.
+            res.setHeader("Cache-Control", "public, max-age=31536000, immutable");
+            res.setContent(*bytes, "image/png");
+          });
 
-    http->set_error_handler([this](const Request& req, Response& res) {
-      if (!res.body.empty() || res.status == 303) {
-        return;
-      }
+    r.setErrorWriter([this](const HttpRequest& req, HttpResponse& res, std::string_view message) {
       if (res.status == 413) {
         sendError(
             res, 413,
             fmt::format("the request body is over the limit of {} bytes", config.maxBodyBytes));
-      } else if (req.path.starts_with("/api/")) {
-        sendError(res, res.status, res.status == 404 ? "no such resource" : "bad request");
+      } else if (!message.empty() || req.path.starts_with("/api/")) {
+        sendError(res, res.status,
+                  !message.empty()    ? message
+                  : res.status == 404 ? "no such resource"
+                                      : "bad request");
       } else {
-        res.set_content(detail::errorPage(res.status, "Not found."), "text/html; charset=utf-8");
+        res.setContent(detail::errorPage(res.status, "Not found."), kHtml);
       }
-    });
-    http->set_exception_handler([](const Request&, Response& res, std::exception_ptr) {
-      sendError(res, 500, "internal server error");
     });
   }
 
   ServerConfig config;
   std::unique_ptr<BaselineStore> store;
   std::unique_ptr<SessionManager> sessions;
-  std::unique_ptr<httplib::Server> http;
+  detail::HttpRouter router;
+  std::unique_ptr<detail::HttpFront> front;
   int port = -1;
 
   std::mutex control;  // serialises start and stop
   std::mutex stateMutex;
   std::condition_variable stateChanged;
-  bool listening = false;  // the accept loop has not returned yet
-  std::thread listener;
+  bool serving = false;
 };
 
 Server::Server(ServerConfig config) : impl_(std::make_unique<Impl>(std::move(config))) {}
@@ -222,87 +234,59 @@ Server::~Server() { stop(); }
 void Server::start() {
   Impl& s = *impl_;
   std::lock_guard control(s.control);
-  if (s.http) {
+  if (s.front) {
     throw std::logic_error("the server was already started");
   }
   auto store = std::make_unique<BaselineStore>(s.config.dataDir);
-  std::unique_ptr<httplib::Server> http;
-  if (s.https()) {
-    http =
-        std::make_unique<httplib::SSLServer>(s.config.certFile.c_str(), s.config.keyFile.c_str());
-    if (!http->is_valid()) {
-      throw std::runtime_error(fmt::format("cannot use certificate {} with key {}",
-                                           s.config.certFile.string(), s.config.keyFile.string()));
-    }
-  } else {
-    http = std::make_unique<httplib::Server>();
-  }
-  const int threads = std::max(s.config.threads, 1);
-  http->new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
-  http->set_payload_max_length(s.config.maxBodyBytes);
-  http->set_keep_alive_timeout(kKeepAliveSeconds);
-  // The library's default adds SO_REUSEPORT, which would let a second server share a port
-  // that is already taken instead of failing to start.
-  http->set_socket_options([](socket_t sock) {
-    int yes = 1;
-    setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  });
-  int port = s.config.port;
-  if (port == 0) {
-    port = http->bind_to_any_port(s.config.host);
-  } else if (!http->bind_to_port(s.config.host, port)) {
-    port = -1;
-  }
-  if (port < 0) {
-    throw std::runtime_error(fmt::format("cannot listen on {}:{}", s.config.host, s.config.port));
-  }
   s.store = std::move(store);
   s.sessions = std::make_unique<SessionManager>(*s.store, ImageComparer(), s.config.maxImagePixels);
-  s.http = std::move(http);
-  s.port = port;
   s.routes();
-  s.listening = true;
-  s.listener = std::thread([&s] {
-    s.http->listen_after_bind();
-    std::lock_guard lock(s.stateMutex);
-    s.listening = false;
-    s.stateChanged.notify_all();
-  });
-  // stop() must not run before the accept loop is up, or that loop would never see it. The
-  // socket already listens, so clients may connect meanwhile.
-  while (!s.http->is_running()) {
-    std::unique_lock lock(s.stateMutex);
-    if (!s.listening) {
-      lock.unlock();
-      s.listener.join();
-      throw std::runtime_error(fmt::format("cannot serve on {}:{}", s.config.host, port));
-    }
-    s.stateChanged.wait_for(lock, std::chrono::milliseconds(1));
+  detail::HttpFrontOptions options;
+  options.host = s.config.host;
+  options.port = s.config.port;
+  options.certFile = s.config.certFile;
+  options.keyFile = s.config.keyFile;
+  options.maxBodyBytes = s.config.maxBodyBytes;
+  options.headerTimeout = s.config.headerTimeout;
+  options.bodyTimeout = s.config.bodyTimeout;
+  options.maxConnections = s.config.maxConnections;
+  options.maxConnectionsPerAddress = s.config.maxConnectionsPerAddress;
+  options.workers = std::max(s.config.threads, 1);
+  auto front = std::make_unique<detail::HttpFront>(s.router, options);
+  try {
+    s.port = front->start();
+  } catch (...) {
+    s.sessions.reset();
+    s.store.reset();
+    s.router = detail::HttpRouter();
+    throw;
   }
+  s.front = std::move(front);
+  std::lock_guard lock(s.stateMutex);
+  s.serving = true;
 }
 
 int Server::port() const { return impl_->port; }
 
-std::string Server::baseUrl() const {
-  const std::string& host = impl_->config.host;
-  const bool ipv6 = host.find(':') != std::string::npos;
-  return fmt::format("{}://{}{}{}:{}", impl_->scheme(), ipv6 ? "[" : "", host, ipv6 ? "]" : "",
-                     impl_->port);
-}
+std::string Server::baseUrl() const { return impl_->baseUrl(); }
+
+std::string Server::publicUrl() const { return impl_->publicUrl(); }
 
 void Server::wait() {
   std::unique_lock lock(impl_->stateMutex);
-  impl_->stateChanged.wait(lock, [this] { return !impl_->listening; });
+  impl_->stateChanged.wait(lock, [this] { return !impl_->serving; });
 }
 
 void Server::stop() {
   Impl& s = *impl_;
   std::lock_guard control(s.control);
-  if (!s.listener.joinable()) {
+  if (!s.front || !s.serving) {
     return;
   }
-  s.http->stop();
-  s.listener.join();
+  s.front->stop();
+  std::lock_guard lock(s.stateMutex);
+  s.serving = false;
+  s.stateChanged.notify_all();
 }
 
 }  // namespace lumo::server

@@ -73,6 +73,7 @@ TEST(ServerCommand, BadArgumentsAreUsageErrors) {
                                              {"server", "--port", "http"},
                                              {"server", "--cert", "cert.pem"},
                                              {"server", "--cert", "nope.pem", "--key", "nope.key"},
+                                             {"server", "--public-url", "lumo.example.com"},
                                              {"demo", "--port", "-1"}}) {
     const auto outcome = runLumo(args);
     EXPECT_EQ(outcome.status, kExitUsage) << args[1];

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -28,7 +29,19 @@ struct ServerConfig {
   std::filesystem::path keyFile;
   std::size_t maxBodyBytes = kDefaultMaxBodyBytes;
   std::uint64_t maxImagePixels = kDefaultMaxImagePixels;
-  int threads = 8;  // requests served at once
+  int threads = 8;  // requests handled at once
+  // Scheme, host and port (no trailing slash) that links in answers start with, e.g.
+  // "https://lumo.example.com". Empty: baseUrl(). Never taken from a request's Host header,
+  // which the client controls.
+  std::string publicUrl;
+  // A connection must deliver its request's head within this time, and its body within
+  // bodyTimeout after that; a slow client is cut off instead of holding the server.
+  std::chrono::milliseconds headerTimeout{10'000};
+  std::chrono::milliseconds bodyTimeout{120'000};
+  // Connections open at once, in all and from one client address. At a cap, a new connection
+  // replaces the longest-waiting one that has not sent a request yet.
+  std::size_t maxConnections = 512;
+  std::size_t maxConnectionsPerAddress = 64;
 };
 
 // The reference visual-testing server: the session API under "/api/sessions", results pages
@@ -50,8 +63,10 @@ class Server {
   void start();
   // The bound port (the ephemeral one when the config asked for 0); -1 before start.
   int port() const;
-  // "http://host:port" or "https://host:port".
+  // "http://host:port" or "https://host:port", as listened on.
   std::string baseUrl() const;
+  // Where links in answers point: the config's publicUrl, else baseUrl().
+  std::string publicUrl() const;
   // Blocks until the server stops (by stop() on another thread).
   void wait();
   // Stops accepting, finishes the requests in flight and returns. Idempotent.
