@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <list>
 #include <mutex>
 #include <optional>
@@ -186,6 +187,9 @@ class Connection : public ConnectionBase {
     phase = Phase::head;
     parser_.emplace();
     parser_->header_limit(kMaxHeadBytes);
+    // The parser would check a declared length against its default limit while reading the
+    // head; the router sets the limit that applies once it has seen the head.
+    parser_->body_limit(std::numeric_limits<std::uint64_t>::max());
     if (timeout) {
       lowest().expires_after(*timeout);
     }
