@@ -55,6 +55,10 @@ ServerCommand::ServerCommand(CLI::App& parent) {
                 "Memory for decoded baselines, in MB (default 256; 0: none)")
       ->check(CLI::Range(0, 1 << 20))
       ->type_name("MB");
+  c->add_option("--public-url", parsed_.publicUrl,
+                "Address clients reach the server at, for result links (default: the "
+                "listening address)")
+      ->type_name("URL");
 }
 
 bool ServerCommand::selected() const { return command_->parsed(); }
@@ -75,6 +79,11 @@ ServerOptions ServerCommand::options() const {
   }
   if (o.certFile.empty() != o.keyFile.empty()) {
     throw UsageError("--cert and --key go together: give both for HTTPS, or neither");
+  }
+  if (!o.publicUrl.empty() && !o.publicUrl.starts_with("http://") &&
+      !o.publicUrl.starts_with("https://")) {
+    throw UsageError(
+        fmt::format("--public-url: expected http://... or https://..., got \"{}\"", o.publicUrl));
   }
   if (!o.certFile.empty()) {
     checkReadable(o.certFile, "--cert");
@@ -104,6 +113,7 @@ int runServer(const ServerOptions& o, std::ostream& out, std::ostream& err,
   config.certFile = o.certFile;
   config.keyFile = o.keyFile;
   config.baselineCacheBytes = static_cast<std::size_t>(o.baselineCacheMb) << 20;
+  config.publicUrl = o.publicUrl;
   // The server's threads inherit the mask, so Ctrl-C reaches only the wait below.
   if (!waitUntilStopped) blockStopSignals();
   lumo::server::Server server(config);
@@ -114,7 +124,7 @@ int runServer(const ServerOptions& o, std::ostream& out, std::ostream& err,
     return 1;
   }
   fmt::print(out, "Lumo server listening at {}\n", server.baseUrl());
-  fmt::print(out, "Results pages at {}/, data in {}\n", server.baseUrl(), o.dataDir.string());
+  fmt::print(out, "Results pages at {}/, data in {}\n", server.publicUrl(), o.dataDir.string());
   if (o.apiKeys.empty()) {
     fmt::print(out, "API key: {} (export BRIXTEL_API_KEY={})\n", lumo::server::kDemoApiKey,
                lumo::server::kDemoApiKey);

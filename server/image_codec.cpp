@@ -1,5 +1,6 @@
 #include "image_codec.h"
 
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
@@ -39,7 +40,56 @@ std::optional<std::pair<std::uint32_t, std::uint32_t>> pngSize(std::string_view 
   return std::pair{be32(16), be32(20)};
 }
 
+bool pngDataCanFill(std::string_view png) {
+  if (!pngSize(png) || png.size() < 33) {
+    return false;
+  }
+  const auto byteAt = [&](std::size_t at) { return static_cast<unsigned char>(png[at]); };
+  const auto be32 = [&](std::size_t at) {
+    return std::uint32_t{byteAt(at)} << 24 | std::uint32_t{byteAt(at + 1)} << 16 |
+           std::uint32_t{byteAt(at + 2)} << 8 | std::uint32_t{byteAt(at + 3)};
+  };
+  const std::uint64_t width = be32(16), height = be32(20);
+  const unsigned bitDepth = byteAt(24);
+  unsigned channels = 1;  // greyscale and palette
+  switch (byteAt(25)) {
+    case 2:
+      channels = 3;
+      break;
+    case 4:
+      channels = 2;
+      break;
+    case 6:
+      channels = 4;
+      break;
+    default:
+      break;
+  }
+  // Count the image data present, chunk by chunk; a truncated chunk counts what is there.
+  std::uint64_t compressed = 0;
+  for (std::size_t at = 8; at + 8 <= png.size();) {
+    const std::uint64_t length = be32(at);
+    const std::string_view type = png.substr(at + 4, 4);
+    const std::uint64_t present = std::min<std::uint64_t>(length, png.size() - at - 8);
+    if (type == "IDAT") {
+      compressed += present;
+    }
+    at += 12 + present;
+  }
+  // Deflate expands at most about 1032 to 1; past that the data cannot hold every row.
+  constexpr std::uint64_t kMaxDeflateRatio = 1040;
+  // In floating point: the declared sizes may overflow any integer product.
+  const double rawBytes =
+      static_cast<double>(width) * static_cast<double>(height) * channels * bitDepth / 8.0;
+  return static_cast<double>(compressed) * kMaxDeflateRatio >= rawBytes;
+}
+
 std::optional<Image> decodePngImage(std::string_view png, std::uint64_t maxPixels) {
+  // The decoder allocates the whole image from the header before reading any row, so a short
+  // file declaring a large image would cost its full size for nothing.
+  if (!pngDataCanFill(png)) {
+    return std::nullopt;
+  }
   try {
     return decodePng(bytesOf(png), maxPixels);
   } catch (const PngError&) {

@@ -18,8 +18,12 @@ std::optional<std::string> decodeBase64(std::string_view text);
 // Width and height from a PNG's header; nullopt when the bytes do not start like a PNG.
 std::optional<std::pair<std::uint32_t, std::uint32_t>> pngSize(std::string_view png);
 
-// The decoded image; nullopt when the bytes are not a valid PNG or hold more than
-// `maxPixels` pixels.
+// False when the PNG's image data is too short to hold the image its header declares, even
+// at deflate's best ratio: a truncated or forged file. Cheap: reads chunk headers only.
+bool pngDataCanFill(std::string_view png);
+
+// The decoded image; nullopt when the PNG's data cannot fill its declared size, when
+// the bytes are not a valid PNG or when they hold more than `maxPixels` pixels.
 std::optional<Image> decodePngImage(std::string_view png,
                                     std::uint64_t maxPixels = kDefaultMaxPngPixels);
 

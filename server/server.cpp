@@ -1,43 +1,44 @@
 #include "lumo/server/server.h"
 
 #include <fmt/format.h>
-#include <httplib.h>
 
 #include <algorithm>
-#include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
-#include <thread>
 
+#include "http_front.h"
+#include "http_router.h"
+#include "json_limits.h"
 #include "lumo/server/sqlite_store.h"
-#include "pages.h"
 #include "review_access.h"
 #include "review_pages.h"
 
 namespace lumo::server {
 namespace {
 
-using httplib::Request;
-using httplib::Response;
+using detail::Access;
+using detail::HttpRequest;
+using detail::HttpResponse;
 
-// Idle keep-alive connections are closed after this long, which also bounds how long stop()
-// waits for a client that keeps its connection open.
-constexpr time_t kKeepAliveSeconds = 2;
-
-void sendError(Response& res, int status, std::string_view message) {
+void sendError(HttpResponse& res, int status, std::string_view message) {
   res.status = status;
-  res.set_content(Json{{"error", message}, {"status", status}}.dump(), "application/json");
+  res.setContent(Json{{"error", message}, {"status", status}}.dump(), "application/json");
 }
 
-void sendJson(Response& res, int status, const Json& body) {
+void sendJson(HttpResponse& res, int status, const Json& body) {
   res.status = status;
-  res.set_content(body.dump(), "application/json");
+  res.setContent(body.dump(), "application/json");
 }
 
-Json parseBody(const Request& req) {
+Json parseBody(const HttpRequest& req) {
+  // The parser recurses per nesting level: a deep enough body would overflow the stack.
+  if (!detail::checkJsonDepth(req.body)) {
+    throw ApiError(400, fmt::format("the request body nests JSON deeper than {} levels",
+                                    detail::kMaxJsonDepth));
+  }
   Json body = Json::parse(req.body, nullptr, false);
   if (body.is_discarded()) {
     throw ApiError(400, "the request body is not valid JSON");
@@ -45,8 +46,8 @@ Json parseBody(const Request& req) {
   return body;
 }
 
-bool flag(const Request& req, const char* name) {
-  const std::string value = req.get_param_value(name);
+bool flag(const HttpRequest& req, const char* name) {
+  const std::string value = req.param(name);
   if (value.empty() || value == "0" || value == "false") {
     return false;
   }
@@ -56,21 +57,13 @@ bool flag(const Request& req, const char* name) {
   throw ApiError(400, fmt::format("query parameter {} must be 0 or 1, not \"{}\"", name, value));
 }
 
-std::string apiKey(const Request& req) { return req.get_param_value("apiKey"); }
-
-bool isFormPost(const Request& req) {
-  return req.get_header_value("Content-Type").starts_with("application/x-www-form-urlencoded");
+bool isFormPost(const HttpRequest& req) {
+  return req.header("Content-Type").starts_with("application/x-www-form-urlencoded");
 }
 
-// A Host header is echoed into links only when it looks like one.
-bool plausibleHost(std::string_view host) {
-  return !host.empty() && host.size() < 256 &&
-         host.find_first_not_of(
-             "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-             "0123456789.-:[]") == std::string_view::npos;
-}
+std::string apiKey(const HttpRequest& req) { return req.param("apiKey"); }
 
-detail::Fields fields(const Request& req) {
+detail::Fields fields(const HttpRequest& req) {
   detail::Fields out;
   for (const auto& [name, value] : req.params) {
     out.emplace(name, value);
@@ -78,21 +71,12 @@ detail::Fields fields(const Request& req) {
   return out;
 }
 
-std::string cookie(const Request& req) { return req.get_header_value("Cookie"); }
+std::string cookie(const HttpRequest& req) { return req.header("Cookie"); }
 
-void send(Response& res, detail::PageReply reply) {
+void send(HttpResponse& res, detail::PageReply reply) {
   res.status = reply.status;
-  std::string type = "text/plain; charset=utf-8";
-  for (auto& [name, value] : reply.headers) {
-    if (name == "Content-Type") {
-      type = value;
-    } else {
-      res.set_header(name.c_str(), value);
-    }
-  }
-  if (!reply.body.empty()) {
-    res.set_content(reply.body, type.c_str());
-  }
+  res.headers = std::move(reply.headers);
+  res.body = std::move(reply.body);
 }
 
 // Pages stay open for a server on the demo key alone; any real key means a sign-in.
@@ -114,145 +98,157 @@ struct Server::Impl {
 
   std::string scheme() const { return https() ? "https" : "http"; }
 
-  // Links point back the way the client came, so they work behind the name it used.
-  std::string baseUrlFor(const Request& req) const {
-    const std::string host = req.get_header_value("Host");
-    if (plausibleHost(host)) {
-      return fmt::format("{}://{}", scheme(), host);
-    }
-    return fmt::format("{}://{}:{}", scheme(), config.host, port);
+  std::string baseUrl() const {
+    const std::string& host = config.host;
+    const bool ipv6 = host.find(':') != std::string::npos;
+    return fmt::format("{}://{}{}{}:{}", scheme(), ipv6 ? "[" : "", host, ipv6 ? "]" : "", port);
   }
 
-  bool authorised(const Request& req) const {
-    const std::string key = req.get_param_value("apiKey");
+  // Links come from the configuration only: a Host header is the client's to choose, and
+  // echoing it would let one client plant links to elsewhere in answers and pages.
+  std::string publicUrl() const {
+    if (config.publicUrl.empty()) {
+      return baseUrl();
+    }
+    std::string url = config.publicUrl;
+    while (url.ends_with('/')) {
+      url.pop_back();
+    }
+    return url;
+  }
+
+  bool authorised(const HttpRequest& req) const {
+    const std::string key = req.param("apiKey");
     return std::find(config.apiKeys.begin(), config.apiKeys.end(), key) != config.apiKeys.end();
   }
 
-  // Wraps an API handler: checks the key and turns failures into JSON errors.
-  httplib::Server::Handler api(std::function<void(const Request&, Response&)> handler) {
-    return [this, handler = std::move(handler)](const Request& req, Response& res) {
-      if (!authorised(req)) {
-        sendError(res, 401, "a valid apiKey query parameter is required");
-        return;
+  // Wraps an API handler: turns failures into JSON errors. The key is checked by the router,
+  // before the body is read.
+  static detail::HttpRouter::Handler api(
+      std::function<void(const HttpRequest&, HttpResponse&)> handler) {
+    return [handler = std::move(handler)](const HttpRequest& req, HttpResponse& res) {
+      try {
+        handler(req, res);
+      } catch (const ApiError& e) {
+        sendError(res, e.status(), e.what());
+      } catch (const StoreError& e) {
+        sendError(res, 500, fmt::format("the server could not store the data: {}", e.what()));
+      } catch (const std::exception& e) {
+        sendError(res, 500, e.what());
       }
-      guarded(req, res, handler);
     };
   }
 
-  static void guarded(const Request& req, Response& res,
-                      const std::function<void(const Request&, Response&)>& handler) {
-    try {
-      handler(req, res);
-    } catch (const ApiError& e) {
-      sendError(res, e.status(), e.what());
-    } catch (const StoreError& e) {
-      sendError(res, 500, fmt::format("the server could not store the data: {}", e.what()));
-    } catch (const std::exception& e) {
-      sendError(res, 500, e.what());
-    }
-  }
-
   void routes() {
-    http->Post(R"(/api/sessions/running\.json)", api([this](const Request& req, Response& res) {
-                 const Json body = parseBody(req);
-                 if (!body.is_object() || !body.contains("startInfo")) {
-                   throw ApiError(400, "the body must be an object with startInfo");
-                 }
-                 const auto started = sessions->start(body["startInfo"], apiKey(req));
-                 sendJson(res, started.isNew ? 201 : 200,
-                          {{"id", started.id},
-                           {"url", fmt::format("{}/sessions/{}", baseUrlFor(req), started.id)}});
-               }));
-    http->Post(
-        R"(/api/sessions/running/([^/]+)\.json)", api([this](const Request& req, Response& res) {
+    auto& r = router;
+    r.setAuthoriser([this](const HttpRequest& req) { return authorised(req); },
+                    [](const HttpRequest&, HttpResponse& res) {
+                      sendError(res, 401, "a valid apiKey query parameter is required");
+                    });
+    r.add("POST", R"(/api/sessions/running\.json)", Access::keyed,
+          api([this](const HttpRequest& req, HttpResponse& res) {
+            const Json body = parseBody(req);
+            if (!body.is_object() || !body.contains("startInfo")) {
+              throw ApiError(400, "the body must be an object with startInfo");
+            }
+            // Every text of the record reaches the pages and the store: a long one would
+            // make every page that lists it as long.
+            if (const auto field = detail::findLongText(body["startInfo"], "startInfo")) {
+              throw ApiError(400, fmt::format("{} is longer than {} characters", *field,
+                                              detail::kMaxStartTextBytes));
+            }
+            const auto started = sessions->start(body["startInfo"], apiKey(req));
+            sendJson(res, started.isNew ? 201 : 200,
+                     {{"id", started.id},
+                      {"url", fmt::format("{}/sessions/{}", publicUrl(), started.id)}});
+          }));
+    r.add(
+        "POST", R"(/api/sessions/running/([^/]+)\.json)", Access::keyed,
+        api([this](const HttpRequest& req, HttpResponse& res) {
           const Json body = parseBody(req);
           sendJson(res, 200, {{"asExpected", sessions->match(req.matches[1], body, apiKey(req))}});
         }));
-    http->Delete(
-        R"(/api/sessions/running/([^/]+)\.json)", api([this](const Request& req, Response& res) {
-          const bool aborted = flag(req, "aborted");
-          const bool update = flag(req, "updateBaseline");
-          sendJson(res, 200,
-                   sessions->stop(req.matches[1], aborted, update, baseUrlFor(req), apiKey(req)));
-        }));
-    http->Get(R"(/api/sessions/([^/]+)\.json)", api([this](const Request& req, Response& res) {
-                sendJson(res, 200, sessions->results(req.matches[1], baseUrlFor(req), apiKey(req)));
-              }));
+    r.add("DELETE", R"(/api/sessions/running/([^/]+)\.json)", Access::keyed,
+          api([this](const HttpRequest& req, HttpResponse& res) {
+            const bool aborted = flag(req, "aborted");
+            const bool update = flag(req, "updateBaseline");
+            sendJson(res, 200,
+                     sessions->stop(req.matches[1], aborted, update, publicUrl(), apiKey(req)));
+          }));
+    r.add("GET", R"(/api/sessions/([^/]+)\.json)", Access::keyed,
+          api([this](const HttpRequest& req, HttpResponse& res) {
+            sendJson(res, 200, sessions->results(req.matches[1], publicUrl(), apiKey(req)));
+          }));
     // The results page's approve form posts here too, with the key as a form field.
-    http->Post(R"(/api/sessions/([^/]+)/approve)", api([this](const Request& req, Response& res) {
-                 const std::string id = req.matches[1];
-                 sessions->approve(id, apiKey(req));
-                 if (isFormPost(req)) {
-                   res.set_redirect(fmt::format("/sessions/{}", id), 303);
-                 } else {
-                   sendJson(res, 200, {{"id", id}, {"approved", true}});
-                 }
-               }));
+    r.add("POST", R"(/api/sessions/([^/]+)/approve)", Access::keyed,
+          api([this](const HttpRequest& req, HttpResponse& res) {
+            const std::string id = req.matches[1];
+            sessions->approve(id, apiKey(req));
+            if (isFormPost(req)) {
+              res.redirect(fmt::format("/sessions/{}", id), 303);
+            } else {
+              sendJson(res, 200, {{"id", id}, {"approved", true}});
+            }
+          }));
 
-    http->Post(R"(/api/sessions/([^/]+)/reject)", api([this](const Request& req, Response& res) {
-                 const std::string id = req.matches[1];
-                 std::optional<int> position;
-                 if (req.has_param("step")) {
-                   const std::string step = req.get_param_value("step");
-                   position = std::atoi(step.c_str()) - 1;
-                 }
-                 sessions->reject(id, position);
-                 sendJson(res, 200, {{"id", id}, {"rejected", true}});
-               }));
+    r.add("POST", R"(/api/sessions/([^/]+)/reject)", Access::keyed,
+          api([this](const HttpRequest& req, HttpResponse& res) {
+            const std::string id = req.matches[1];
+            std::optional<int> position;
+            if (const std::string step = req.param("step"); !step.empty()) {
+              position = std::atoi(step.c_str()) - 1;
+            }
+            sessions->reject(id, position, apiKey(req));
+            sendJson(res, 200, {{"id", id}, {"rejected", true}});
+          }));
 
-    // The results pages: each route hands the request's parts to ReviewPages.
-    http->Get("/", [this](const Request& req, Response& res) {
-      send(res, pages->index(fields(req), cookie(req)));
+    // The results pages: each route hands the request's parts to ReviewPages, which signs
+    // people in by cookie rather than by key.
+    auto page = [this](std::string_view method, const std::string& pattern, auto render) {
+      router.add(method, pattern, Access::open,
+                 [render](const HttpRequest& req, HttpResponse& res) { send(res, render(req)); });
+    };
+    page("GET", "/",
+         [this](const HttpRequest& req) { return pages->index(fields(req), cookie(req)); });
+    page("GET", R"(/batches/([^/]+))", [this](const HttpRequest& req) {
+      return pages->batch(req.matches[1], fields(req), cookie(req));
     });
-    http->Get(R"(/batches/([^/]+))", [this](const Request& req, Response& res) {
-      send(res, pages->batch(req.matches[1], fields(req), cookie(req)));
+    page("GET", R"(/sessions/([^/]+))",
+         [this](const HttpRequest& req) { return pages->session(req.matches[1], cookie(req)); });
+    page("GET", R"(/images/([0-9a-f]{64})\.png)",
+         [this](const HttpRequest& req) { return pages->image(req.matches[1], cookie(req)); });
+    page("GET", R"(/static/([a-z]+\.[a-z]+))",
+         [](const HttpRequest& req) { return detail::ReviewPages::asset(req.matches[1]); });
+    page("GET", "/signin",
+         [this](const HttpRequest& req) { return pages->signInForm(fields(req)); });
+    page("POST", "/signin", [this](const HttpRequest& req) { return pages->signIn(fields(req)); });
+    page("POST", "/signout",
+         [this](const HttpRequest& req) { return pages->signOut(fields(req), cookie(req)); });
+    page("POST", R"(/sessions/([^/]+)/approve)", [this](const HttpRequest& req) {
+      return pages->approve(req.matches[1], fields(req), cookie(req));
     });
-    http->Get(R"(/sessions/([^/]+))", [this](const Request& req, Response& res) {
-      send(res, pages->session(req.matches[1], cookie(req)));
+    page("POST", R"(/sessions/([^/]+)/reject)", [this](const HttpRequest& req) {
+      return pages->reject(req.matches[1], fields(req), cookie(req));
     });
-    http->Get(R"(/images/([0-9a-f]{64})\.png)", [this](const Request& req, Response& res) {
-      send(res, pages->image(req.matches[1], cookie(req)));
-    });
-    http->Get(R"(/static/([a-z]+\.[a-z]+))", [](const Request& req, Response& res) {
-      send(res, detail::ReviewPages::asset(req.matches[1].str()));
-    });
-    http->Get("/signin", [this](const Request& req, Response& res) {
-      send(res, pages->signInForm(fields(req)));
-    });
-    http->Post("/signin", [this](const Request& req, Response& res) {
-      send(res, pages->signIn(fields(req)));
-    });
-    http->Post("/signout", [this](const Request& req, Response& res) {
-      send(res, pages->signOut(fields(req), cookie(req)));
-    });
-    http->Post(R"(/sessions/([^/]+)/approve)", [this](const Request& req, Response& res) {
-      send(res, pages->approve(req.matches[1], fields(req), cookie(req)));
-    });
-    http->Post(R"(/sessions/([^/]+)/reject)", [this](const Request& req, Response& res) {
-      send(res, pages->reject(req.matches[1], fields(req), cookie(req)));
-    });
-    http->Post(R"(/batches/([^/]+)/approve)", [this](const Request& req, Response& res) {
-      send(res, pages->approveAll(req.matches[1], fields(req), cookie(req)));
+    page("POST", R"(/batches/([^/]+)/approve)", [this](const HttpRequest& req) {
+      return pages->approveAll(req.matches[1], fields(req), cookie(req));
     });
 
-    http->set_error_handler([this](const Request& req, Response& res) {
-      if (!res.body.empty() || res.status == 303) {
-        return;
-      }
+    r.setErrorWriter([this](const HttpRequest& req, HttpResponse& res, std::string_view message) {
       if (res.status == 413) {
         sendError(
             res, 413,
             fmt::format("the request body is over the limit of {} bytes", config.maxBodyBytes));
-      } else if (req.path.starts_with("/api/")) {
-        sendError(res, res.status, res.status == 404 ? "no such resource" : "bad request");
+      } else if (!message.empty() || req.path.starts_with("/api/")) {
+        sendError(res, res.status,
+                  !message.empty()    ? message
+                  : res.status == 404 ? "no such resource"
+                                      : "bad request");
       } else {
-        detail::PageReply reply = detail::ReviewPages::notFound();
-        reply.status = res.status;
-        send(res, std::move(reply));
+        const int status = res.status;
+        send(res, detail::ReviewPages::notFound());
+        res.status = status;
       }
-    });
-    http->set_exception_handler([](const Request&, Response& res, std::exception_ptr) {
-      sendError(res, 500, "internal server error");
     });
   }
 
@@ -261,14 +257,14 @@ struct Server::Impl {
   std::unique_ptr<SessionManager> sessions;
   std::unique_ptr<detail::ReviewAccess> access;
   std::unique_ptr<detail::ReviewPages> pages;
-  std::unique_ptr<httplib::Server> http;
+  detail::HttpRouter router;
+  std::unique_ptr<detail::HttpFront> front;
   int port = -1;
 
   std::mutex control;  // serialises start and stop
   std::mutex stateMutex;
   std::condition_variable stateChanged;
-  bool listening = false;  // the accept loop has not returned yet
-  std::thread listener;
+  bool serving = false;
 };
 
 Server::Server(ServerConfig config) : impl_(std::make_unique<Impl>(std::move(config))) {}
@@ -278,41 +274,10 @@ Server::~Server() { stop(); }
 void Server::start() {
   Impl& s = *impl_;
   std::lock_guard control(s.control);
-  if (s.http) {
+  if (s.front) {
     throw std::logic_error("the server was already started");
   }
-  std::unique_ptr<Store> store = std::make_unique<SqliteStore>(s.config.dataDir);
-  std::unique_ptr<httplib::Server> http;
-  if (s.https()) {
-    http =
-        std::make_unique<httplib::SSLServer>(s.config.certFile.c_str(), s.config.keyFile.c_str());
-    if (!http->is_valid()) {
-      throw std::runtime_error(fmt::format("cannot use certificate {} with key {}",
-                                           s.config.certFile.string(), s.config.keyFile.string()));
-    }
-  } else {
-    http = std::make_unique<httplib::Server>();
-  }
-  const int threads = std::max(s.config.threads, 1);
-  http->new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
-  http->set_payload_max_length(s.config.maxBodyBytes);
-  http->set_keep_alive_timeout(kKeepAliveSeconds);
-  // The library's default adds SO_REUSEPORT, which would let a second server share a port
-  // that is already taken instead of failing to start.
-  http->set_socket_options([](socket_t sock) {
-    int yes = 1;
-    setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  });
-  int port = s.config.port;
-  if (port == 0) {
-    port = http->bind_to_any_port(s.config.host);
-  } else if (!http->bind_to_port(s.config.host, port)) {
-    port = -1;
-  }
-  if (port < 0) {
-    throw std::runtime_error(fmt::format("cannot listen on {}:{}", s.config.host, s.config.port));
-  }
-  s.store = std::move(store);
+  s.store = std::make_unique<SqliteStore>(s.config.dataDir);
   SessionOptions sessionOptions;
   sessionOptions.maxStepsPerSession = s.config.maxStepsPerSession;
   sessionOptions.maxSessionsPerBatch = s.config.maxSessionsPerBatch;
@@ -322,51 +287,55 @@ void Server::start() {
                                                 std::move(sessionOptions));
   s.access = std::make_unique<detail::ReviewAccess>(s.config.apiKeys, pagesOpen(s.config.apiKeys));
   s.pages = std::make_unique<detail::ReviewPages>(*s.sessions, *s.access, s.https());
-  s.http = std::move(http);
-  s.port = port;
   s.routes();
-  s.listening = true;
-  s.listener = std::thread([&s] {
-    s.http->listen_after_bind();
-    std::lock_guard lock(s.stateMutex);
-    s.listening = false;
-    s.stateChanged.notify_all();
-  });
-  // stop() must not run before the accept loop is up, or that loop would never see it. The
-  // socket already listens, so clients may connect meanwhile.
-  while (!s.http->is_running()) {
-    std::unique_lock lock(s.stateMutex);
-    if (!s.listening) {
-      lock.unlock();
-      s.listener.join();
-      throw std::runtime_error(fmt::format("cannot serve on {}:{}", s.config.host, port));
-    }
-    s.stateChanged.wait_for(lock, std::chrono::milliseconds(1));
+  detail::HttpFrontOptions options;
+  options.host = s.config.host;
+  options.port = s.config.port;
+  options.certFile = s.config.certFile;
+  options.keyFile = s.config.keyFile;
+  options.maxBodyBytes = s.config.maxBodyBytes;
+  options.headerTimeout = s.config.headerTimeout;
+  options.bodyTimeout = s.config.bodyTimeout;
+  options.maxConnections = s.config.maxConnections;
+  options.maxConnectionsPerAddress = s.config.maxConnectionsPerAddress;
+  options.workers = std::max(s.config.threads, 1);
+  auto front = std::make_unique<detail::HttpFront>(s.router, options);
+  try {
+    s.port = front->start();
+  } catch (...) {
+    s.pages.reset();
+    s.access.reset();
+    s.sessions.reset();
+    s.store.reset();
+    s.router = detail::HttpRouter();
+    throw;
   }
+  s.front = std::move(front);
+  std::lock_guard lock(s.stateMutex);
+  s.serving = true;
 }
 
 int Server::port() const { return impl_->port; }
 
-std::string Server::baseUrl() const {
-  const std::string& host = impl_->config.host;
-  const bool ipv6 = host.find(':') != std::string::npos;
-  return fmt::format("{}://{}{}{}:{}", impl_->scheme(), ipv6 ? "[" : "", host, ipv6 ? "]" : "",
-                     impl_->port);
-}
+std::string Server::baseUrl() const { return impl_->baseUrl(); }
+
+std::string Server::publicUrl() const { return impl_->publicUrl(); }
 
 void Server::wait() {
   std::unique_lock lock(impl_->stateMutex);
-  impl_->stateChanged.wait(lock, [this] { return !impl_->listening; });
+  impl_->stateChanged.wait(lock, [this] { return !impl_->serving; });
 }
 
 void Server::stop() {
   Impl& s = *impl_;
   std::lock_guard control(s.control);
-  if (!s.listener.joinable()) {
+  if (!s.front || !s.serving) {
     return;
   }
-  s.http->stop();
-  s.listener.join();
+  s.front->stop();
+  std::lock_guard lock(s.stateMutex);
+  s.serving = false;
+  s.stateChanged.notify_all();
 }
 
 }  // namespace lumo::server

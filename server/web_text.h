@@ -3,8 +3,8 @@
 #include <string>
 #include <string_view>
 
-// Escaping for the texts the server puts into links and pages. Hand-written because
-// cpp-httplib keeps its encoders internal and the server links no other web library.
+// Escaping for the texts the server puts into links and pages. Hand-written: the HTTP front's
+// library has no encoders for them.
 namespace lumo::server::detail {
 
 // Percent-encodes everything but unreserved characters, for one path segment or query value.

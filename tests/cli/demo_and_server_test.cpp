@@ -75,6 +75,7 @@ TEST(ServerCommand, BadArgumentsAreUsageErrors) {
                                              {"server", "--cert", "nope.pem", "--key", "nope.key"},
                                              {"server", "--baseline-cache-mb", "-5"},
                                              {"server", "--baseline-cache-mb", "lots"},
+                                             {"server", "--public-url", "lumo.example.com"},
                                              {"demo", "--port", "-1"}}) {
     const auto outcome = runLumo(args);
     EXPECT_EQ(outcome.status, kExitUsage) << args[1];

@@ -29,13 +29,25 @@ struct ServerConfig {
   std::filesystem::path keyFile;
   std::size_t maxBodyBytes = kDefaultMaxBodyBytes;
   std::uint64_t maxImagePixels = kDefaultMaxImagePixels;
-  int threads = 8;  // requests served at once
+  int threads = 8;  // requests handled at once
   int maxStepsPerSession = kDefaultMaxStepsPerSession;
   int maxSessionsPerBatch = kDefaultMaxSessionsPerBatch;
   // A running session without a request for this long is aborted; 0 never expires one.
   std::chrono::milliseconds sessionIdleTimeout = kDefaultSessionIdleTimeout;
   // Decoded baselines kept in memory, shared by all sessions; 0 keeps none.
   std::size_t baselineCacheBytes = kDefaultBaselineCacheBytes;
+  // Scheme, host and port (no trailing slash) that links in answers start with, e.g.
+  // "https://lumo.example.com". Empty: baseUrl(). Never taken from a request's Host header,
+  // which the client controls.
+  std::string publicUrl;
+  // A connection must deliver its request's head within this time, and its body within
+  // bodyTimeout after that; a slow client is cut off instead of holding the server.
+  std::chrono::milliseconds headerTimeout{10'000};
+  std::chrono::milliseconds bodyTimeout{120'000};
+  // Connections open at once, in all and from one client address. At a cap, a new connection
+  // replaces the longest-waiting one that has not sent a request yet.
+  std::size_t maxConnections = 512;
+  std::size_t maxConnectionsPerAddress = 64;
 };
 
 // The reference visual-testing server: the session API under "/api/sessions", results pages
@@ -57,8 +69,10 @@ class Server {
   void start();
   // The bound port (the ephemeral one when the config asked for 0); -1 before start.
   int port() const;
-  // "http://host:port" or "https://host:port".
+  // "http://host:port" or "https://host:port", as listened on.
   std::string baseUrl() const;
+  // Where links in answers point: the config's publicUrl, else baseUrl().
+  std::string publicUrl() const;
   // Blocks until the server stops (by stop() on another thread).
   void wait();
   // Stops accepting, finishes the requests in flight and returns. Idempotent.

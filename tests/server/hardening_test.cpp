@@ -1,0 +1,266 @@
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <chrono>
+#include <thread>
+
+#include "json_limits.h"
+#include "server_fixture.h"
+
+namespace lumo::server::testing {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A raw loopback connection, for requests no well-behaved client library would send.
+class RawConnection {
+ public:
+  explicit RawConnection(int port) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  }
+  ~RawConnection() { close(fd_); }
+  RawConnection(const RawConnection&) = delete;
+  RawConnection& operator=(const RawConnection&) = delete;
+
+  bool connected() const { return connected_; }
+  bool send(std::string_view bytes) {
+    while (!bytes.empty()) {
+      const ssize_t n = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      if (n <= 0) {
+        return false;
+      }
+      bytes.remove_prefix(static_cast<std::size_t>(n));
+    }
+    return true;
+  }
+  // Everything received until the server closes or `timeout` passes.
+  std::string receive(std::chrono::milliseconds timeout = 5s) {
+    std::string received;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
+      pollfd p{fd_, POLLIN, 0};
+      if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) {
+        return received;
+      }
+      char buffer[4096];
+      const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
+      if (n <= 0) {
+        closedByServer_ = true;
+        return received;
+      }
+      received.append(buffer, static_cast<std::size_t>(n));
+    }
+  }
+  bool closedByServer() const { return closedByServer_; }
+
+ private:
+  int fd_;
+  bool connected_ = false;
+  bool closedByServer_ = false;
+};
+
+int statusOf(const std::string& response) {
+  return response.starts_with("HTTP/1.1 ") ? std::atoi(response.c_str() + 9) : 0;
+}
+
+long peakRssKilobytes() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+class Hardening : public ServerTest {
+ protected:
+  void SetUp() override {
+    ServerConfig config;
+    config.maxBodyBytes = std::size_t{40} << 20;
+    config.headerTimeout = 300ms;
+    config.publicUrl = "https://lumo.example.test/";
+    startServer(config);
+  }
+  bool stillServes() {
+    auto res = client_->Get("/");
+    return res && res->status == 200;
+  }
+};
+
+TEST(JsonDepth, CountsBracketsOutsideStringsOnly) {
+  const std::string deep = std::string(65, '[') + std::string(65, ']');
+  const struct {
+    std::string text;
+    bool fits;
+  } cases[] = {
+      {std::string(64, '[') + std::string(64, ']'), true},
+      {deep, false},
+      {"{\"a\":" + std::string(64, '{') + "}", false},
+      {"\"" + std::string(100, '[') + "\"", true},
+      {"[\"\\\"" + std::string(100, '[') + "\"]", true},  // an escaped quote does not end it
+      {"[\"\\\\\"" + std::string(70, '[') + "]", false},  // an escaped backslash does
+      {std::string(100, ']') + std::string(64, '['), true},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(detail::checkJsonDepth(c.text), c.fits) << c.text.substr(0, 80);
+  }
+}
+
+TEST_F(Hardening, DeeplyNestedJsonIsRefusedAndTheServerStillAnswers) {
+  for (const int depth : {75'000, 65}) {
+    std::string body = R"({"startInfo":{"appIdOrName":"D","scenarioIdOrName":"T","x":)";
+    body += std::string(static_cast<std::size_t>(depth), '[') +
+            std::string(static_cast<std::size_t>(depth), ']') + "}}";
+    auto res = client_->Post("/api/sessions/running.json?" + keyQuery(), body, "application/json");
+    ASSERT_TRUE(res) << depth;
+    EXPECT_EQ(res->status, 400) << depth;
+    EXPECT_NE(res->body.find("deeper than 64 levels"), std::string::npos) << res->body;
+  }
+  EXPECT_TRUE(stillServes());
+}
+
+TEST_F(Hardening, LongTextsInTheStartRecordAreRefusedByName) {
+  const struct {
+    std::vector<std::string> path;
+    std::size_t length;
+    const char* named;
+  } cases[] = {
+      {{"appIdOrName"}, std::size_t{30} << 20, "startInfo.appIdOrName"},
+      {{"batchInfo", "name"}, 1001, "startInfo.batchInfo.name"},
+  };
+  for (const auto& c : cases) {
+    Json info = startInfo("Long");
+    Json* field = &info;
+    for (const auto& key : c.path) {
+      field = &(*field)[key];
+    }
+    *field = std::string(c.length, 'n');
+    auto res = startSession(info);
+    ASSERT_TRUE(res);
+    EXPECT_EQ(res->status, 400);
+    EXPECT_NE(res->body.find(c.named), std::string::npos) << res->body.substr(0, 200);
+  }
+  start(startInfo("Long"), 201);  // nothing was stored by the refused starts
+}
+
+TEST_F(Hardening, RequestsRefusedFromTheirHeadAreAnsweredBeforeAnyBodyIsSent) {
+  const std::string key = keyQuery();
+  const struct {
+    std::string head;
+    int status;
+  } cases[] = {
+      // A compressed body, without a key, to a path that does not exist.
+      {"POST /anything HTTP/1.1\r\nHost: x\r\nContent-Encoding: gzip\r\n"
+       "Content-Length: 3000000\r\n\r\n",
+       415},
+      {"POST /api/sessions/running.json HTTP/1.1\r\nHost: x\r\nContent-Length: 3000000\r\n\r\n",
+       401},
+      {"POST /api/sessions/running.json?" + key +
+           " HTTP/1.1\r\nHost: x\r\nContent-Length: 900000000\r\n\r\n",
+       413},
+      {"POST /nowhere HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n", 404},
+  };
+  for (const auto& c : cases) {
+    RawConnection connection(server_->port());
+    ASSERT_TRUE(connection.send(c.head));
+    EXPECT_EQ(statusOf(connection.receive(3s)), c.status) << c.head;
+  }
+  EXPECT_TRUE(stillServes());
+}
+
+TEST_F(Hardening, AChunkedBodyOverTheLimitIsRefused) {
+  stopServer();
+  ServerConfig config;
+  config.maxBodyBytes = 64 * 1024;
+  startServer(config);
+  RawConnection connection(server_->port());
+  ASSERT_TRUE(connection.send("POST /api/sessions/running.json?" + keyQuery() +
+                              " HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n"));
+  const std::string chunk(16 * 1024, 'x');
+  for (int i = 0; i < 8 && connection.send("4000\r\n" + chunk + "\r\n"); ++i) {
+  }
+  connection.send("0\r\n\r\n");
+  const std::string response = connection.receive(3s);
+  EXPECT_EQ(statusOf(response), 413) << response.substr(0, 200);
+  EXPECT_NE(response.find("over the limit of 65536 bytes"), std::string::npos);
+}
+
+TEST_F(Hardening, IdleAndDrippingConnectionsNeitherBlockOthersNorStayOpen) {
+  std::vector<std::unique_ptr<RawConnection>> idle, dripping;
+  for (int i = 0; i < 200; ++i) {
+    idle.push_back(std::make_unique<RawConnection>(server_->port()));
+  }
+  for (int i = 0; i < 8; ++i) {
+    dripping.push_back(std::make_unique<RawConnection>(server_->port()));
+  }
+  // Drip one header byte per connection every 50 ms: 16 drips outlast the 300 ms allowed.
+  const std::string head = "GET / HTTP/1.1\r\nHost: x\r\n\r\n";
+  for (std::size_t i = 0; i < 16; ++i) {
+    for (auto& c : dripping) {
+      c->send(head.substr(i, 1));
+    }
+    if (i == 0 || i == 8) {
+      EXPECT_TRUE(stillServes()) << i;
+    }
+    std::this_thread::sleep_for(50ms);
+  }
+  for (auto& c : dripping) {
+    const std::string response = c->receive(2s);
+    EXPECT_TRUE(c->closedByServer());
+    EXPECT_EQ(response, "");  // cut off, never answered
+  }
+  EXPECT_TRUE(stillServes());
+}
+
+TEST_F(Hardening, LinksUseThePublicUrlWhateverTheHostHeaderSays) {
+  auto res = client_->Post("/api/sessions/running.json?" + keyQuery(),
+                           httplib::Headers{{"Host", "evil.example"}},
+                           Json{{"startInfo", startInfo("Links")}}.dump(), "application/json");
+  ASSERT_TRUE(res);
+  ASSERT_EQ(res->status, 201) << res->body;
+  const std::string id = Json::parse(res->body)["id"];
+  EXPECT_EQ(Json::parse(res->body)["url"], "https://lumo.example.test/sessions/" + id);
+  EXPECT_EQ(server_->publicUrl(), "https://lumo.example.test");
+  const Json results = stop(id, false);
+  EXPECT_EQ(results["apiUrls"]["batch"], "https://lumo.example.test/batches/B1");
+}
+
+// A PNG that declares 7071 x 7071 RGBA pixels but carries only 6 KB of image data.
+std::string truncatedLargePng() {
+  std::string png = detail::encodePngImage(noise(200, 200, 3));
+  const auto putBe32 = [&](std::size_t at, std::uint32_t v) {
+    for (int i = 0; i < 4; ++i) {
+      png[at + static_cast<std::size_t>(i)] = static_cast<char>(v >> (24 - 8 * i));
+    }
+  };
+  putBe32(16, 7071);
+  putBe32(20, 7071);
+  const auto* ihdr = reinterpret_cast<const Bytef*>(png.data() + 12);
+  putBe32(29, static_cast<std::uint32_t>(crc32(0, ihdr, 17)));
+  png.resize(6 * 1024);
+  return png;
+}
+
+TEST_F(Hardening, ATruncatedPngDeclaringALargeImageFailsWithoutAllocatingIt) {
+  const std::string png = truncatedLargePng();
+  EXPECT_FALSE(detail::pngDataCanFill(png));
+  EXPECT_TRUE(detail::pngDataCanFill(detail::encodePngImage(noise(200, 200, 3))));
+  const long before = peakRssKilobytes();
+  const std::string id = start(startInfo("Png"), 201);
+  const std::vector<std::uint8_t> bytes(png.begin(), png.end());
+  auto res = matchWindow(id, matchData(base64Encode(bytes), "big"));
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 400) << res->body;
+  EXPECT_LT(peakRssKilobytes() - before, 100 * 1024);  // the image would take 200 MB
+}
+
+}  // namespace
+}  // namespace lumo::server::testing
