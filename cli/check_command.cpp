@@ -23,7 +23,7 @@
 #include "lumo/exception.h"
 #include "lumo/lumo.h"
 #include "lumo/match_result.h"
-#include "lumo/png.h"
+#include "platform/png.h"
 #include "lumo/running_session.h"
 #include "lumo/screenshot_source.h"
 #include "lumo/system_log.h"

@@ -15,7 +15,7 @@
 #include <sstream>
 
 #include "content_hash.h"
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 
 namespace lumo::server {
 namespace {

@@ -1,6 +1,6 @@
-#include "lumo/lumo_screenshot.h"
+#include "common/lumo_screenshot.h"
 
-#include "lumo/argument_guard.h"
+#include "common/argument_guard.h"
 #include "lumo/out_of_bounds_exception.h"
 
 namespace lumo {

@@ -1,4 +1,4 @@
-#include "lumo/scaled_screenshot.h"
+#include "common/scaled_screenshot.h"
 
 #include <algorithm>
 #include <cmath>

@@ -2,10 +2,10 @@
 
 #include <fmt/format.h>
 
-#include "lumo/argument_guard.h"
+#include "common/argument_guard.h"
 #include "lumo/match_result.h"
-#include "lumo/region_provider.h"
-#include "lumo/scaled_screenshot.h"
+#include "core/fluent/region_provider.h"
+#include "common/scaled_screenshot.h"
 #include "lumo/system_log.h"
 
 namespace lumo {

@@ -9,7 +9,7 @@
 #include <memory>
 
 #include "lumo/exception.h"
-#include "lumo/png.h"
+#include "platform/png.h"
 
 namespace lumo {
 namespace {

@@ -5,7 +5,7 @@
 #include <iterator>
 #include <vector>
 
-#include "lumo/png.h"
+#include "platform/png.h"
 #include "lumo/server/server.h"
 #include "run_lumo.h"
 #include "server/temp_dir.h"

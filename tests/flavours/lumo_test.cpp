@@ -8,15 +8,15 @@
 #include <functional>
 #include <thread>
 
-#include "lumo/base64.h"
-#include "lumo/json.h"
+#include "platform/base64.h"
+#include "lumo/detail/json.h"
 #include "lumo/lumo_exception.h"
 #include "lumo/match_result.h"
 #include "lumo/new_test_exception.h"
-#include "lumo/png.h"
-#include "lumo/region_provider_protocol.h"
+#include "platform/png.h"
+#include "core/fluent/region_provider_protocol.h"
 #include "lumo/running_session.h"
-#include "lumo/server_connector.h"
+#include "connectivity/server_connector.h"
 #include "lumo/test_failed_exception.h"
 #include "lumo/test_results.h"
 #include "support/fast_wait_policy.h"

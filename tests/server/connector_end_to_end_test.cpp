@@ -7,12 +7,12 @@
 
 #include "lumo/app_environment.h"
 #include "lumo/batch_info.h"
-#include "lumo/expectation.h"
+#include "platform/expectation.h"
 #include "lumo/image_match_settings.h"
-#include "lumo/match_window_data.h"
-#include "lumo/server_connector.h"
+#include "common/match_window_data.h"
+#include "connectivity/server_connector.h"
 #include "lumo/session_start_info.h"
-#include "lumo/waiter.h"
+#include "platform/waiter.h"
 #include "server_fixture.h"
 
 namespace lumo::server::testing {

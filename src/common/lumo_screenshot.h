@@ -4,7 +4,7 @@
 
 #include "lumo/geometry.h"
 #include "lumo/image.h"
-#include "lumo/image_cropper.h"
+#include "platform/image_cropper.h"
 #include "lumo/region.h"
 
 namespace lumo {

@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "lumo/lumo_screenshot.h"
+#include "common/lumo_screenshot.h"
 
 namespace lumo {
 
