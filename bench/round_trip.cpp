@@ -3,7 +3,8 @@
 // gives it, a matching step and a fully changed step. The client's and the server's phases are
 // timed by calling the same units the checkpoint goes through, one at a time; the whole check
 // is timed through the flavour. Prints the phase table, then last
-// "round trip: N ms matching, N ms changed" (medians).
+// "round trip: N ms matching, N ms changed" (medians). `round_trip --screens DIR` also leaves
+// the two screens in DIR as screen.png and changed.png, for timing whole processes on them.
 #include <png.h>
 #include <stdlib.h>
 
@@ -18,6 +19,7 @@
 #include <initializer_list>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "image_codec.h"
@@ -184,22 +186,30 @@ void row(const char* phase, Timing t, const char* note = "") {
 // send, base64 and the request body.
 struct ClientPhases {
   Timing capture, statusBarCut, downscale, encode, base64, body;
-  bool encodes = true;
+  // The source's PNG goes out as it is: no encode on the way.
+  bool passesThrough = false;
+  std::string sent64;
 };
 
 ClientPhases clientPhases(lumo::ScreenshotSource& source) {
   ClientPhases phases;
-  ImagePtr image;
-  phases.capture = timed([&] { image = source.capture(); });
+  lumo::CapturedScreen captured;
+  phases.capture = timed([&] { captured = source.captureScreen(); });
+  const ImagePtr& image = captured.image;
   phases.statusBarCut = timed([&] {
     lumo::ScaledScreenshot shot(image);
     shot.cropStatusBarWithHeight(47, 3);
   });
   phases.downscale = timed([&] { keep(lumo::ScaledScreenshot::areaAverage(image, 3)); });
-  std::vector<std::uint8_t> png;
-  phases.encode = timed([&] { png = lumo::encodePng(*image); });
+  std::vector<std::uint8_t> encoded;
+  phases.encode = timed([&] { encoded = lumo::encodePng(*image); });
+  // What the flavour sends for a screen it keeps as it is.
+  const auto sent = lumo::ScaledScreenshot(captured.image, captured.png).downscale(1)->png();
+  phases.passesThrough = sent != nullptr;
+  const std::vector<std::uint8_t>& bytes = sent ? *sent : encoded;
   std::string text;
-  phases.base64 = timed([&] { text = lumo::base64Encode(png); });
+  phases.base64 = timed([&] { text = lumo::base64Encode(bytes); });
+  phases.sent64 = text;
   const auto settings = std::make_shared<lumo::ImageMatchSettings>();
   phases.body = timed([&] {
     lumo::MatchWindowData data(lumo::AppOutput("Home", text), "home",
@@ -288,7 +298,7 @@ Checkpoint checkpoint(const std::string& serverURL, const std::filesystem::path&
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
   lumo::setSystemLogSink([](std::string_view) {});
   TempDir dir;
   const Image screen = appScreen(0);
@@ -303,6 +313,12 @@ int main() {
   };
   const auto screenFile = write("screen.png", screen);
   const auto changedFile = write("changed.png", changed);
+  if (argc == 3 && std::string_view(argv[1]) == "--screens") {
+    std::filesystem::copy_file(screenFile, std::filesystem::path(argv[2]) / "screen.png",
+                               std::filesystem::copy_options::overwrite_existing);
+    std::filesystem::copy_file(changedFile, std::filesystem::path(argv[2]) / "changed.png",
+                               std::filesystem::copy_options::overwrite_existing);
+  }
 
   lumo::server::ServerConfig config;
   config.dataDir = dir.path() / "data";
@@ -327,7 +343,7 @@ int main() {
 
   lumo::PngFileScreenshotSource source({screenFile});
   const ClientPhases client = clientPhases(source);
-  const std::string sent64 = lumo::base64Encode(lumo::encodePng(*source.capture()));
+  const std::string& sent64 = client.sent64;
   const ServerPhases side = serverPhases(sent64, changed, dir.path() / "store");
 
   const Timing matchingCheck{median(matching), median(matchingCpu)};
@@ -339,7 +355,8 @@ int main() {
   row("capture (read + PNG decode)", client.capture);
   row("status-bar cut", client.statusBarCut, "(not applied here)");
   row("downscale by 3", client.downscale, "(not applied here)");
-  row("PNG encode", client.encode);
+  row("PNG encode", client.encode,
+      client.passesThrough ? "(skipped: the source's PNG is sent)" : "");
   row("base64", client.base64);
   row("request body (JSON)", client.body);
   const auto minus = [](Timing whole, std::initializer_list<Timing> parts) {
@@ -349,8 +366,8 @@ int main() {
     }
     return whole;
   };
-  const std::initializer_list<Timing> local = {client.capture, client.encode, client.base64,
-                                               client.body};
+  const std::initializer_list<Timing> local = {
+      client.capture, client.passesThrough ? Timing{} : client.encode, client.base64, client.body};
   row("request (check - the above)", minus(matchingCheck, local), "matching step");
   row("request (check - the above)", minus(changedCheck, local), "changed step");
   std::printf("%-34s %8s %8s\n", "server, each unit on its own", "wall", "cpu");

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <stdexcept>
 #include <vector>
@@ -14,6 +15,9 @@ class PngError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+// The bytes of a PNG file, shared between a capture and the screenshots made from it.
+using PngBytes = std::shared_ptr<const std::vector<std::uint8_t>>;
 
 inline constexpr std::uint64_t kDefaultMaxPngPixels = 100'000'000;
 
