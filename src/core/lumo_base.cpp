@@ -438,6 +438,8 @@ std::shared_ptr<AppOutputWithScreenshot> LumoBase::appOutputWithScreenshotForReg
 std::string LumoBase::base64ScreenshotStringFromScreenshot(
     const std::shared_ptr<LumoScreenshot>& screenshot) const {
   ArgumentGuard::notNil(screenshot, "screenshot");
+  // A screenshot still holding its source's PNG needs no encoding: the bytes are those pixels.
+  if (const auto& png = screenshot->png()) return base64Encode(*png);
   const auto& image = screenshot->image();
   return base64Encode(image ? encodePng(*image) : std::vector<std::uint8_t>{});
 }

@@ -47,7 +47,8 @@ std::string Lumo::getDeviceInfo() const {
 }
 
 std::shared_ptr<LumoScreenshot> Lumo::screenshot() {
-  return std::make_shared<ScaledScreenshot>(source_->capture());
+  CapturedScreen captured = source_->captureScreen();
+  return std::make_shared<ScaledScreenshot>(std::move(captured.image), std::move(captured.png));
 }
 
 }  // namespace lumo
