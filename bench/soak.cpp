@@ -155,14 +155,13 @@ class ServerProcess {
     pid_ = -1;
   }
 
-  pid_t pid() const { return pid_; }
-
  private:
   bool spawn(const Options& o, const std::filesystem::path& dataDir,
              const std::filesystem::path& log) {
     const std::string port = std::to_string(port_);
     const std::string data = dataDir.string();
     const std::string program = o.lumo.string();
+    const pid_t parent = getpid();
     pid_ = fork();
     if (pid_ < 0) {
       throw std::runtime_error("fork failed");
@@ -170,6 +169,9 @@ class ServerProcess {
     if (pid_ == 0) {
       // The server must not outlive the soak, whatever ends it.
       prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (getppid() != parent) {
+        _exit(127);
+      }
       if (!freopen(log.c_str(), "a", stdout) || !freopen(log.c_str(), "a", stderr)) {
         _exit(127);
       }
@@ -317,9 +319,9 @@ class Client {
       records_.push_back(runTest(lumo, *source, t));
       ++progress_.tests;
       // A CI job whose test failed does not start the next one within microseconds; without
-      // the pause a client would spend all its tests on one short outage.
+      // the pause a client would spend several tests on one outage of half a second.
       if (records_.back().outcome == Outcome::Error) {
-        std::this_thread::sleep_for(250ms);
+        std::this_thread::sleep_for(1s);
       }
     }
   }
@@ -669,7 +671,6 @@ int soak(const Options& o) {
   const std::string url = "http://127.0.0.1:" + std::to_string(port);
 
   auto server = std::make_unique<ServerProcess>(o, dataDir, log, port);
-  std::atomic<pid_t> serverPid{server->pid()};
   std::atomic<bool> finished{false};
   // The overall bound: a stuck client or server ends the soak, not the CI job's patience.
   std::thread watchdog([&] {
@@ -678,9 +679,10 @@ int soak(const Options& o) {
       std::this_thread::sleep_for(100ms);
     }
     if (!finished) {
-      std::printf("soak: timed out after %d s; server log in %s\n", o.timeoutSeconds, log.c_str());
+      std::printf("soak: timed out after %d s; data and server log kept in %s\n", o.timeoutSeconds,
+                  work.c_str());
       std::fflush(stdout);
-      kill(serverPid, SIGKILL);
+      // The server child gets SIGKILL as the soak ends (its parent-death signal).
       _exit(2);
     }
   });
@@ -706,7 +708,6 @@ int soak(const Options& o) {
   server->stop(SIGKILL);
   const auto killedAt = Clock::now();
   server = std::make_unique<ServerProcess>(o, dataDir, log, port);
-  serverPid = server->pid();
   const double outage = secondsSince(killedAt);
 
   for (std::thread& thread : threads) {
