@@ -1,6 +1,7 @@
 #include "lumo/server/sqlite_store.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sqlite3.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include <sstream>
 
 #include "content_hash.h"
+#include "json_limits.h"
 #include "lumo/detail/json.h"
 
 namespace lumo::server {
@@ -274,7 +276,13 @@ SessionRecord readSession(const Statement& s) {
 
 // Boxes as [left, top, width, height] arrays (or objects with those names); anything else in
 // the text is skipped rather than failing a page.
-std::vector<Rect> parseBoxes(const std::string& text) {
+std::vector<Rect> parseBoxes(const std::string& text, int position) {
+  // Never written so by this server, but the file may have been: the parser recurses per
+  // level, so an over-deep text is refused before it could overflow the stack.
+  if (!detail::checkJsonDepth(text)) {
+    fail(fmt::format("the difference boxes of step {} nest deeper than {} levels", position + 1,
+                     detail::kMaxJsonDepth));
+  }
   const Json boxes = Json::parse(text, nullptr, false);
   std::vector<Rect> rects;
   if (!boxes.is_array()) {
@@ -310,7 +318,7 @@ StepRecord readStep(const Statement& s) {
   r.currentImage = s.text(5);
   r.diffImage = s.text(6);
   r.rejected = s.integer(7) != 0;
-  r.boxes = parseBoxes(s.text(8));
+  r.boxes = parseBoxes(s.text(8), r.position);
   return r;
 }
 
