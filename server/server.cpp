@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "lumo/server/sqlite_store.h"
+#include "lumo/server/open_store.h"
 #include "pages.h"
 #include "review_access.h"
 #include "review_pages.h"
@@ -281,7 +281,7 @@ void Server::start() {
   if (s.http) {
     throw std::logic_error("the server was already started");
   }
-  std::unique_ptr<Store> store = std::make_unique<SqliteStore>(s.config.dataDir);
+  std::unique_ptr<Store> store = openStore(s.config);
   std::unique_ptr<httplib::Server> http;
   if (s.https()) {
     http =
