@@ -75,6 +75,8 @@ TEST(ServerCommand, BadArgumentsAreUsageErrors) {
                                              {"server", "--cert", "nope.pem", "--key", "nope.key"},
                                              {"server", "--baseline-cache-mb", "-5"},
                                              {"server", "--baseline-cache-mb", "lots"},
+                                             {"server", "--store", "mysql://db/lumo"},
+                                             {"server", "--store", "lumo.db"},
                                              {"demo", "--port", "-1"}}) {
     const auto outcome = runLumo(args);
     EXPECT_EQ(outcome.status, kExitUsage) << args[1];

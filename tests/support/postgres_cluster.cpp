@@ -7,6 +7,7 @@
 #include <libpq-fe.h>
 #include <netinet/in.h>
 #include <pwd.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -124,6 +125,29 @@ std::string percentEncoded(const std::string& text) {
 }
 
 constexpr const char* kUser = "lumo";
+constexpr const char* kPrefix = "lumo-pg-";
+
+// A program that crashed left its cluster running: stop and remove the clusters of
+// programs that are gone, so that a crash costs one stray server until the next run.
+void removeOrphans(const std::filesystem::path& binDir, const std::optional<Account>& account) {
+  std::error_code ec;
+  for (const auto& entry :
+       std::filesystem::directory_iterator(std::filesystem::temp_directory_path(), ec)) {
+    if (!entry.path().filename().string().starts_with(kPrefix)) {
+      continue;
+    }
+    const int owner = std::atoi(readFile(entry.path() / "owner").c_str());
+    if (owner <= 0 || ::kill(owner, 0) == 0 || errno != ESRCH) {
+      continue;
+    }
+    if (std::filesystem::exists(entry.path() / "data" / "postmaster.pid", ec)) {
+      run({(binDir / "pg_ctl").string(), "stop", "-w", "-m", "immediate", "-D",
+           (entry.path() / "data").string()},
+          account, entry.path(), entry.path() / "server.log");
+    }
+    std::filesystem::remove_all(entry.path(), ec);
+  }
+}
 
 }  // namespace
 
@@ -180,12 +204,15 @@ PostgresCluster* PostgresCluster::shared() {
 PostgresCluster::PostgresCluster(const std::filesystem::path& binDir, Options options)
     : binDir_(binDir), ownerPid_(getpid()) {
   const auto started = std::chrono::steady_clock::now();
-  std::string pattern = (std::filesystem::temp_directory_path() / "lumo-pg-XXXXXX").string();
+  const auto account = unprivilegedAccount();
+  removeOrphans(binDir, account);
+  std::string pattern =
+      (std::filesystem::temp_directory_path() / (std::string(kPrefix) + "XXXXXX")).string();
   if (!mkdtemp(pattern.data())) {
     throw std::runtime_error("mkdtemp failed");
   }
   root_ = pattern;
-  const auto account = unprivilegedAccount();
+  std::ofstream(root_ / "owner") << getpid() << "\n";
   if (account && chown(root_.c_str(), account->uid, account->gid) != 0) {
     std::filesystem::remove_all(root_);
     throw std::runtime_error("cannot hand " + root_.string() + " to the cluster's user");
