@@ -27,6 +27,8 @@ using httplib::Response;
 // waits for a client that keeps its connection open.
 constexpr time_t kKeepAliveSeconds = 2;
 
+constexpr int kListenBacklog = 512;
+
 void sendError(Response& res, int status, std::string_view message) {
   res.status = status;
   res.set_content(Json{{"error", message}, {"status", status}}.dump(), "application/json");
@@ -299,9 +301,11 @@ void Server::start() {
   http->set_keep_alive_timeout(kKeepAliveSeconds);
   // The library's default adds SO_REUSEPORT, which would let a second server share a port
   // that is already taken instead of failing to start.
-  http->set_socket_options([](socket_t sock) {
+  auto listening = std::make_shared<socket_t>(INVALID_SOCKET);
+  http->set_socket_options([listening](socket_t sock) {
     int yes = 1;
     setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    *listening = sock;
   });
   int port = s.config.port;
   if (port == 0) {
@@ -312,6 +316,9 @@ void Server::start() {
   if (port < 0) {
     throw std::runtime_error(fmt::format("cannot listen on {}:{}", s.config.host, s.config.port));
   }
+  // The library listens with a backlog of 5: a burst of connections (a load balancer, parallel
+  // tests) overflows it and some are reset. Listening again only enlarges the queue.
+  ::listen(*listening, kListenBacklog);
   s.store = std::move(store);
   SessionOptions sessionOptions;
   sessionOptions.maxStepsPerSession = s.config.maxStepsPerSession;

@@ -34,6 +34,9 @@ struct Backend {
   std::function<std::string()> unavailable = [] { return std::string(); };
 };
 
+// ctest lists each case by its backend's name rather than its bytes.
+void PrintTo(const Backend& backend, std::ostream* out) { *out << backend.name; }
+
 std::string postgresUrl(const std::filesystem::path& dir) {
   return lumo::testing::PostgresCluster::shared()->database(dir.filename().string());
 }
