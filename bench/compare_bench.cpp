@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "app_screens.h"
-#include "lumo/png.h"
+#include "platform/png.h"
 #include "lumo/server/image_comparer.h"
 #include "strict_metric.h"
 

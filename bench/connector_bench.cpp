@@ -13,11 +13,11 @@
 #include <string>
 #include <thread>
 
-#include "lumo/expectation.h"
-#include "lumo/http_client.h"
-#include "lumo/server_connector.h"
+#include "platform/expectation.h"
+#include "connectivity/http_client.h"
+#include "connectivity/server_connector.h"
 #include "lumo/system_log.h"
-#include "lumo/waiter.h"
+#include "platform/waiter.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <cstdio>
 #include <random>
 
-#include "lumo/base64.h"
-#include "lumo/png.h"
-#include "lumo/scaled_screenshot.h"
+#include "platform/base64.h"
+#include "platform/png.h"
+#include "common/scaled_screenshot.h"
 
 namespace {
 

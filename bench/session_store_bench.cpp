@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "lumo/base64.h"
-#include "lumo/png.h"
+#include "platform/base64.h"
+#include "platform/png.h"
 #include "lumo/server/session_manager.h"
 #include "lumo/server/sqlite_store.h"
 

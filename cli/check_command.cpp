@@ -23,7 +23,7 @@
 #include "lumo/exception.h"
 #include "lumo/lumo.h"
 #include "lumo/match_result.h"
-#include "lumo/png.h"
+#include "platform/png.h"
 #include "lumo/running_session.h"
 #include "lumo/screenshot_source.h"
 #include "lumo/system_log.h"
@@ -40,11 +40,12 @@ constexpr std::string_view kStartFailure = "Failed to start session: ";
 // and every capture must show the same screen, so the queueing sources do not fit.
 class CheckpointSource : public ScreenshotSource {
  public:
-  void setImage(ImagePtr image) { image_ = std::move(image); }
-  ImagePtr capture() override { return image_; }
+  void setScreen(CapturedScreen screen) { screen_ = std::move(screen); }
+  ImagePtr capture() override { return screen_.image; }
+  CapturedScreen captureScreen() override { return screen_; }
 
  private:
-  ImagePtr image_;
+  CapturedScreen screen_;
 };
 
 // Passes every library log line on to the sink that was in place and remembers why a session
@@ -99,18 +100,20 @@ double parseNumber(std::string_view option, const std::string& text, double mini
   return value;
 }
 
-ImagePtr readPng(const std::filesystem::path& file) {
+// The file's pixels with its bytes, which a checkpoint that keeps the pixels sends as they are.
+CapturedScreen readPng(const std::filesystem::path& file) {
   std::ifstream in(file, std::ios::binary);
   if (!in) {
     throw UsageError(fmt::format("cannot read image {}: {}", file.string(), std::strerror(errno)));
   }
-  const std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(in),
-                                        std::istreambuf_iterator<char>()};
+  std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(in),
+                                  std::istreambuf_iterator<char>()};
   if (in.bad()) {
     throw UsageError(fmt::format("cannot read image {}", file.string()));
   }
   try {
-    return std::make_shared<const Image>(decodePng(bytes));
+    auto image = std::make_shared<const Image>(decodePng(bytes));
+    return {std::move(image), std::make_shared<const std::vector<std::uint8_t>>(std::move(bytes))};
   } catch (const PngError& e) {
     throw UsageError(fmt::format("cannot read image {}: {}", file.string(), e.what()));
   }
@@ -352,18 +355,19 @@ int runTest(const CheckOptions& o, std::ostream& out, std::ostream& err, TestRep
   // Every screen is read before the server hears of the test.
   std::shared_ptr<ScreenshotSource> source;
   std::shared_ptr<CheckpointSource> checkpointSource;
-  std::vector<ImagePtr> screens;
+  std::vector<CapturedScreen> screens;
   if (o.captureCommand) {
     auto command = std::make_shared<CommandScreenshotSource>(*o.captureCommand);
     try {
-      screens.push_back(command->capture());
+      screens.push_back({command->capture(), nullptr});
     } catch (const std::exception& e) {
       throw UsageError(fmt::format("cannot capture the screen: {}", e.what()));
     }
     source = command;
   } else {
     for (const Checkpoint& checkpoint : o.checkpoints) {
-      screens.push_back(checkpoint.image ? checkpoint.image : readPng(checkpoint.file));
+      screens.push_back(checkpoint.image ? CapturedScreen{checkpoint.image, nullptr}
+                                         : readPng(checkpoint.file));
     }
     checkpointSource = std::make_shared<CheckpointSource>();
     source = checkpointSource;
@@ -373,13 +377,13 @@ int runTest(const CheckOptions& o, std::ostream& out, std::ostream& err, TestRep
       const std::string screen = o.captureCommand || o.checkpoints[i].image
                                      ? fmt::format("the screen \"{}\"", o.checkpoints[i].tag)
                                      : o.checkpoints[i].file.string();
-      checkRegionFits(*o.targetRegion, *screens[i], o.scale, screen);
+      checkRegionFits(*o.targetRegion, *screens[i].image, o.scale, screen);
     }
   }
   source->setScaleRatio(o.scale);
   source->setStatusBarHeight(o.statusBarHeight);
   const Size viewport = o.viewport.value_or(
-      Size{screens.front()->width() / o.scale, screens.front()->height() / o.scale});
+      Size{screens.front().image->width() / o.scale, screens.front().image->height() / o.scale});
 
   LogWatch log;
   Lumo lumo(o.serverURL, source);
@@ -408,7 +412,7 @@ int runTest(const CheckOptions& o, std::ostream& out, std::ostream& err, TestRep
     report.sessionUrl = sessionURL;
     for (std::size_t i = 0; i < o.checkpoints.size(); ++i) {
       const std::string& tag = o.checkpoints[i].tag;
-      if (checkpointSource) checkpointSource->setImage(screens[i]);
+      if (checkpointSource) checkpointSource->setScreen(screens[i]);
       const auto result = o.targetRegion ? lumo.checkRegion(*o.targetRegion, tag, settings)
                                          : lumo.check(tag, settings);
       report.checkpoints[i].verdict = checkpointState(*session, result);

@@ -14,7 +14,7 @@
 
 #include "arguments.h"
 #include "exit_status.h"
-#include "lumo/png.h"
+#include "platform/png.h"
 
 namespace lumo::cli {
 namespace {

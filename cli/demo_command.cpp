@@ -15,7 +15,7 @@
 #include "check_command.h"
 #include "demo_screens.h"
 #include "exit_status.h"
-#include "lumo/png.h"
+#include "platform/png.h"
 #include "lumo/server/server.h"
 #include "lumo/system_log.h"
 #include "server_command.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 
 namespace lumo {
 class TestResults;

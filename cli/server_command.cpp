@@ -7,10 +7,12 @@
 
 #include <CLI/CLI.hpp>
 #include <charconv>
+#include <cstdlib>
 #include <exception>
 #include <ostream>
 
 #include "exit_status.h"
+#include "lumo/server/open_store.h"
 #include "lumo/server/server.h"
 
 namespace lumo::cli {
@@ -31,6 +33,20 @@ void checkReadable(const std::filesystem::path& file, std::string_view option) {
   }
 }
 
+// A store URL fit to print: without the password, should one be written in it.
+std::string redacted(const std::string& url) {
+  const auto scheme = url.find("://");
+  const auto at = url.find('@');
+  if (scheme == std::string::npos || at == std::string::npos || at < scheme) {
+    return url;
+  }
+  const auto colon = url.find(':', scheme + 3);
+  if (colon == std::string::npos || colon > at) {
+    return url;
+  }
+  return url.substr(0, colon + 1) + "***" + url.substr(at);
+}
+
 }  // namespace
 
 ServerCommand::ServerCommand(CLI::App& parent) {
@@ -43,6 +59,10 @@ ServerCommand::ServerCommand(CLI::App& parent) {
                 "Directory of baselines and results (default "
                 "./lumo-data)")
       ->type_name("DIR");
+  c->add_option("--store", parsed_.storeUrl,
+                "PostgreSQL database shared by several servers, instead of --data (default: "
+                "$LUMO_STORE; password from PGPASSWORD or ~/.pgpass)")
+      ->type_name("postgresql://USER@HOST:PORT/DB");
   c->add_option("--api-key", parsed_.apiKeys,
                 "Key a client must give (repeatable; default: the demo key only)")
       ->allow_extra_args(false)
@@ -74,6 +94,16 @@ ServerOptions ServerCommand::options() const {
   }
   if (o.host.empty()) throw UsageError("--host: the address is empty");
   if (o.dataDir.empty()) throw UsageError("--data: the directory is empty");
+  if (command_->count("--store") == 0) {
+    if (const char* fromEnvironment = std::getenv("LUMO_STORE")) {
+      o.storeUrl = fromEnvironment;
+    }
+  }
+  if (!o.storeUrl.empty() && !lumo::server::isPostgresUrl(o.storeUrl)) {
+    throw UsageError(
+        fmt::format("--store: expected a postgresql://USER@HOST:PORT/DB URL, got \"{}\"",
+                    redacted(o.storeUrl)));
+  }
   for (const auto& key : o.apiKeys) {
     if (key.empty()) throw UsageError("--api-key: a key is empty");
   }
@@ -109,6 +139,7 @@ int runServer(const ServerOptions& o, std::ostream& out, std::ostream& err,
   config.host = o.host;
   config.port = o.port;
   config.dataDir = o.dataDir;
+  config.storeUrl = o.storeUrl;
   config.apiKeys = o.apiKeys;
   config.certFile = o.certFile;
   config.keyFile = o.keyFile;
@@ -124,7 +155,8 @@ int runServer(const ServerOptions& o, std::ostream& out, std::ostream& err,
     return 1;
   }
   fmt::print(out, "Lumo server listening at {}\n", server.baseUrl());
-  fmt::print(out, "Results pages at {}/, data in {}\n", server.publicUrl(), o.dataDir.string());
+  fmt::print(out, "Results pages at {}/, data in {}\n", server.publicUrl(),
+             o.storeUrl.empty() ? o.dataDir.string() : redacted(o.storeUrl));
   if (o.apiKeys.empty()) {
     fmt::print(out, "API key: {} (export BRIXTEL_API_KEY={})\n", lumo::server::kDemoApiKey,
                lumo::server::kDemoApiKey);

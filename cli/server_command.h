@@ -20,6 +20,8 @@ struct ServerOptions {
   std::string host = "127.0.0.1";
   int port = 8088;
   std::filesystem::path dataDir = "lumo-data";
+  // A postgresql:// URL (from --store or LUMO_STORE): the data lives there instead.
+  std::string storeUrl;
   std::vector<std::string> apiKeys;  // empty: the demo key only
   std::filesystem::path certFile;    // HTTPS when both files are given
   std::filesystem::path keyFile;

@@ -1,5 +1,5 @@
 // Base64 on any text: an invalid_argument or bytes that encode and decode back to themselves.
-#include "lumo/base64.h"
+#include "platform/base64.h"
 
 #include <cstdlib>
 #include <stdexcept>

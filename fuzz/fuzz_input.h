@@ -5,7 +5,7 @@
 #include <span>
 #include <string_view>
 
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 
 namespace lumo::fuzz {
 

@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "fuzz_input.h"
-#include "lumo/png.h"
+#include "platform/png.h"
 
 namespace {
 // Small enough that a header claiming a huge image is refused before memory runs out.

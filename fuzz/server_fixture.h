@@ -11,10 +11,10 @@
 #include <memory>
 #include <string>
 
-#include "lumo/base64.h"
+#include "platform/base64.h"
 #include "lumo/image.h"
-#include "lumo/json.h"
-#include "lumo/png.h"
+#include "lumo/detail/json.h"
+#include "platform/png.h"
 #include "lumo/server/baseline_store.h"
 #include "lumo/server/session_manager.h"
 

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "lumo/base64.h"
-#include "lumo/png.h"
+#include "platform/base64.h"
+#include "platform/png.h"
 
 namespace lumo::server::detail {
 namespace {

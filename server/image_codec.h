@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "lumo/image.h"
-#include "lumo/png.h"
+#include "platform/png.h"
 
 // The server's use of the project's PNG and base64 codecs, with the checks the server adds:
 // line breaks inside base64 and a pixel limit read from the PNG header before decoding.

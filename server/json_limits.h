@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 
 // Limits on JSON the server takes from clients or reads back from its store. The JSON parser
 // recurses once per nesting level, so a deeply nested text would overflow the stack: the

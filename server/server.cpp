@@ -12,7 +12,7 @@
 #include "http_front.h"
 #include "http_router.h"
 #include "json_limits.h"
-#include "lumo/server/sqlite_store.h"
+#include "lumo/server/open_store.h"
 #include "review_access.h"
 #include "review_pages.h"
 
@@ -277,7 +277,7 @@ void Server::start() {
   if (s.front) {
     throw std::logic_error("the server was already started");
   }
-  s.store = std::make_unique<SqliteStore>(s.config.dataDir);
+  s.store = openStore(s.config);
   SessionOptions sessionOptions;
   sessionOptions.maxStepsPerSession = s.config.maxStepsPerSession;
   sessionOptions.maxSessionsPerBatch = s.config.maxSessionsPerBatch;

@@ -13,6 +13,7 @@
 #include "baseline_cache.h"
 #include "content_hash.h"
 #include "image_codec.h"
+#include "json_limits.h"
 #include "web_text.h"
 
 namespace lumo::server {
@@ -270,11 +271,24 @@ std::vector<StoredStep> imagesOf(const std::vector<StepRecord>& steps) {
   return images;
 }
 
-Json resultsJson(const SessionRecord& s, const std::vector<StepRecord>& steps,
+// The start record a session was opened with, as stored; an empty object when it is not
+// one. start() stores only records that passed the depth check, but the store may hold one
+// written otherwise (by hand, by another tool): the parser recurses per level, so the depth
+// is checked first and an over-deep record is refused as unreadable.
+Json storedStartInfo(const SessionRecord& s) {
+  if (!detail::checkJsonDepth(s.startInfo)) {
+    throw ApiError(500, fmt::format("the stored start record of session {} nests deeper than {} "
+                                    "levels and cannot be read",
+                                    s.id, detail::kMaxJsonDepth));
+  }
+  Json info = Json::parse(s.startInfo, nullptr, false);
+  return info.is_object() ? info : Json::object();
+}
+
+// `info` is the session's stored start record (storedStartInfo).
+Json resultsJson(const SessionRecord& s, const Json& info, const std::vector<StepRecord>& steps,
                  const std::optional<BatchRecord>& batch, std::string_view base) {
   const Counts c = count(steps);
-  const Json startInfo = Json::parse(s.startInfo, nullptr, false);
-  const Json& info = startInfo.is_object() ? startInfo : Json::object();
   const Json* env = member(info, "environment");
   const Json* defaults = member(info, "defaultMatchSettings");
   const std::string sessionUrl = fmt::format("{}/sessions/{}", base, s.id);
@@ -370,10 +384,7 @@ std::string ownerOf(std::string_view apiKey) {
 
 // The defaults a session started with, from its stored start record (validated at start).
 CompareSettings defaultsOf(const SessionRecord& s) {
-  const Json info = Json::parse(s.startInfo, nullptr, false);
-  if (!info.is_object()) {
-    return {};
-  }
+  const Json info = storedStartInfo(s);
   return settingsFrom(objectAt(info, "defaultMatchSettings", "startInfo"),
                       "startInfo.defaultMatchSettings", MatchLevel::Strict);
 }
@@ -646,6 +657,8 @@ Json SessionManager::stop(const std::string& sessionId, bool aborted, bool updat
   std::lock_guard lock(lockOf(sessionId));
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     SessionRecord r = runningSession(sessionId, apiKey);
+    // Read before the session ends: a record that cannot be read must leave it as it was.
+    const Json info = storedStartInfo(r);
     std::vector<StepRecord> steps = store_.steps(sessionId);
     Store::SessionEnd end;
     end.expectedSteps = static_cast<int>(steps.size());
@@ -674,7 +687,7 @@ Json SessionManager::stop(const std::string& sessionId, bool aborted, bool updat
       r.durationMs = end.durationMs;
       r.saved = end.baseline.has_value();
       r.stepCount = static_cast<int>(steps.size());
-      return resultsJson(r, steps, store_.findBatch(r.batchId), baseUrl);
+      return resultsJson(r, info, steps, store_.findBatch(r.batchId), baseUrl);
     }
   }
   throw ApiError(409, fmt::format("session {} kept changing while it was stopped", sessionId));
@@ -722,7 +735,8 @@ Json SessionManager::results(const std::string& sessionId, std::string_view base
   if (r.state == "running") {
     throw ApiError(409, fmt::format("session {} is still running", sessionId));
   }
-  return resultsJson(r, store_.steps(sessionId), store_.findBatch(r.batchId), baseUrl);
+  return resultsJson(r, storedStartInfo(r), store_.steps(sessionId), store_.findBatch(r.batchId),
+                     baseUrl);
 }
 
 std::size_t SessionManager::cachedBaselineBytes() const { return cache_->bytes(); }

@@ -1,6 +1,7 @@
 #include "lumo/server/sqlite_store.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sqlite3.h>
 #include <unistd.h>
 
@@ -15,7 +16,9 @@
 #include <sstream>
 
 #include "content_hash.h"
-#include "lumo/json.h"
+#include "json_limits.h"
+#include "lumo/detail/json.h"
+#include "step_boxes.h"
 
 namespace lumo::server {
 namespace {
@@ -272,34 +275,6 @@ SessionRecord readSession(const Statement& s) {
   return r;
 }
 
-// Boxes as [left, top, width, height] arrays (or objects with those names); anything else in
-// the text is skipped rather than failing a page.
-std::vector<Rect> parseBoxes(const std::string& text) {
-  const Json boxes = Json::parse(text, nullptr, false);
-  std::vector<Rect> rects;
-  if (!boxes.is_array()) {
-    return rects;
-  }
-  auto number = [](const Json& v) { return v.is_number() ? v.get<int>() : 0; };
-  for (const Json& box : boxes) {
-    if (box.is_object()) {
-      rects.push_back({number(box.value("left", Json())), number(box.value("top", Json())),
-                       number(box.value("width", Json())), number(box.value("height", Json()))});
-    } else if (box.is_array() && box.size() == 4) {
-      rects.push_back({number(box[0]), number(box[1]), number(box[2]), number(box[3])});
-    }
-  }
-  return rects;
-}
-
-std::string boxesText(const std::vector<Rect>& boxes) {
-  Json array = Json::array();
-  for (const Rect& r : boxes) {
-    array.push_back({r.left, r.top, r.width, r.height});
-  }
-  return array.dump();
-}
-
 StepRecord readStep(const Statement& s) {
   StepRecord r;
   r.position = static_cast<int>(s.integer(0));
@@ -310,7 +285,7 @@ StepRecord readStep(const Statement& s) {
   r.currentImage = s.text(5);
   r.diffImage = s.text(6);
   r.rejected = s.integer(7) != 0;
-  r.boxes = parseBoxes(s.text(8));
+  r.boxes = detail::boxesFromJson(s.text(8), r.position);
   return r;
 }
 
@@ -574,7 +549,7 @@ void SqliteStore::insertStep(const std::string& sessionId, const StepRecord& ste
   insert.bind(1, sessionId).bind(2, std::int64_t{step.position}).bind(3, step.name);
   insert.bind(4, step.outcome).bind(5, step.matchLevel).bind(6, step.baselineImage);
   insert.bind(7, step.currentImage).bind(8, step.diffImage);
-  insert.bind(9, std::int64_t{step.rejected}).bind(10, boxesText(step.boxes)).run();
+  insert.bind(9, std::int64_t{step.rejected}).bind(10, detail::boxesToJson(step.boxes)).run();
 }
 
 Store::Append SqliteStore::appendStep(const std::string& sessionId, const StepRecord& step,

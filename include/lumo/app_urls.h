@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 
 namespace lumo {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 #include "lumo/region.h"
 
 namespace lumo {

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 
 namespace lumo {
 

@@ -44,4 +44,7 @@ class Image {
 
 using ImagePtr = std::shared_ptr<const Image>;
 
+// The bytes of a PNG file, shared between a capture and the screenshots made from it.
+using PngBytes = std::shared_ptr<const std::vector<std::uint8_t>>;
+
 }  // namespace lumo

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "lumo/floating_match_settings.h"
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 #include "lumo/match_level.h"
 #include "lumo/region.h"
 

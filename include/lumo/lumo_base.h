@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "lumo/app_output_provider_protocol.h"
+#include "lumo/detail/app_output_provider_protocol.h"
 #include "lumo/error.h"
 #include "lumo/geometry.h"
 #include "lumo/image_match_settings.h"

@@ -3,7 +3,7 @@
 #include <memory>
 #include <optional>
 
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 
 namespace lumo {
 

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "lumo/geometry.h"
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 
 namespace lumo {
 

@@ -11,6 +11,14 @@
 
 namespace lumo {
 
+// One capture: the screen's pixels and, when the source read them from a PNG, that PNG's bytes.
+// The bytes decode to exactly these pixels, so a checkpoint that keeps the pixels as they are
+// sends them instead of encoding the image again.
+struct CapturedScreen {
+  ImagePtr image;
+  PngBytes png;  // null when the source had no PNG
+};
+
 // Where the `Lumo` flavour gets the screen: captures it as an image in pixels and knows its
 // scale ratio (pixels per point), its status-bar height (points) and, when it can tell, the
 // device's name and OS. Called on the test thread.
@@ -20,6 +28,8 @@ class ScreenshotSource {
 
   // The current screen. Throws lumo::Exception ("ScreenshotException") when it cannot be had.
   virtual ImagePtr capture() = 0;
+  // The current screen with the PNG it came as; the default has no PNG. Throws as capture().
+  virtual CapturedScreen captureScreen() { return {capture(), nullptr}; }
 
   double scaleRatio() const { return scaleRatio_; }
   void setScaleRatio(double ratio) { scaleRatio_ = ratio; }
@@ -59,7 +69,8 @@ class PngFileScreenshotSource : public ScreenshotSource {
   explicit PngFileScreenshotSource(std::vector<std::filesystem::path> files);
 
   // Throws when the file cannot be read or is not a valid PNG.
-  ImagePtr capture() override;
+  ImagePtr capture() override { return captureScreen().image; }
+  CapturedScreen captureScreen() override;
 
  private:
   std::vector<std::filesystem::path> files_;
@@ -73,7 +84,8 @@ class CommandScreenshotSource : public ScreenshotSource {
   explicit CommandScreenshotSource(std::string command);
 
   // Throws when the command fails or prints no valid PNG; the message quotes the command.
-  ImagePtr capture() override;
+  ImagePtr capture() override { return captureScreen().image; }
+  CapturedScreen captureScreen() override;
 
   const std::string& command() const { return command_; }
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <utility>
 
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 
 namespace lumo {
 

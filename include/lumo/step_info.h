@@ -5,7 +5,7 @@
 
 #include "lumo/api_urls.h"
 #include "lumo/app_urls.h"
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 
 namespace lumo {
 

@@ -7,7 +7,7 @@
 
 #include "lumo/default_match_settings.h"
 #include "lumo/geometry.h"
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 #include "lumo/session_urls.h"
 #include "lumo/step_info.h"
 

@@ -1,11 +1,11 @@
-#include "lumo/argument_guard.h"
+#include "common/argument_guard.h"
 
 #include <fmt/format.h>
 
 #include <string>
 #include <utility>
 
-#include "lumo/assertion_handler.h"
+#include "platform/assertion_handler.h"
 
 namespace lumo {
 namespace {

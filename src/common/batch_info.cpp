@@ -10,8 +10,8 @@
 #include <random>
 #include <utility>
 
-#include "lumo/argument_guard.h"
-#include "lumo/environment_helper.h"
+#include "common/argument_guard.h"
+#include "common/environment_helper.h"
 
 namespace lumo {
 namespace {

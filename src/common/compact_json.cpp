@@ -2,6 +2,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace lumo::detail {
 namespace {
@@ -25,20 +30,59 @@ constexpr std::array<char, 128> kEscapes = [] {
   return escapes;
 }();
 
+// Whether any byte is outside ASCII: such text goes through nlohmann's writer, which checks
+// the UTF-8. Sixteen bytes at a time, as this runs over every screenshot.
+bool hasNonAscii(const std::string& text) {
+  std::size_t i = 0;
+#if defined(__SSE2__)
+  __m128i any = _mm_setzero_si128();
+  for (; i + 16 <= text.size(); i += 16) {
+    any = _mm_or_si128(any, _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + i)));
+  }
+  if (_mm_movemask_epi8(any) != 0) return true;
+#endif
+  return std::any_of(text.begin() + static_cast<std::ptrdiff_t>(i), text.end(),
+                     [](char c) { return (c & 0x80) != 0; });
+}
+
+// The offset of the first byte at or after `from` that needs an escape, or text.size().
+// Base64 screenshots have one line break in every 66 bytes, so whole blocks of 16 without one
+// are skipped at once.
+std::size_t nextEscape(const std::string& text, std::size_t from) {
+  std::size_t i = from;
+#if defined(__SSE2__)
+  const __m128i quote = _mm_set1_epi8('"');
+  const __m128i backslash = _mm_set1_epi8('\\');
+  const __m128i space = _mm_set1_epi8(0x20);
+  for (; i + 16 <= text.size(); i += 16) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + i));
+    // ASCII only here, so a signed comparison with 0x20 finds the control characters.
+    const __m128i special =
+        _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, backslash)),
+                     _mm_cmplt_epi8(v, space));
+    if (const int mask = _mm_movemask_epi8(special); mask != 0) {
+      return i + static_cast<std::size_t>(__builtin_ctz(static_cast<unsigned>(mask)));
+    }
+  }
+#endif
+  for (; i < text.size(); ++i) {
+    if (kEscapes[static_cast<unsigned char>(text[i])] != 0) return i;
+  }
+  return i;
+}
+
 }  // namespace
 
 void appendJsonString(const std::string& text, std::string& out) {
-  const bool ascii = std::ranges::all_of(text, [](char c) { return (c & 0x80) == 0; });
-  if (text.size() < kLongString || !ascii) {
+  if (text.size() < kLongString || hasNonAscii(text)) {
     out += Json(text).dump();
     return;
   }
   out.reserve(out.size() + text.size() + text.size() / 16 + 2);
   out += '"';
   std::size_t run = 0;  // start of the bytes not yet written
-  for (std::size_t i = 0; i < text.size(); ++i) {
+  for (std::size_t i = nextEscape(text, 0); i < text.size(); i = nextEscape(text, i + 1)) {
     const char escape = kEscapes[static_cast<unsigned char>(text[i])];
-    if (escape == 0) continue;
     out.append(text, run, i - run);
     run = i + 1;
     out += '\\';

@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 
 namespace lumo::detail {
 

@@ -1,4 +1,4 @@
-#include "lumo/environment_helper.h"
+#include "common/environment_helper.h"
 
 #include <cstdlib>
 

@@ -1,11 +1,11 @@
-#include "lumo/error_builder.h"
+#include "common/error_builder.h"
 
 #include <fmt/format.h>
 
 #include <utility>
 
 #include "common/test_outcome_message.h"
-#include "lumo/logger.h"
+#include "common/logger.h"
 
 namespace lumo {
 

@@ -1,4 +1,4 @@
-#include "lumo/general_utils.h"
+#include "common/general_utils.h"
 
 #include <chrono>
 #include <thread>

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "lumo/geometry.h"
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 
 namespace lumo::detail {
 

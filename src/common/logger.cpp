@@ -1,4 +1,4 @@
-#include "lumo/logger.h"
+#include "common/logger.h"
 
 #include "lumo/system_log.h"
 

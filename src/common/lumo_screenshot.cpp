@@ -1,6 +1,6 @@
-#include "lumo/lumo_screenshot.h"
+#include "common/lumo_screenshot.h"
 
-#include "lumo/argument_guard.h"
+#include "common/argument_guard.h"
 #include "lumo/out_of_bounds_exception.h"
 
 namespace lumo {
@@ -26,10 +26,18 @@ void LumoScreenshot::cropStatusBarWithHeight(double height, double scale) {
 }
 
 std::shared_ptr<LumoScreenshot> LumoScreenshot::downscale(double /*scale*/) {
-  return std::make_shared<LumoScreenshot>(image_);
+  return std::make_shared<LumoScreenshot>(image_, png_);
 }
 
 void LumoScreenshot::replaceWithCrop(const Region& region) {
+  // Nothing to cut: the image stays, and so do the bytes that can be sent for it.
+  const Size bounds = size();
+  const Rect& rect = region.rect();
+  if (image_ && rect.origin.x == 0 && rect.origin.y == 0 && rect.size.width == bounds.width &&
+      rect.size.height == bounds.height) {
+    return;
+  }
+  png_ = nullptr;
   auto cropper = imageCropper();
   image_ = cropper ? cropper->cropRegion(region, image_) : nullptr;
 }

@@ -1,4 +1,4 @@
-#include "lumo/match_window_data.h"
+#include "common/match_window_data.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "lumo/options.h"
+#include "common/options.h"
 
 #include <utility>
 

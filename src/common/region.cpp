@@ -1,7 +1,7 @@
 #include "lumo/region.h"
 
 #include "common/truncation.h"
-#include "lumo/logger.h"
+#include "common/logger.h"
 
 namespace lumo {
 namespace {

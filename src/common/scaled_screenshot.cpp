@@ -1,4 +1,4 @@
-#include "lumo/scaled_screenshot.h"
+#include "common/scaled_screenshot.h"
 
 #include <algorithm>
 #include <cmath>
@@ -35,7 +35,9 @@ Taps areaTaps(int inSize, int outSize) {
 }  // namespace
 
 std::shared_ptr<LumoScreenshot> ScaledScreenshot::downscale(double scale) {
-  return std::make_shared<ScaledScreenshot>(areaAverage(image(), scale));
+  ImagePtr scaled = areaAverage(image(), scale);
+  PngBytes png = scaled == image() ? this->png() : nullptr;
+  return std::make_shared<ScaledScreenshot>(std::move(scaled), std::move(png));
 }
 
 std::shared_ptr<const ImageCropper> ScaledScreenshot::imageCropper() const {

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "lumo/argument_guard.h"
+#include "common/argument_guard.h"
 #include "lumo/exception.h"
 
 namespace lumo {

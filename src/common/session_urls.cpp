@@ -1,7 +1,7 @@
 #include "lumo/session_urls.h"
 
 #include "common/json_reader.h"
-#include "lumo/test_results_keys.h"
+#include "common/test_results_keys.h"
 
 namespace lumo {
 

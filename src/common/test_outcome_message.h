@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "lumo/error_builder.h"
+#include "common/error_builder.h"
 
 namespace lumo::detail {
 

@@ -1,4 +1,4 @@
-#include "lumo/http_client.h"
+#include "connectivity/http_client.h"
 
 #include <curl/curl.h>
 #include <fmt/format.h>

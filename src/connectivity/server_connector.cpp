@@ -1,15 +1,15 @@
-#include "lumo/server_connector.h"
+#include "connectivity/server_connector.h"
 
 #include <fmt/format.h>
 
 #include <type_traits>
 #include <utility>
 
-#include "lumo/argument_guard.h"
-#include "lumo/environment_helper.h"
-#include "lumo/http_client.h"
-#include "lumo/http_request_builder.h"
-#include "lumo/logger.h"
+#include "common/argument_guard.h"
+#include "common/environment_helper.h"
+#include "connectivity/http_client.h"
+#include "connectivity/http_request_builder.h"
+#include "common/logger.h"
 
 namespace lumo {
 namespace {

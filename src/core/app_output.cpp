@@ -1,4 +1,4 @@
-#include "lumo/app_output.h"
+#include "core/app_output.h"
 
 #include <utility>
 

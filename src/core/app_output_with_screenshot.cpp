@@ -1,4 +1,4 @@
-#include "lumo/app_output_with_screenshot.h"
+#include "core/app_output_with_screenshot.h"
 
 #include <utility>
 

@@ -9,37 +9,37 @@
 #include <utility>
 
 #include "lumo/app_environment.h"
-#include "lumo/app_output.h"
-#include "lumo/app_output_with_screenshot.h"
-#include "lumo/argument_guard.h"
-#include "lumo/base64.h"
+#include "core/app_output.h"
+#include "core/app_output_with_screenshot.h"
+#include "common/argument_guard.h"
+#include "platform/base64.h"
 #include "lumo/batch_info.h"
-#include "lumo/check_settings_internal_protocol.h"
+#include "lumo/detail/check_settings_internal_protocol.h"
 #include "lumo/diffs_found_exception.h"
-#include "lumo/environment_helper.h"
-#include "lumo/error_builder.h"
+#include "common/environment_helper.h"
+#include "common/error_builder.h"
 #include "lumo/exception.h"
-#include "lumo/expectation.h"
-#include "lumo/logger.h"
+#include "platform/expectation.h"
+#include "common/logger.h"
 #include "lumo/lumo_exception.h"
-#include "lumo/lumo_screenshot.h"
+#include "common/lumo_screenshot.h"
 #include "lumo/match_result.h"
-#include "lumo/match_window_task.h"
+#include "core/match_window_task.h"
 #include "lumo/new_test_exception.h"
-#include "lumo/png.h"
-#include "lumo/property_handler_protocol.h"
-#include "lumo/rectangle_size.h"
-#include "lumo/region_filter.h"
-#include "lumo/region_provider_protocol.h"
+#include "platform/png.h"
+#include "core/property_handler_protocol.h"
+#include "common/rectangle_size.h"
+#include "core/fluent/region_filter.h"
+#include "core/fluent/region_provider_protocol.h"
 #include "lumo/running_session.h"
-#include "lumo/server_connector.h"
+#include "connectivity/server_connector.h"
 #include "lumo/session_start_info.h"
-#include "lumo/simple_property_handler.h"
+#include "core/simple_property_handler.h"
 #include "lumo/start_session_property.h"
 #include "lumo/test_failed_exception.h"
 #include "lumo/test_results.h"
 #include "lumo/version.h"
-#include "lumo/waiter.h"
+#include "platform/waiter.h"
 #include "pending_call.h"
 
 namespace lumo {
@@ -438,6 +438,8 @@ std::shared_ptr<AppOutputWithScreenshot> LumoBase::appOutputWithScreenshotForReg
 std::string LumoBase::base64ScreenshotStringFromScreenshot(
     const std::shared_ptr<LumoScreenshot>& screenshot) const {
   ArgumentGuard::notNil(screenshot, "screenshot");
+  // A screenshot still holding its source's PNG needs no encoding: the bytes are those pixels.
+  if (const auto& png = screenshot->png()) return base64Encode(*png);
   const auto& image = screenshot->image();
   return base64Encode(image ? encodePng(*image) : std::vector<std::uint8_t>{});
 }

@@ -1,21 +1,21 @@
-#include "lumo/match_window_task.h"
+#include "core/match_window_task.h"
 
 #include <fmt/format.h>
 
 #include <utility>
 
-#include "lumo/app_output.h"
-#include "lumo/app_output_with_screenshot.h"
-#include "lumo/argument_guard.h"
-#include "lumo/expectation.h"
-#include "lumo/logger.h"
+#include "core/app_output.h"
+#include "core/app_output_with_screenshot.h"
+#include "common/argument_guard.h"
+#include "platform/expectation.h"
+#include "common/logger.h"
 #include "lumo/match_result.h"
-#include "lumo/match_window_data.h"
-#include "lumo/options.h"
-#include "lumo/server_connector.h"
+#include "common/match_window_data.h"
+#include "common/options.h"
+#include "connectivity/server_connector.h"
 #include "lumo/system_log.h"
 #include "lumo/test_failed_exception.h"
-#include "lumo/waiter.h"
+#include "platform/waiter.h"
 
 namespace lumo {
 namespace {

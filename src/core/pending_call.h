@@ -4,8 +4,8 @@
 #include <mutex>
 #include <string>
 
-#include "lumo/expectation.h"
-#include "lumo/waiter.h"
+#include "platform/expectation.h"
+#include "platform/waiter.h"
 
 namespace lumo::detail {
 

@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-#include "lumo/general_utils.h"
+#include "common/general_utils.h"
 
 namespace lumo {
 

@@ -2,10 +2,10 @@
 
 #include <fmt/format.h>
 
-#include "lumo/argument_guard.h"
+#include "common/argument_guard.h"
 #include "lumo/match_result.h"
-#include "lumo/region_provider.h"
-#include "lumo/scaled_screenshot.h"
+#include "core/fluent/region_provider.h"
+#include "common/scaled_screenshot.h"
 #include "lumo/system_log.h"
 
 namespace lumo {
@@ -47,7 +47,8 @@ std::string Lumo::getDeviceInfo() const {
 }
 
 std::shared_ptr<LumoScreenshot> Lumo::screenshot() {
-  return std::make_shared<ScaledScreenshot>(source_->capture());
+  CapturedScreen captured = source_->captureScreen();
+  return std::make_shared<ScaledScreenshot>(std::move(captured.image), std::move(captured.png));
 }
 
 }  // namespace lumo

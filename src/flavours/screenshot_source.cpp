@@ -9,7 +9,7 @@
 #include <memory>
 
 #include "lumo/exception.h"
-#include "lumo/png.h"
+#include "platform/png.h"
 
 namespace lumo {
 namespace {
@@ -20,9 +20,10 @@ Exception screenshotError(std::string reason) {
   return Exception(kScreenshotException, std::move(reason));
 }
 
-ImagePtr decodeScreen(const std::vector<std::uint8_t>& bytes, const std::string& origin) {
+CapturedScreen decodeScreen(std::vector<std::uint8_t> bytes, const std::string& origin) {
   try {
-    return std::make_shared<const Image>(decodePng(bytes));
+    auto image = std::make_shared<const Image>(decodePng(bytes));
+    return {std::move(image), std::make_shared<const std::vector<std::uint8_t>>(std::move(bytes))};
   } catch (const std::exception& error) {
     throw screenshotError(origin + " is not a valid PNG: " + error.what());
   }
@@ -49,7 +50,7 @@ ImagePtr MemoryScreenshotSource::capture() {
 PngFileScreenshotSource::PngFileScreenshotSource(std::vector<std::filesystem::path> files)
     : files_(std::move(files)) {}
 
-ImagePtr PngFileScreenshotSource::capture() {
+CapturedScreen PngFileScreenshotSource::captureScreen() {
   if (files_.empty()) throw screenshotError("No screenshot file was given");
   const auto& path = files_[std::min(next_, files_.size() - 1)];
   if (next_ < files_.size()) ++next_;
@@ -57,13 +58,13 @@ ImagePtr PngFileScreenshotSource::capture() {
   if (!in) throw screenshotError("Cannot read screenshot file " + path.string());
   std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)),
                                   std::istreambuf_iterator<char>());
-  return decodeScreen(bytes, path.string());
+  return decodeScreen(std::move(bytes), path.string());
 }
 
 CommandScreenshotSource::CommandScreenshotSource(std::string command)
     : command_(std::move(command)) {}
 
-ImagePtr CommandScreenshotSource::capture() {
+CapturedScreen CommandScreenshotSource::captureScreen() {
   FILE* pipe = popen(command_.c_str(), "r");
   if (pipe == nullptr) throw screenshotError("Cannot run screenshot command: " + command_);
   std::vector<std::uint8_t> bytes;
@@ -79,7 +80,7 @@ ImagePtr CommandScreenshotSource::capture() {
                                : std::string("did not exit normally")) +
                           "): " + command_);
   }
-  return decodeScreen(bytes, "The output of '" + command_ + "'");
+  return decodeScreen(std::move(bytes), "The output of '" + command_ + "'");
 }
 
 }  // namespace lumo

@@ -1,4 +1,4 @@
-#include "lumo/assertion_handler.h"
+#include "platform/assertion_handler.h"
 
 #include <memory>
 #include <mutex>

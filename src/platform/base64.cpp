@@ -1,6 +1,6 @@
 // Written here because the line layout is part of the wire format: OpenSSL's encoder breaks
 // lines with LF only, and no other dependency offers CR LF lines of 64.
-#include "lumo/base64.h"
+#include "platform/base64.h"
 
 #include <array>
 #include <stdexcept>

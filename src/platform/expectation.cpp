@@ -1,4 +1,4 @@
-#include "lumo/expectation.h"
+#include "platform/expectation.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "lumo/image_cropper.h"
+#include "platform/image_cropper.h"
 
 #include <algorithm>
 #include <cstring>

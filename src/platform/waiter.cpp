@@ -1,4 +1,4 @@
-#include "lumo/waiter.h"
+#include "platform/waiter.h"
 
 #include <algorithm>
 

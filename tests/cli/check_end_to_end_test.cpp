@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "check_command.h"
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 #include "lumo/server/server.h"
 #include "run_lumo.h"
 #include "server/temp_dir.h"

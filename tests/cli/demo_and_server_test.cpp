@@ -5,7 +5,7 @@
 #include <iterator>
 #include <vector>
 
-#include "lumo/png.h"
+#include "platform/png.h"
 #include "lumo/server/server.h"
 #include "run_lumo.h"
 #include "server/temp_dir.h"
@@ -76,6 +76,8 @@ TEST(ServerCommand, BadArgumentsAreUsageErrors) {
                                              {"server", "--baseline-cache-mb", "-5"},
                                              {"server", "--baseline-cache-mb", "lots"},
                                              {"server", "--public-url", "lumo.example.com"},
+                                             {"server", "--store", "mysql://db/lumo"},
+                                             {"server", "--store", "lumo.db"},
                                              {"demo", "--port", "-1"}}) {
     const auto outcome = runLumo(args);
     EXPECT_EQ(outcome.status, kExitUsage) << args[1];

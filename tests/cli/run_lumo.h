@@ -9,7 +9,7 @@
 
 #include "exit_status.h"
 #include "lumo/image.h"
-#include "lumo/png.h"
+#include "platform/png.h"
 #include "run.h"
 
 namespace lumo::cli::testing {

@@ -1,4 +1,4 @@
-#include "lumo/argument_guard.h"
+#include "common/argument_guard.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "lumo/assertion_handler.h"
+#include "platform/assertion_handler.h"
 #include "lumo/internal_inconsistency_exception.h"
 
 namespace lumo {

@@ -5,7 +5,7 @@
 
 #include "lumo/application_is_not_running_exception.h"
 #include "lumo/diffs_found_exception.h"
-#include "lumo/error_builder.h"
+#include "common/error_builder.h"
 #include "lumo/lumo_exception.h"
 #include "lumo/new_test_exception.h"
 #include "lumo/out_of_bounds_exception.h"

@@ -1,4 +1,4 @@
-#include "lumo/logger.h"
+#include "common/logger.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,8 +8,8 @@
 #include <optional>
 #include <string>
 
-#include "lumo/environment_helper.h"
-#include "lumo/general_utils.h"
+#include "common/environment_helper.h"
+#include "common/general_utils.h"
 #include "support/log_capture.h"
 
 namespace lumo {

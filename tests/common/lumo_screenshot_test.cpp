@@ -1,4 +1,4 @@
-#include "lumo/lumo_screenshot.h"
+#include "common/lumo_screenshot.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "lumo/out_of_bounds_exception.h"
-#include "lumo/scaled_screenshot.h"
+#include "common/scaled_screenshot.h"
 
 namespace lumo {
 namespace {

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <limits>
 
-#include "lumo/rectangle_size.h"
+#include "common/rectangle_size.h"
 #include "support/log_capture.h"
 
 namespace lumo {

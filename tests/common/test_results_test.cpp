@@ -5,7 +5,7 @@
 #include <limits>
 #include <string>
 
-#include "lumo/test_results_keys.h"
+#include "common/test_results_keys.h"
 
 namespace lumo {
 namespace {

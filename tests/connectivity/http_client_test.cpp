@@ -1,4 +1,4 @@
-#include "lumo/http_client.h"
+#include "connectivity/http_client.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,8 +9,8 @@
 #include <set>
 #include <thread>
 
-#include "lumo/expectation.h"
-#include "lumo/waiter.h"
+#include "platform/expectation.h"
+#include "platform/waiter.h"
 #include "support/test_server.h"
 
 namespace lumo {

@@ -1,4 +1,4 @@
-#include "lumo/http_request_builder.h"
+#include "connectivity/http_request_builder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "lumo/server_connector.h"
+#include "connectivity/server_connector.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,10 +8,10 @@
 #include <memory>
 #include <thread>
 
-#include "lumo/expectation.h"
-#include "lumo/http_client.h"
+#include "platform/expectation.h"
+#include "connectivity/http_client.h"
 #include "lumo/internal_inconsistency_exception.h"
-#include "lumo/waiter.h"
+#include "platform/waiter.h"
 #include "support/log_capture.h"
 #include "support/test_server.h"
 

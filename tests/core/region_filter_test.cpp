@@ -1,4 +1,4 @@
-#include "lumo/region_filter.h"
+#include "core/fluent/region_filter.h"
 
 #include <gtest/gtest.h>
 
@@ -8,9 +8,9 @@
 #include "lumo/floating_region_by_rectangle.h"
 #include "lumo/ignore_region_by_element.h"
 #include "lumo/ignore_region_by_rectangle.h"
-#include "lumo/rectangle_size.h"
-#include "lumo/region_provider.h"
-#include "lumo/simple_property_handler.h"
+#include "common/rectangle_size.h"
+#include "core/fluent/region_provider.h"
+#include "core/simple_property_handler.h"
 
 namespace lumo {
 namespace {

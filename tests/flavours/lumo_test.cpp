@@ -5,18 +5,20 @@
 #include <algorithm>
 #include <atomic>
 #include <deque>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <thread>
 
-#include "lumo/base64.h"
-#include "lumo/json.h"
+#include "platform/base64.h"
+#include "lumo/detail/json.h"
 #include "lumo/lumo_exception.h"
 #include "lumo/match_result.h"
 #include "lumo/new_test_exception.h"
-#include "lumo/png.h"
-#include "lumo/region_provider_protocol.h"
+#include "platform/png.h"
+#include "core/fluent/region_provider_protocol.h"
 #include "lumo/running_session.h"
-#include "lumo/server_connector.h"
+#include "connectivity/server_connector.h"
 #include "lumo/test_failed_exception.h"
 #include "lumo/test_results.h"
 #include "support/fast_wait_policy.h"
@@ -319,6 +321,83 @@ TEST_F(LumoTest, RegionCheckAtScaleTwoSendsTheRegionInPoints) {
   EXPECT_NEAR(sent.row(0)[0], 20, 1);
   EXPECT_NEAR(sent.row(19)[1], 58, 1);
   lumo_->close(nullptr);
+}
+
+// A PNG of `image` that the encoder would not write: a text chunk before IEND. Bytes sent as
+// they are can thus be told from bytes encoded again.
+std::vector<std::uint8_t> foreignPng(const Image& image) {
+  std::vector<std::uint8_t> png = encodePng(image);
+  const std::string text("tEXtSource\0camera", 17);
+  std::vector<std::uint8_t> chunk = {0, 0, 0, static_cast<std::uint8_t>(text.size() - 4)};
+  chunk.insert(chunk.end(), text.begin(), text.end());
+  std::uint32_t crc = 0xffffffff;
+  for (std::size_t i = 4; i < chunk.size(); ++i) {
+    crc ^= chunk[i];
+    for (int bit = 0; bit < 8; ++bit) crc = (crc & 1) ? 0xedb88320 ^ (crc >> 1) : crc >> 1;
+  }
+  crc = ~crc;
+  for (int shift = 24; shift >= 0; shift -= 8)
+    chunk.push_back(static_cast<std::uint8_t>(crc >> shift));
+  png.insert(png.end() - 12, chunk.begin(), chunk.end());
+  return png;
+}
+
+TEST_F(LumoTest, SourcePngIsSentAsItIsUnlessACropOrScaleChangesThePixels) {
+  const Image pixels = *screen(100, 200);
+  const std::vector<std::uint8_t> file = foreignPng(pixels);
+  ASSERT_EQ(decodePng(file), pixels);
+  const auto path = std::filesystem::temp_directory_path() /
+                    ("lumo-source-" + std::to_string(server_.port()) + ".png");
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(file.data()), static_cast<std::streamsize>(file.size()));
+
+  struct Case {
+    const char* name;
+    bool command;
+    double scale;
+    double statusBar;  // points
+    bool cut;
+    std::optional<Region> region;
+    bool asItIs;
+    int width, height;
+  };
+  const Case cases[] = {
+      {"file, whole screen", false, 1, 0, false, std::nullopt, true, 100, 200},
+      {"command, whole screen", true, 1, 0, false, std::nullopt, true, 100, 200},
+      {"status bar of no height", false, 1, 0, true, std::nullopt, true, 100, 200},
+      {"status-bar cut", false, 1, 20, true, std::nullopt, false, 100, 180},
+      {"region", false, 1, 0, false, Region(0, 0, 50, 50), false, 50, 50},
+      {"scale 2", true, 2, 0, false, std::nullopt, false, 50, 100},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::shared_ptr<ScreenshotSource> source;
+    if (c.command) {
+      source = std::make_shared<CommandScreenshotSource>("cat '" + path.string() + "'");
+    } else {
+      source = std::make_shared<PngFileScreenshotSource>(std::vector{path});
+    }
+    source->setScaleRatio(c.scale);
+    source->setStatusBarHeight(c.statusBar);
+    Lumo lumo(server_.baseURL(), source);
+    lumo.setApiKey("key");
+    lumo.setWaitPolicy(policy_);
+    lumo.setShouldCropStatusBar(c.cut);
+    lumo.open("Shop", "Login", {100 / c.scale, 200 / c.scale});
+    if (c.region) {
+      lumo.checkRegion(*c.region, "home");
+    } else {
+      lumo.check("home");
+    }
+    lumo.close(nullptr);
+    const auto body = Json::parse(matchRequests().back().body);
+    const auto sent = base64Decode(body["appOutput"]["screenshot64"].get<std::string>());
+    EXPECT_EQ(sent == file, c.asItIs);
+    const Image image = decodePng(sent);
+    EXPECT_EQ(image.width(), c.width);
+    EXPECT_EQ(image.height(), c.height);
+  }
+  std::filesystem::remove(path);
 }
 
 TEST_F(LumoTest, ClosingTwiceEndsAnEmptyTest) {

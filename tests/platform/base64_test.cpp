@@ -1,4 +1,4 @@
-#include "lumo/base64.h"
+#include "platform/base64.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "lumo/png.h"
+#include "platform/png.h"
 
 #include <gtest/gtest.h>
 #include <png.h>

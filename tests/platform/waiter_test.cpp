@@ -1,4 +1,4 @@
-#include "lumo/waiter.h"
+#include "platform/waiter.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <memory>
 #include <thread>
 
-#include "lumo/expectation.h"
+#include "platform/expectation.h"
 
 namespace lumo {
 namespace {

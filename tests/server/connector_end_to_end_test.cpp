@@ -2,41 +2,19 @@
 // a new test, a passing rerun, a differing run and its approval.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <mutex>
-
+#include "await_answer.h"
 #include "lumo/app_environment.h"
 #include "lumo/batch_info.h"
-#include "lumo/expectation.h"
+#include "platform/expectation.h"
 #include "lumo/image_match_settings.h"
-#include "lumo/match_window_data.h"
-#include "lumo/server_connector.h"
+#include "common/match_window_data.h"
+#include "connectivity/server_connector.h"
 #include "lumo/session_start_info.h"
-#include "lumo/waiter.h"
+#include "platform/waiter.h"
 #include "server_fixture.h"
 
 namespace lumo::server::testing {
 namespace {
-
-// Long enough for a sanitizer build on a busy machine; every answer comes far sooner.
-constexpr std::chrono::seconds kAnswerBound{20};
-
-// Runs one connector call and blocks until its handler has run; returns the record it got.
-template <typename Record, typename Call>
-std::shared_ptr<Record> await(Call call) {
-  auto done = std::make_shared<Expectation>("server answer");
-  auto mutex = std::make_shared<std::mutex>();
-  auto result = std::make_shared<std::shared_ptr<Record>>();
-  call([done, mutex, result](std::shared_ptr<Record> record, std::optional<Error> error) {
-    EXPECT_FALSE(error) << error->localizedDescription();
-    std::lock_guard lock(*mutex);
-    *result = std::move(record);
-    done->fulfill();
-  });
-  EXPECT_EQ(Waiter::waitForExpectations({done}, kAnswerBound), WaiterResult::completed);
-  std::lock_guard lock(*mutex);
-  return *result;
-}
 
 class ConnectorEndToEnd : public ServerTest {
  protected:

@@ -7,9 +7,9 @@
 #include <string>
 
 #include "image_codec.h"
-#include "lumo/base64.h"
-#include "lumo/json.h"
-#include "lumo/png.h"
+#include "platform/base64.h"
+#include "lumo/detail/json.h"
+#include "platform/png.h"
 #include "lumo/server/server.h"
 #include "temp_dir.h"
 #include "test_images.h"

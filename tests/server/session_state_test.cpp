@@ -1,5 +1,7 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -292,6 +294,48 @@ TEST_F(SessionState, StepsPerSessionAndSessionsPerBatchAreBounded) {
   Json otherBatch = startInfo("Fourth");
   otherBatch["batchInfo"]["id"] = "B2";
   EXPECT_EQ(statusOf([&] { m.start(otherBatch); }), 0);
+}
+
+// Records nested far deeper than the server ever writes, put straight into the file: each
+// read of them is refused with a clear error, without parsing, and changes nothing.
+TEST_F(SessionState, AnOverDeepStoredRecordIsRefusedUnread) {
+  Instance instance = open();
+  SessionManager& m = *instance.manager;
+  const std::string id = m.start(startInfo("Deep")).id;
+  EXPECT_TRUE(check(m, id, screen(1), "one"));
+  const std::string deep = std::string(100'000, '[') + std::string(100'000, ']');
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((dir_.path() / "lumo.db").c_str(), &db), SQLITE_OK);
+  const auto set = [&](const char* sql, const std::string& value) {
+    sqlite3_stmt* statement = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(db, sql, -1, &statement, nullptr), SQLITE_OK);
+    sqlite3_bind_text(statement, 1, value.data(), static_cast<int>(value.size()), SQLITE_STATIC);
+    sqlite3_bind_text(statement, 2, id.data(), static_cast<int>(id.size()), SQLITE_STATIC);
+    EXPECT_EQ(sqlite3_step(statement), SQLITE_DONE);
+    sqlite3_finalize(statement);
+  };
+  set("UPDATE sessions SET start_info = '{\"x\":' || ? || '}' WHERE id = ?", deep);
+  set("UPDATE steps SET boxes = ? WHERE session_id = ?", deep);
+  sqlite3_close(db);
+
+  const auto refusal = [](auto&& call) -> std::string {
+    try {
+      call();
+    } catch (const std::exception& e) {
+      return e.what();
+    }
+    return "no error";
+  };
+  EXPECT_THAT(refusal([&] { check(m, id, screen(1), "two"); }),
+              ::testing::HasSubstr("start record of session " + id + " nests deeper than 64"));
+  EXPECT_THAT(refusal([&] { m.stop(id, false, true, ""); }),
+              ::testing::HasSubstr("nests deeper than 64"));
+  EXPECT_EQ(statusOf([&] { m.stop(id, false, true, ""); }), 500);
+  EXPECT_THAT(refusal([&] { instance.store->steps(id); }),
+              ::testing::HasSubstr("difference boxes of step 1 nest deeper than 64"));
+  const auto after = instance.store->findSession(id);
+  EXPECT_EQ(after->state, "running");
+  EXPECT_EQ(after->stepCount, 1);
 }
 
 // Approvals of two sessions of one test race each other and a stop: the baseline ends as

@@ -1,18 +1,23 @@
 #include "lumo/server/store.h"
 
 #include <gtest/gtest.h>
+#include <libpq-fe.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 
+#include "lumo/server/postgres_store.h"
 #include "lumo/server/sqlite_store.h"
+#include "support/postgres_cluster.h"
 #include "temp_dir.h"
 
 namespace lumo::server {
@@ -20,11 +25,33 @@ namespace {
 
 using testing::TempDir;
 
-// One backend under test: opens (or reopens) the store whose data is under a directory.
+// One backend under test: opens (or reopens) the store whose data is under a directory (for
+// PostgreSQL: in a database named after it, on the test program's cluster).
 struct Backend {
   std::string name;
   std::function<std::unique_ptr<Store>(const std::filesystem::path&)> open;
+  // Why the backend cannot run here; empty when it can.
+  std::function<std::string()> unavailable = [] { return std::string(); };
 };
+
+// ctest lists each case by its backend's name rather than its bytes.
+void PrintTo(const Backend& backend, std::ostream* out) { *out << backend.name; }
+
+std::string postgresUrl(const std::filesystem::path& dir) {
+  return lumo::testing::PostgresCluster::shared()->database(dir.filename().string());
+}
+
+const Backend kSqlite{
+    "Sqlite", [](const std::filesystem::path& dir) { return std::make_unique<SqliteStore>(dir); }};
+const Backend kPostgres{"Postgres",
+                        [](const std::filesystem::path& dir) {
+                          return std::make_unique<PostgresStore>(postgresUrl(dir));
+                        },
+                        [] {
+                          return lumo::testing::PostgresCluster::shared()
+                                     ? std::string()
+                                     : lumo::testing::PostgresCluster::skipReason();
+                        }};
 
 const BaselineKey kKey{"Shop", "Checkout", "iOS 17;iPhone;390x844", "default"};
 
@@ -47,6 +74,11 @@ StepRecord step(int position, const std::string& name, const std::string& image 
 
 class StoreTest : public ::testing::TestWithParam<Backend> {
  protected:
+  void SetUp() override {
+    if (const std::string reason = GetParam().unavailable(); !reason.empty()) {
+      GTEST_SKIP() << reason;
+    }
+  }
   std::unique_ptr<Store> open() const { return GetParam().open(dir_.path()); }
 
   TempDir dir_;
@@ -224,6 +256,64 @@ TEST_P(StoreTest, ConcurrentWritersKeepEveryBaselineAndStep) {
   }
 }
 
+// Approvals of several stopped sessions of one test, through separate stores (as separate
+// server instances would), race with each other and with a stop of a running session that
+// saves, and with an approval of that session. The baseline ends up as exactly one of the
+// lists written, never a mix, and the racing approval succeeds only after the stop.
+TEST_P(StoreTest, RacingApprovalsAndAStopLeaveOneWholeBaseline) {
+  auto setup = open();
+  const std::string a = setup->putImage("a"), b = setup->putImage("b");
+  constexpr int kSessions = 6;
+  for (int round = 0; round < 3; ++round) {
+    const std::string prefix = "r" + std::to_string(round) + "-";
+    std::vector<std::vector<StoredStep>> written;
+    for (int i = 0; i < kSessions; ++i) {
+      const std::string id = prefix + std::to_string(i);
+      setup->addSession(session(id, "b", 0), {});
+      ASSERT_TRUE(
+          setup->finishSession(id, {"stopped", "Unresolved", 1, false, 0, {}, std::nullopt}));
+      written.push_back({{id + "/0", a}, {id + "/1", b}, {id + "/2", a}});
+    }
+    const std::string racer = prefix + "racer";
+    setup->addSession(session(racer, "b", 0), {});
+    const std::vector<StoredStep> stopped{{racer + "/stop", b}};
+    const std::vector<StoredStep> approved{{racer + "/approved", a}, {racer + "/2", b}};
+    written.push_back(stopped);
+    written.push_back(approved);
+
+    std::atomic<bool> approvedRacer{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kSessions; ++i) {
+      threads.emplace_back(
+          [&, i] { EXPECT_TRUE(open()->approveSession(prefix + std::to_string(i), written[i])); });
+    }
+    threads.emplace_back([&] {
+      Store::SessionEnd end{"stopped", "Unresolved", 1, false, 0, {}, stopped};
+      EXPECT_TRUE(open()->finishSession(racer, end));
+    });
+    threads.emplace_back([&] {
+      auto store = open();
+      while (store->findSession(racer)->state == "running" && !approvedRacer) {
+        approvedRacer = store->approveSession(racer, approved);
+      }
+      if (!approvedRacer) {
+        approvedRacer = store->approveSession(racer, approved);
+      }
+    });
+    for (auto& thread : threads) {
+      thread.join();
+    }
+    EXPECT_TRUE(approvedRacer);
+    const auto baseline = setup->findBaseline(kKey);
+    ASSERT_TRUE(baseline);
+    EXPECT_NE(std::find(written.begin(), written.end(), *baseline), written.end())
+        << "a baseline mixed from several writes, " << baseline->size() << " steps";
+    const SessionRecord r = *setup->findSession(racer);
+    EXPECT_EQ(r.state, "stopped");
+    EXPECT_TRUE(r.saved);
+  }
+}
+
 // A writer process saves baselines in a loop and reports each committed one; it is killed
 // without warning, and a reopened store must find every reported baseline with its images.
 TEST_P(StoreTest, AProcessKilledMidWriteLeavesEveryCommittedBaselineIntact) {
@@ -281,11 +371,7 @@ TEST_P(StoreTest, AProcessKilledMidWriteLeavesEveryCommittedBaselineIntact) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, StoreTest,
-                         ::testing::Values(Backend{"Sqlite",
-                                                   [](const std::filesystem::path& dir) {
-                                                     return std::make_unique<SqliteStore>(dir);
-                                                   }}),
+INSTANTIATE_TEST_SUITE_P(Backends, StoreTest, ::testing::Values(kSqlite, kPostgres),
                          [](const auto& info) { return info.param.name; });
 
 // SQLite's own layout: images as files, no temporary file left after a kill.
@@ -338,6 +424,44 @@ INSERT INTO steps VALUES('left', 0, 'one', 'new', 'Strict', '', '', '');
     EXPECT_EQ(store.findSession("done")->status, "Passed");
     EXPECT_EQ(store.steps("left").size(), 1u);
   }
+}
+
+// Instances starting together on an empty database create the schema once between them; a
+// database a newer server migrated is refused rather than written in the old layout.
+TEST(PostgresStore, InstancesStartingTogetherMigrateOnceAndANewerSchemaIsRefused) {
+  auto* cluster = lumo::testing::PostgresCluster::shared();
+  if (!cluster) {
+    GTEST_SKIP() << lumo::testing::PostgresCluster::skipReason();
+  }
+  const std::string url = cluster->database("migrate-together");
+  std::vector<std::thread> starting;
+  std::atomic<int> failures{0};
+  for (int i = 0; i < 6; ++i) {
+    starting.emplace_back([&] {
+      try {
+        PostgresStore store(url, 1);
+        store.addBatch({"b", "", "", 1});
+      } catch (const StoreError&) {
+        ++failures;
+      }
+    });
+  }
+  for (auto& thread : starting) {
+    thread.join();
+  }
+  EXPECT_EQ(failures, 0);
+
+  PGconn* conn = PQconnectdb(url.c_str());
+  ASSERT_EQ(PQstatus(conn), CONNECTION_OK);
+  PGresult* version =
+      PQexec(conn, "SELECT version, (SELECT COUNT(*) FROM lumo_schema) FROM lumo_schema");
+  ASSERT_EQ(PQntuples(version), 1);
+  EXPECT_EQ(std::atoi(PQgetvalue(version, 0, 0)), PostgresStore::schemaVersion());
+  EXPECT_STREQ(PQgetvalue(version, 0, 1), "1");
+  PQclear(version);
+  PQclear(PQexec(conn, "UPDATE lumo_schema SET version = version + 1"));
+  PQfinish(conn);
+  EXPECT_THROW(PostgresStore store(url), StoreError);
 }
 
 }  // namespace

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "lumo/base64.h"
+#include "platform/base64.h"
 
 namespace lumo::test {
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 
 namespace lumo::test {
 

@@ -1,6 +1,6 @@
 #include "lumo/check_settings.h"
 
-#include "lumo/argument_guard.h"
+#include "common/argument_guard.h"
 #include "lumo/floating_region_by_element.h"
 #include "lumo/floating_region_by_rectangle.h"
 #include "lumo/ignore_region_by_element.h"

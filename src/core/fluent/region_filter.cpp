@@ -1,7 +1,7 @@
-#include "lumo/region_filter.h"
+#include "core/fluent/region_filter.h"
 
 #include "common/truncation.h"
-#include "lumo/argument_guard.h"
+#include "common/argument_guard.h"
 
 namespace lumo {
 namespace {

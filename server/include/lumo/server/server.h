@@ -23,6 +23,9 @@ struct ServerConfig {
   std::string host = "127.0.0.1";
   int port = 0;  // 0: an ephemeral port, see Server::port()
   std::filesystem::path dataDir = "lumo-data";
+  // postgresql://USER@HOST:PORT/DB: the data lives in that PostgreSQL database, which any
+  // number of servers may share (dataDir is then unused). Empty: SQLite under dataDir.
+  std::string storeUrl;
   std::vector<std::string> apiKeys;  // empty: kDemoApiKey only
   // HTTPS when both are given (PEM files); plain HTTP otherwise.
   std::filesystem::path certFile;

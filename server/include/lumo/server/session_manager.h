@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 #include "lumo/server/image_comparer.h"
 #include "lumo/server/store.h"
 

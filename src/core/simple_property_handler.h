@@ -2,7 +2,7 @@
 
 #include <any>
 
-#include "lumo/property_handler_protocol.h"
+#include "core/property_handler_protocol.h"
 
 namespace lumo {
 

@@ -4,7 +4,7 @@
 #include <memory>
 #include <vector>
 
-#include "lumo/expectation.h"
+#include "platform/expectation.h"
 
 namespace lumo {
 

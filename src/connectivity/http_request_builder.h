@@ -4,8 +4,8 @@
 #include <optional>
 #include <string>
 
-#include "lumo/http_client.h"
-#include "lumo/json.h"
+#include "connectivity/http_client.h"
+#include "lumo/detail/json.h"
 
 namespace lumo {
 

@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "lumo/lumo_screenshot.h"
+#include "common/lumo_screenshot.h"
 
 namespace lumo {
 
@@ -11,10 +11,11 @@ namespace lumo {
 // regions sent with it are both in points.
 class ScaledScreenshot : public LumoScreenshot {
  public:
-  explicit ScaledScreenshot(ImagePtr image) : LumoScreenshot(std::move(image)) {}
+  explicit ScaledScreenshot(ImagePtr image, PngBytes png = nullptr)
+      : LumoScreenshot(std::move(image), std::move(png)) {}
 
   // Area-averages the image down by `scale` (each point the mean of the pixels it covers,
-  // fractional coverage weighted). A scale of 1 or less keeps the same image object.
+  // fractional coverage weighted). A scale of 1 or less keeps the same image object and PNG.
   std::shared_ptr<LumoScreenshot> downscale(double scale) override;
 
   // The resampling itself: `image` reduced to round(size / scale), at least 1 x 1.

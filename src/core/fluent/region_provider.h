@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "lumo/region_provider_protocol.h"
+#include "core/fluent/region_provider_protocol.h"
 
 namespace lumo {
 

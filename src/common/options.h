@@ -5,7 +5,7 @@
 #include <string>
 
 #include "lumo/image_match_settings.h"
-#include "lumo/json.h"
+#include "lumo/detail/json.h"
 
 namespace lumo {
 

@@ -8,7 +8,7 @@
 
 #include "lumo/error.h"
 #include "lumo/match_result.h"
-#include "lumo/match_window_data.h"
+#include "common/match_window_data.h"
 #include "lumo/running_session.h"
 #include "lumo/session_start_info.h"
 #include "lumo/test_results.h"

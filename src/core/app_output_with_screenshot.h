@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "lumo/app_output.h"
+#include "core/app_output.h"
 
 namespace lumo {
 

@@ -4,7 +4,8 @@
 
 #include "lumo/geometry.h"
 #include "lumo/image.h"
-#include "lumo/image_cropper.h"
+#include "platform/image_cropper.h"
+#include "platform/png.h"
 #include "lumo/region.h"
 
 namespace lumo {
@@ -15,23 +16,29 @@ namespace lumo {
 // supplies. Held as std::shared_ptr<LumoScreenshot>; used on the test thread.
 class LumoScreenshot {
  public:
-  explicit LumoScreenshot(ImagePtr image) : image_(std::move(image)) {}
+  // `png`, when given, must decode to exactly `image`.
+  explicit LumoScreenshot(ImagePtr image, PngBytes png = nullptr)
+      : image_(std::move(image)), png_(std::move(png)) {}
   virtual ~LumoScreenshot() = default;
 
   const ImagePtr& image() const { return image_; }
+  // The PNG the image was decoded from, while the image is still exactly that; null once a
+  // crop or a downscale has changed it.
+  const PngBytes& png() const { return png_; }
   // The image's width and height; zero without an image.
   Size size() const;
 
   // Keeps only the part under `region` (given in points; scaled by `scale` to the image's
   // pixels, truncating). A region partly outside is clipped silently; one that misses the
-  // image throws OutOfBoundsException and leaves the image as it was.
+  // image throws OutOfBoundsException and leaves the image as it was. A region covering the
+  // whole image keeps the image object (and its PNG).
   void cropRegion(const Region& region, double scale);
   // Cuts `height` points (times `scale` pixels) off the top. Unchecked: a cut taller than the
   // image reaches the cropper as a negative height and gives an empty image.
   void cropStatusBarWithHeight(double height, double scale);
 
   // The image to send, brought from pixels to points: a subclass's hook. The base keeps the
-  // size and returns a new screenshot holding the same image object.
+  // size and returns a new screenshot holding the same image object and PNG.
   virtual std::shared_ptr<LumoScreenshot> downscale(double scale);
 
  protected:
@@ -42,6 +49,7 @@ class LumoScreenshot {
   void replaceWithCrop(const Region& region);
 
   ImagePtr image_;
+  PngBytes png_;
 };
 
 }  // namespace lumo
