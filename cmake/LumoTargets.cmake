@@ -1,6 +1,12 @@
 # Warnings and sanitizers as INTERFACE targets, linked PRIVATE by every Lumo target.
 add_library(lumo_warnings INTERFACE)
-target_compile_options(lumo_warnings INTERFACE -Wall -Wextra)
+# Beyond -Wall -Wextra, the warnings that catch real faults in code like ours: a name that
+# hides another, a class deleted through a base without a virtual destructor, an overload that
+# hides a virtual, a provable null dereference, a cast to stricter alignment, a float quietly
+# widened, a stray semicolon.
+target_compile_options(lumo_warnings INTERFACE -Wall -Wextra -Wshadow -Wnon-virtual-dtor
+                       -Woverloaded-virtual -Wnull-dereference -Wcast-align -Wdouble-promotion
+                       -Wextra-semi)
 if(LUMO_WERROR)
   target_compile_options(lumo_warnings INTERFACE -Werror)
 endif()

@@ -29,7 +29,7 @@ struct Rect {
   Size size;
 
   Rect() = default;
-  Rect(Point origin, Size size) : origin(origin), size(size) {}
+  Rect(Point at, Size extent) : origin(at), size(extent) {}
   Rect(double x, double y, double width, double height) : origin{x, y}, size{width, height} {}
 
   static Rect null();
