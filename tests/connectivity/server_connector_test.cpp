@@ -329,20 +329,6 @@ TEST_F(ServerConnectorTest, SeveralCallsAreInFlightAtOnceAndEmptyHandlersAreAllo
   EXPECT_TRUE(matched.record());
 }
 
-TEST_F(ServerConnectorTest, DestroyingTheConnectorAbandonsCallsThatOutliveItsGrace) {
-  server_.hold();
-  bool called = false;
-  auto conn = connector();
-  conn->setShutdownGrace(std::chrono::milliseconds(100));
-  conn->stopSession(
-      *session(), false, false,
-      [&called](std::shared_ptr<TestResults>, std::optional<Error>) { called = true; });
-  ASSERT_TRUE(server_.waitForRequests(1, 10s));
-  conn.reset();
-  EXPECT_FALSE(called);
-  server_.release();
-}
-
 using ServerConnectorTlsTest = test::HttpsTestServerFixture;
 
 TEST_F(ServerConnectorTlsTest, TalksToAServerWithASelfSignedCertificate) {
