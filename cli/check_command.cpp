@@ -23,18 +23,16 @@
 #include "lumo/exception.h"
 #include "lumo/lumo.h"
 #include "lumo/match_result.h"
-#include "platform/png.h"
 #include "lumo/running_session.h"
 #include "lumo/screenshot_source.h"
 #include "lumo/system_log.h"
 #include "lumo/test_failed_exception.h"
 #include "lumo/test_results.h"
+#include "platform/png.h"
 #include "report.h"
 
 namespace lumo::cli {
 namespace {
-
-constexpr std::string_view kStartFailure = "Failed to start session: ";
 
 // The screen of the checkpoint being made. A check may capture several times (its retries),
 // and every capture must show the same screen, so the queueing sources do not fit.
@@ -46,39 +44,6 @@ class CheckpointSource : public ScreenshotSource {
 
  private:
   CapturedScreen screen_;
-};
-
-// Passes every library log line on to the sink that was in place and remembers why a session
-// could not start, for the message that says so. Lines arrive on the HTTP client's thread.
-class LogWatch {
- public:
-  LogWatch() {
-    std::lock_guard lock(mutex_);
-    previous_ = setSystemLogSink([this](std::string_view line) {
-      SystemLogSink previous;
-      {
-        std::lock_guard lock(mutex_);
-        if (const auto at = line.find(kStartFailure); at != std::string_view::npos) {
-          startFailure_ = std::string(line.substr(at + kStartFailure.size()));
-        }
-        previous = previous_;
-      }
-      if (previous) previous(line);
-    });
-  }
-  ~LogWatch() { setSystemLogSink(std::move(previous_)); }
-  LogWatch(const LogWatch&) = delete;
-  LogWatch& operator=(const LogWatch&) = delete;
-
-  std::optional<std::string> startFailure() const {
-    std::lock_guard lock(mutex_);
-    return startFailure_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::optional<std::string> startFailure_;
-  SystemLogSink previous_;
 };
 
 bool isWebURL(std::string_view url) {
@@ -385,7 +350,6 @@ int runTest(const CheckOptions& o, std::ostream& out, std::ostream& err, TestRep
   const Size viewport = o.viewport.value_or(
       Size{screens.front().image->width() / o.scale, screens.front().image->height() / o.scale});
 
-  LogWatch log;
   Lumo lumo(o.serverURL, source);
   configure(lumo, o);
   const CheckSettings settings = settingsOf(o);
@@ -397,8 +361,10 @@ int runTest(const CheckOptions& o, std::ostream& out, std::ostream& err, TestRep
     lumo.ensureRunningSession();
     const auto session = lumo.runningSession();
     if (!session) {
+      const auto startError = lumo.sessionStartError();
       fmt::print(err, "lumo check: cannot reach the server at {}: {}\n", o.serverURL,
-                 log.startFailure().value_or("it did not start a session"));
+                 startError ? startError->localizedDescription()
+                            : std::string("it did not start a session"));
       return kExitUnreachable;
     }
     if (!session->sessionId()) {

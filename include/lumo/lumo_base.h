@@ -148,16 +148,6 @@ class LumoBase : public AppOutputProviderProtocol {
   void matchWindow(const RegionProviderProtocol* regionProvider, const std::string& tag,
                    bool ignoreMismatch, const CheckSettingsInternalProtocol* settings,
                    MatchHandler completionHandler);
-  void collectIgnoredRegionsFrom(const CheckSettingsInternalProtocol& settings,
-                                 ImageMatchSettings& to) const;
-  void collectLayoutRegionsFrom(const CheckSettingsInternalProtocol& settings,
-                                ImageMatchSettings& to) const;
-  void collectStrictRegionsFrom(const CheckSettingsInternalProtocol& settings,
-                                ImageMatchSettings& to) const;
-  void collectContentRegionsFrom(const CheckSettingsInternalProtocol& settings,
-                                 ImageMatchSettings& to) const;
-  void collectFloatingRegionsFrom(const CheckSettingsInternalProtocol& settings,
-                                  ImageMatchSettings& to) const;
   std::shared_ptr<AppOutputWithScreenshot> appOutputForRegion(
       const std::optional<Region>& region,
       const std::shared_ptr<LumoScreenshot>& lastSreenshot) override;
@@ -192,6 +182,9 @@ class LumoBase : public AppOutputProviderProtocol {
   std::shared_ptr<LumoScreenshot> lastScreenshot() const;
   std::shared_ptr<MatchResult> matchResult() const;
   bool shouldMatchWindowRunOnceOnTimeout() const;
+  // Why the latest session start failed, as the connector reported it; empty before any start,
+  // after a successful one, and when the server answered without a usable session.
+  std::optional<Error> sessionStartError() const;
 
  protected:
   // --- Hooks a flavour overrides -------------------------------------------------------

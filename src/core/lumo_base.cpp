@@ -1,46 +1,41 @@
 #include "lumo/lumo_base.h"
 
-#include <sys/utsname.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
 #include <mutex>
 #include <utility>
 
-#include "lumo/app_environment.h"
-#include "core/app_output.h"
-#include "core/app_output_with_screenshot.h"
 #include "common/argument_guard.h"
-#include "platform/base64.h"
+#include "common/environment_helper.h"
+#include "common/error_builder.h"
+#include "common/logger.h"
+#include "common/lumo_screenshot.h"
+#include "common/rectangle_size.h"
+#include "connectivity/server_connector.h"
+#include "core/app_output_with_screenshot.h"
+#include "core/checkpoint_capture.h"
+#include "core/fluent/match_settings_translation.h"
+#include "core/fluent/region_provider_protocol.h"
+#include "core/match_window_task.h"
+#include "core/property_handler_protocol.h"
+#include "core/simple_property_handler.h"
+#include "lumo/app_environment.h"
 #include "lumo/batch_info.h"
 #include "lumo/detail/check_settings_internal_protocol.h"
 #include "lumo/diffs_found_exception.h"
-#include "common/environment_helper.h"
-#include "common/error_builder.h"
 #include "lumo/exception.h"
-#include "platform/expectation.h"
-#include "common/logger.h"
 #include "lumo/lumo_exception.h"
-#include "common/lumo_screenshot.h"
 #include "lumo/match_result.h"
-#include "core/match_window_task.h"
 #include "lumo/new_test_exception.h"
-#include "platform/png.h"
-#include "core/property_handler_protocol.h"
-#include "common/rectangle_size.h"
-#include "core/fluent/region_filter.h"
-#include "core/fluent/region_provider_protocol.h"
 #include "lumo/running_session.h"
-#include "connectivity/server_connector.h"
 #include "lumo/session_start_info.h"
-#include "core/simple_property_handler.h"
 #include "lumo/start_session_property.h"
 #include "lumo/test_failed_exception.h"
 #include "lumo/test_results.h"
 #include "lumo/version.h"
-#include "platform/waiter.h"
 #include "pending_call.h"
+#include "platform/expectation.h"
+#include "platform/host_info.h"
+#include "platform/waiter.h"
 
 namespace lumo {
 namespace {
@@ -71,6 +66,7 @@ struct LumoBase::SharedState {
   std::shared_ptr<LumoScreenshot> lastScreenshot;
   std::shared_ptr<MatchResult> matchResult;
   bool shouldMatchWindowRunOnceOnTimeout = false;
+  std::optional<Error> sessionStartError;
 };
 
 LumoBase::LumoBase(std::string serverURL)
@@ -150,19 +146,11 @@ std::shared_ptr<AppEnvironment> LumoBase::appEnvironment() const {
       isEmpty(deviceInfo_) ? getDeviceInfo() : *deviceInfo_, viewport);
 }
 
-std::string LumoBase::getOSInfo() const {
-  utsname name{};
-  if (uname(&name) != 0) return "Unknown OS";
-  return fmt::format("{} {}", name.sysname, name.release);
-}
+std::string LumoBase::getOSInfo() const { return HostInfo::operatingSystem(); }
 
 std::string LumoBase::getHostingAppInfo() const { return "Test app"; }
 
-std::string LumoBase::getDeviceInfo() const {
-  std::array<char, 256> host{};
-  if (gethostname(host.data(), host.size() - 1) != 0) return "Unknown device";
-  return host.data();
-}
+std::string LumoBase::getDeviceInfo() const { return HostInfo::deviceName(); }
 
 // --- Opening ---------------------------------------------------------------------------
 
@@ -216,6 +204,10 @@ void LumoBase::startSessionCall(std::shared_ptr<detail::PendingCall> call,
       propertyOrEnvironment(baselineBranchName_, "BRIXTEL_BASELINE_BRANCH"), saveDiffs_,
       defaultMatchSettings_);
   Logger::log("Starting server session...");
+  {
+    std::lock_guard lock(shared_->mutex);
+    shared_->sessionStartError.reset();
+  }
   auto text = fmt::format("'{}' of '{}' {}", textOrNull(testName_), textOrNull(appName_),
                           environment->description());
   serverConnector_->startSessionWithInfo(
@@ -225,7 +217,12 @@ void LumoBase::startSessionCall(std::shared_ptr<detail::PendingCall> call,
         auto shared = weakShared.lock();
         if (!shared) return;
         auto apply = [&](bool inTime) {
-          if (error || !session) return;
+          if (error) {
+            shared->sessionStartError = error;
+          }
+          if (error || !session) {
+            return;
+          }
           // A start answered after its wait gave up is still the test's session, unless a later
           // start has already put one in place.
           if (!inTime && shared->runningSession) return;
@@ -334,16 +331,8 @@ void LumoBase::matchWindow(const RegionProviderProtocol* regionProvider, const s
   std::int64_t retryTimeout = -1;
   if (settings) {
     retryTimeout = static_cast<std::int64_t>(settings->getTimeoutInSeconds());
-    MatchLevel level = settings->getMatchLevel();
-    // "None" on a check means the check sets no level of its own.
-    if (level == MatchLevelNone) level = defaultMatchSettings_->matchLevel();
-    imageMatchSettings = std::make_shared<ImageMatchSettings>(level);
-    collectIgnoredRegionsFrom(*settings, *imageMatchSettings);
-    collectLayoutRegionsFrom(*settings, *imageMatchSettings);
-    collectStrictRegionsFrom(*settings, *imageMatchSettings);
-    collectContentRegionsFrom(*settings, *imageMatchSettings);
-    collectFloatingRegionsFrom(*settings, *imageMatchSettings);
-    imageMatchSettings->setIgnoreCaret(settings->getIgnoreCaret());
+    imageMatchSettings = std::make_shared<ImageMatchSettings>(MatchSettingsTranslation::translate(
+        *settings, defaultMatchSettings_->matchLevel(), statusBarHeight(), shouldCropStatusBar_));
   }
   Logger::log("Calling match window...");
   std::optional<Region> region;
@@ -361,57 +350,6 @@ void LumoBase::matchWindow(const RegionProviderProtocol* regionProvider, const s
                                 std::move(completionHandler));
 }
 
-namespace {
-
-template <typename Providers>
-std::vector<Region> filteredRegions(const Providers& providers, double statusBarHeight,
-                                    bool shouldCropStatusBar) {
-  std::vector<Region> regions;
-  regions.reserve(providers.size());
-  for (const auto& provider : providers) {
-    regions.push_back(
-        *RegionFilter::filterRegion(provider->getRegion(), statusBarHeight, shouldCropStatusBar));
-  }
-  return regions;
-}
-
-}  // namespace
-
-void LumoBase::collectIgnoredRegionsFrom(const CheckSettingsInternalProtocol& settings,
-                                         ImageMatchSettings& to) const {
-  to.setIgnoredRegions(
-      filteredRegions(settings.getIgnoredRegions(), statusBarHeight(), shouldCropStatusBar_));
-}
-
-void LumoBase::collectLayoutRegionsFrom(const CheckSettingsInternalProtocol& settings,
-                                        ImageMatchSettings& to) const {
-  to.setLayoutRegions(
-      filteredRegions(settings.getLayoutRegions(), statusBarHeight(), shouldCropStatusBar_));
-}
-
-void LumoBase::collectStrictRegionsFrom(const CheckSettingsInternalProtocol& settings,
-                                        ImageMatchSettings& to) const {
-  to.setStrictRegions(
-      filteredRegions(settings.getStrictRegions(), statusBarHeight(), shouldCropStatusBar_));
-}
-
-void LumoBase::collectContentRegionsFrom(const CheckSettingsInternalProtocol& settings,
-                                         ImageMatchSettings& to) const {
-  to.setContentRegions(
-      filteredRegions(settings.getContentRegions(), statusBarHeight(), shouldCropStatusBar_));
-}
-
-void LumoBase::collectFloatingRegionsFrom(const CheckSettingsInternalProtocol& settings,
-                                          ImageMatchSettings& to) const {
-  std::vector<FloatingMatchSettings> regions;
-  regions.reserve(settings.getFloatingRegions().size());
-  for (const auto& provider : settings.getFloatingRegions()) {
-    regions.emplace_back(*RegionFilter::filterFloatingRegion(
-        provider->getRegion(), statusBarHeight(), shouldCropStatusBar_));
-  }
-  to.setFloatingRegions(std::move(regions));
-}
-
 std::shared_ptr<AppOutputWithScreenshot> LumoBase::appOutputForRegion(
     const std::optional<Region>& region, const std::shared_ptr<LumoScreenshot>& lastSreenshot) {
   return appOutputWithScreenshotForRegion(region, lastSreenshot);
@@ -421,27 +359,17 @@ std::shared_ptr<AppOutputWithScreenshot> LumoBase::appOutputWithScreenshotForReg
     const std::optional<Region>& region, const std::shared_ptr<LumoScreenshot>& /*last*/) {
   Logger::log("Getting screenshot...");
   auto shot = screenshot();
-  if (!shot) return nullptr;
-  Logger::log("Done getting screenshot!");
-  const double scale = scaleRatio();
-  if (region && !region->isEmpty()) {
-    shot->cropRegion(*region, scale);
-  } else if (shouldCropStatusBar_) {
-    shot->cropStatusBarWithHeight(statusBarHeight(), scale);
+  if (!shot) {
+    return nullptr;
   }
-  auto downscaled = shot->downscale(scale);
-  AppOutput appOutput(title(), base64ScreenshotStringFromScreenshot(downscaled));
-  // The image sent is the downscaled one; the one kept for the next comparison is full size.
-  return std::make_shared<AppOutputWithScreenshot>(std::move(appOutput), shot);
+  Logger::log("Done getting screenshot!");
+  return CheckpointCapture::capture(
+      shot, {region, scaleRatio(), shouldCropStatusBar_, statusBarHeight()}, title());
 }
 
 std::string LumoBase::base64ScreenshotStringFromScreenshot(
     const std::shared_ptr<LumoScreenshot>& screenshot) const {
-  ArgumentGuard::notNil(screenshot, "screenshot");
-  // A screenshot still holding its source's PNG needs no encoding: the bytes are those pixels.
-  if (const auto& png = screenshot->png()) return base64Encode(*png);
-  const auto& image = screenshot->image();
-  return base64Encode(image ? encodePng(*image) : std::vector<std::uint8_t>{});
+  return CheckpointCapture::base64Png(screenshot);
 }
 
 void LumoBase::validateResult(const std::shared_ptr<MatchResult>& result, const std::string& tag) {
@@ -590,6 +518,11 @@ std::shared_ptr<LumoScreenshot> LumoBase::lastScreenshot() const {
 std::shared_ptr<MatchResult> LumoBase::matchResult() const {
   std::lock_guard lock(shared_->mutex);
   return shared_->matchResult;
+}
+
+std::optional<Error> LumoBase::sessionStartError() const {
+  std::lock_guard lock(shared_->mutex);
+  return shared_->sessionStartError;
 }
 
 bool LumoBase::shouldMatchWindowRunOnceOnTimeout() const {

@@ -3,9 +3,9 @@
 #include <memory>
 #include <string>
 
+#include "common/error_builder.h"
 #include "lumo/application_is_not_running_exception.h"
 #include "lumo/diffs_found_exception.h"
-#include "common/error_builder.h"
 #include "lumo/lumo_exception.h"
 #include "lumo/new_test_exception.h"
 #include "lumo/out_of_bounds_exception.h"
@@ -59,85 +59,65 @@ TEST_F(OutcomeTest, MissingValuesPrintAsNull) {
             Error("com.brixtel.lumo", 1, "--- Time-out"));
 }
 
-TEST_F(OutcomeTest, ExceptionsAreNamedForTheirClassAndKeepTheResults) {
+// Each kind's name, reason and results; an outcome's exception says the words of its error.
+TEST_F(OutcomeTest, ExceptionsAreNamedForTheirClassAndSayTheirReason) {
+  const auto said = [&](TestErrorType type) {
+    return ErrorBuilder::errorWithTestResults(results_, info_, type).localizedDescription();
+  };
   const TestFailedException failed(results_, info_);
   const DiffsFoundException diffs(results_, info_);
   const NewTestException fresh(results_, info_);
-  EXPECT_EQ(failed.name(), "TestFailedException");
-  EXPECT_EQ(diffs.name(), "DiffsFoundException");
-  EXPECT_EQ(fresh.name(), "NewTestException");
-  for (const TestFailedException* e : {&failed, static_cast<const TestFailedException*>(&diffs),
-                                       static_cast<const TestFailedException*>(&fresh)}) {
-    EXPECT_EQ(e->testResults(), results_);  // the same record, not a copy
-    EXPECT_TRUE(e->userInfo().empty());
-    EXPECT_STREQ(e->what(), e->reason().c_str());
+  const ApplicationIsNotRunningException notRunning;
+  const LumoException running("A test is already running");
+  const OutOfBoundsException outside(Region(Rect(4.5, 7.5, 10.5, 13.5)), Region(0, 0, 100, 100));
+  const Exception illegal = illegalArgumentException("must be > 0");
+  struct Case {
+    const Exception& e;
+    const char* name;
+    std::string reason;
+    std::shared_ptr<TestResults> results;
+  };
+  for (const Case& c : {
+           Case{failed, "TestFailedException", said(TestErrorTypeFailed), results_},
+           Case{diffs, "DiffsFoundException", said(TestErrorTypeDiffsFound), results_},
+           Case{fresh, "NewTestException", said(TestErrorTypeNewTest), results_},
+           Case{notRunning, "ApplicationIsNotRunningException",
+                "The target application is not running. Please make sure you passed your "
+                "XCUIApplication instance to the 'testedApplication' parameter (if "
+                "necessary), and that you invoked the 'launch' method for this instance.",
+                nullptr},
+           Case{running, "LumoException", "A test is already running", nullptr},
+           Case{outside, "OutOfBoundsException",
+                "Region [{{4.5, 7.5}, {10.5, 13.5}}] is out of screenshot bounds [{{0, 0}, "
+                "{100, 100}}]",
+                nullptr},
+           Case{illegal, "IllegalArgumentException", "must be > 0", nullptr},
+       }) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(c.e.name(), c.name);
+    EXPECT_EQ(c.e.reason(), c.reason);
+    EXPECT_STREQ(c.e.what(), c.reason.c_str());
+    EXPECT_TRUE(c.e.userInfo().empty());
+    if (const auto* outcome = dynamic_cast<const TestFailedException*>(&c.e)) {
+      EXPECT_EQ(outcome->testResults(), c.results);  // the same record, not a copy
+    }
   }
-  // Error value and exception of one outcome say the same words.
-  EXPECT_EQ(failed.reason(),
-            ErrorBuilder::errorWithTestResults(results_, info_, TestErrorTypeFailed)
-                .localizedDescription());
-  EXPECT_EQ(diffs.reason(),
-            ErrorBuilder::errorWithTestResults(results_, info_, TestErrorTypeDiffsFound)
-                .localizedDescription());
-  EXPECT_EQ(fresh.reason(),
-            ErrorBuilder::errorWithTestResults(results_, info_, TestErrorTypeNewTest)
-                .localizedDescription());
+  EXPECT_NE(dynamic_cast<const LumoException*>(&outside), nullptr);
 }
 
-TEST_F(OutcomeTest, CatchingTheBaseSeesTheConcreteKind) {
-  try {
-    throw DiffsFoundException(results_, info_);
-  } catch (const Exception& e) {
-    EXPECT_EQ(e.name(), "DiffsFoundException");
-    EXPECT_NE(dynamic_cast<const TestFailedException*>(&e), nullptr);
-  }
-}
-
-TEST(TestFailedException, ReasonsAreKeptAsGiven) {
+TEST(Exception, MissingReasonsAreEmptyAndTimeOutsCarryNoResults) {
+  EXPECT_EQ(LumoException(std::nullopt).reason(), "");
+  EXPECT_EQ(LumoException("").reason(), "");
   const TestFailedException timeout("--- Time-out exception");
   EXPECT_EQ(timeout.reason(), "--- Time-out exception");
   EXPECT_EQ(timeout.testResults(), nullptr);
-  EXPECT_EQ(TestFailedException("").reason(), "");
   auto results = std::make_shared<TestResults>();
-  const TestFailedException withReason(results, "");
-  EXPECT_EQ(withReason.reason(), "");
-  EXPECT_EQ(withReason.testResults(), results);
-}
-
-TEST(ApplicationIsNotRunningException, HasItsFixedReasonAndNoResults) {
-  const ApplicationIsNotRunningException e;
-  EXPECT_EQ(e.name(), "ApplicationIsNotRunningException");
-  EXPECT_EQ(e.testResults(), nullptr);
-  EXPECT_EQ(e.reason(),
-            "The target application is not running. Please make sure you passed your "
-            "XCUIApplication instance to the 'testedApplication' parameter (if necessary), and "
-            "that you invoked the 'launch' method for this instance.");
-}
-
-TEST(LumoException, MissingOrEmptyReasonBecomesEmptyText) {
-  EXPECT_EQ(LumoException(std::nullopt).reason(), "");
-  EXPECT_EQ(LumoException("").reason(), "");
-  const LumoException e("A test is already running");
-  EXPECT_EQ(e.name(), "LumoException");
-  EXPECT_EQ(e.reason(), "A test is already running");
-  EXPECT_TRUE(e.userInfo().empty());
-}
-
-TEST(OutOfBoundsException, QuotesBothRegions) {
-  const OutOfBoundsException e(Region(Rect(4.5, 7.5, 10.5, 13.5)), Region(0, 0, 100, 100));
-  EXPECT_EQ(e.name(), "OutOfBoundsException");
-  EXPECT_EQ(
-      e.reason(),
-      "Region [{{4.5, 7.5}, {10.5, 13.5}}] is out of screenshot bounds [{{0, 0}, {100, 100}}]");
-  EXPECT_NE(dynamic_cast<const LumoException*>(&e), nullptr);
-}
-
-TEST(Exception, IllegalArgumentIsAPlainNamedException) {
-  const Exception e =
-      illegalArgumentException("Match timeout must be set in seconds, and must be > 0");
-  EXPECT_EQ(e.name(), "IllegalArgumentException");
-  EXPECT_EQ(e.reason(), "Match timeout must be set in seconds, and must be > 0");
-  EXPECT_TRUE(e.userInfo().empty());
+  EXPECT_EQ(TestFailedException(results, "").testResults(), results);
+  try {
+    throw DiffsFoundException(results, SessionStartInfo());
+  } catch (const Exception& e) {
+    EXPECT_EQ(e.name(), "DiffsFoundException") << "catching the base sees the concrete kind";
+  }
 }
 
 }  // namespace

@@ -48,44 +48,43 @@ TEST_F(SessionStartInfoTest, WritesTheEightKeysAndNestedRecords) {
   EXPECT_EQ(info_.dictionary(), expected);
 }
 
-TEST_F(SessionStartInfoTest, ParentAndBaselineKeysCarryTheBranchName) {
-  setUp("feature", "main", std::nullopt);
-  Json json = info_.dictionary();
-  EXPECT_EQ(json["branchName"], "feature");
-  EXPECT_EQ(json["parentBranchName"], "feature");
-  EXPECT_FALSE(json.contains("baselineBranchName"));
-
-  setUp("feature", "", "release");
-  json = info_.dictionary();
-  EXPECT_FALSE(json.contains("parentBranchName"));
-  EXPECT_EQ(json["baselineBranchName"], "feature");
-}
-
-TEST_F(SessionStartInfoTest, EmptyBranchNameIsLeftOutButStillFillsTheOtherKeys) {
-  setUp("", "main", std::nullopt);
-  const Json json = info_.dictionary();
-  EXPECT_FALSE(json.contains("branchName"));
-  EXPECT_EQ(json["parentBranchName"], "");
-}
-
-TEST_F(SessionStartInfoTest, ParentBranchWithoutBranchNameRefusesToWrite) {
-  setUp(std::nullopt, "main", std::nullopt);
-  try {
-    (void)info_.dictionary();
-    FAIL() << "wrote a start record without a branch name";
-  } catch (const Exception& e) {
-    EXPECT_EQ(e.name(), "IllegalArgumentException");
-    EXPECT_NE(e.reason().find("parentBranchName"), std::string::npos) << e.reason();
+// The branch keys: present when their own value is non-empty, each carrying the branch name;
+// a parent or baseline branch without a branch name cannot be written.
+TEST_F(SessionStartInfoTest, BranchKeysCarryTheBranchName) {
+  struct Case {
+    Opt branch, parent, baseline, baselineEnv;
+    const char* keys;  // the written keys, or "throws"
+  };
+  for (const Case& c : {
+           Case{"feature", "main", std::nullopt, "env",
+                R"({"branchName":"feature","parentBranchName":"feature","baselineEnvName":"env"})"},
+           Case{"feature", "", "release", "",
+                R"({"branchName":"feature","baselineBranchName":"feature"})"},
+           Case{"", "main", std::nullopt, std::nullopt, R"({"parentBranchName":""})"},
+           Case{std::nullopt, "main", std::nullopt, std::nullopt, "throws"},
+           Case{std::nullopt, std::nullopt, "base", std::nullopt, "throws"},
+       }) {
+    SCOPED_TRACE(c.keys);
+    setUp(c.branch, c.parent, c.baseline, c.baselineEnv);
+    if (std::string(c.keys) == "throws") {
+      try {
+        (void)info_.dictionary();
+        ADD_FAILURE() << "wrote a start record without a branch name";
+      } catch (const Exception& e) {
+        EXPECT_EQ(e.name(), "IllegalArgumentException");
+        EXPECT_NE(e.reason().find("BranchName"), std::string::npos) << e.reason();
+      }
+      continue;
+    }
+    Json written = Json::object();
+    for (const char* key :
+         {"branchName", "parentBranchName", "baselineBranchName", "baselineEnvName"}) {
+      if (info_.dictionary().contains(key)) {
+        written[key] = info_.dictionary()[key];
+      }
+    }
+    EXPECT_EQ(written, Json::parse(c.keys));
   }
-  setUp(std::nullopt, std::nullopt, "base");
-  EXPECT_THROW((void)info_.dictionary(), Exception);
-}
-
-TEST_F(SessionStartInfoTest, BaselineEnvNameOnlyWhenNotEmpty) {
-  setUp(std::nullopt, std::nullopt, std::nullopt, "");
-  EXPECT_FALSE(info_.dictionary().contains("baselineEnvName"));
-  setUp(std::nullopt, std::nullopt, std::nullopt, "env");
-  EXPECT_EQ(info_.dictionary()["baselineEnvName"], "env");
 }
 
 TEST_F(SessionStartInfoTest, SetupChecksRequiredValuesInOrderAndKeepsOldValues) {

@@ -5,8 +5,6 @@
 #include <limits>
 #include <string>
 
-#include "common/test_results_keys.h"
-
 namespace lumo {
 namespace {
 
@@ -238,13 +236,6 @@ TEST(DefaultMatchSettings, RegionListHelpersRoundTrip) {
                 DefaultMatchSettings::dictionariesFromRegions(regions)),
             regions);
   EXPECT_TRUE(DefaultMatchSettings::regionsFromDictionaries(Json::object()).empty());
-}
-
-TEST(TestResultsKeys, SpellTheServerKeys) {
-  EXPECT_STREQ(RemainderKey, "remainder");
-  EXPECT_STREQ(HostOSKey, "hostOS");
-  EXPECT_STREQ(IdKey, "id");
-  EXPECT_STREQ(StepsInfoKey, "stepsInfo");
 }
 
 }  // namespace

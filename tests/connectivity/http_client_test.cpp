@@ -97,27 +97,6 @@ TEST_F(HttpClientTest, ReusesTheConnectionAndRunsHandlersOnOneWorkerThread) {
   EXPECT_EQ(threads.size(), 1u);
 }
 
-TEST_F(HttpClientTest, TransportFailuresSayWhatFailed) {
-  HttpClient client;
-  test::RefusingPort refusing;
-  Call refused(client, request("http://127.0.0.1:" + std::to_string(refusing.port()) + "/x"));
-  ASSERT_TRUE(refused.outcome().error);
-  EXPECT_FALSE(refused.outcome().response);
-  EXPECT_EQ(refused.outcome().error->domain(), HttpClient::kErrorDomain);
-  EXPECT_THAT(refused.outcome().error->localizedDescription(), HasSubstr("Connection refused"));
-}
-
-TEST_F(HttpClientTest, ATransferThatOutlivesItsBoundTimesOut) {
-  server_.enqueue({.delay = 30s});
-  HttpClient client;
-  HttpRequest slow = request(server_.baseURL() + "/slow");
-  slow.timeoutInterval = 200ms;
-  Call call(client, slow);
-  ASSERT_TRUE(call.outcome().error);
-  EXPECT_THAT(call.outcome().error->localizedDescription(), HasSubstr("timed out"));
-  EXPECT_EQ(HttpRequest{}.timeoutInterval, 60s);
-}
-
 TEST_F(HttpClientTest, UrlsThatCannotBeSentFailWithoutTouchingTheNetwork) {
   HttpClient client;
   const std::string base = server_.baseURL();
@@ -201,16 +180,6 @@ TEST_F(HttpClientTest, HandlersMaySendFurtherRequests) {
       });
   ASSERT_EQ(Waiter::waitForExpectations({done}, 10s), WaiterResult::completed);
   EXPECT_EQ(secondStatus, 202);
-}
-
-using HttpClientTlsTest = test::HttpsTestServerFixture;
-
-TEST_F(HttpClientTlsTest, AcceptsTheServersSelfSignedCertificate) {
-  server_.enqueue({.body = R"({"ok":true})"});
-  HttpClient client;
-  Call call(client, request(server_.baseURL() + "/tls"));
-  ASSERT_TRUE(call.outcome().response) << call.outcome().error->localizedDescription();
-  EXPECT_EQ(call.outcome().response->body, R"({"ok":true})");
 }
 
 }  // namespace

@@ -1,30 +1,16 @@
 #include "lumo/lumo_base.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include "lumo/app_environment.h"
 #include "lumo/exception.h"
 #include "lumo/test_results.h"
 #include "lumo/version.h"
 #include "support/log_capture.h"
+#include "support/scoped_env.h"
 
 namespace lumo {
 namespace {
-
-// Sets an environment variable for one test and restores it afterwards.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : name_(name) {
-    if (const char* old = getenv(name)) old_ = old;
-    value ? setenv(name, value, 1) : unsetenv(name);
-  }
-  ~ScopedEnv() { old_ ? setenv(name_, old_->c_str(), 1) : unsetenv(name_); }
-
- private:
-  const char* name_;
-  std::optional<std::string> old_;
-};
 
 class Flavour : public LumoBase {
  public:
@@ -91,7 +77,7 @@ TEST(LumoBase, EnvironmentPrefersTheUsersOverrides) {
 }
 
 TEST(LumoBase, OpenNeedsTheControllersOwnApiKey) {
-  ScopedEnv key("BRIXTEL_API_KEY", "from-environment");
+  test::ScopedEnv key("BRIXTEL_API_KEY", "from-environment");
   LumoBase lumo("https://example");
   test::LogCapture log;
   EXPECT_THROW(lumo.openBase("App", "Test", {1, 1}), Exception);

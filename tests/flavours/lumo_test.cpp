@@ -10,19 +10,20 @@
 #include <functional>
 #include <thread>
 
-#include "platform/base64.h"
+#include "connectivity/server_connector.h"
+#include "core/fluent/region_provider_protocol.h"
 #include "lumo/detail/json.h"
 #include "lumo/lumo_exception.h"
 #include "lumo/match_result.h"
 #include "lumo/new_test_exception.h"
-#include "platform/png.h"
-#include "core/fluent/region_provider_protocol.h"
 #include "lumo/running_session.h"
-#include "connectivity/server_connector.h"
 #include "lumo/test_failed_exception.h"
 #include "lumo/test_results.h"
+#include "platform/base64.h"
+#include "platform/png.h"
 #include "support/fast_wait_policy.h"
 #include "support/log_capture.h"
+#include "support/scoped_env.h"
 #include "support/test_server.h"
 
 namespace lumo {
@@ -154,17 +155,10 @@ TEST_F(LumoTest, NewTestStartsWith201AndEndsAsNewTestException) {
   EXPECT_EQ(policy_->sleeps(), std::vector<std::int64_t>{2});
   EXPECT_EQ(matchRequests().size(), 1u);
 
-  try {
-    lumo_->close(nullptr);
-    FAIL() << "a new test must throw";
-  } catch (const NewTestException& e) {
-    EXPECT_EQ(e.name(), "NewTestException");
-    EXPECT_EQ(e.reason(), "Login of Shop. Please approve the new baseline at http://results/s1");
-    ASSERT_TRUE(e.testResults());
-    EXPECT_TRUE(e.testResults()->isNew());
-  }
+  EXPECT_THROW(lumo_->close(nullptr), NewTestException);
   auto lines = log.lines();
-  EXPECT_TRUE(contains(lines, "[BrixtelLumo] Automatically save test? YES"));
+  EXPECT_TRUE(contains(lines, "[BrixtelLumo] --- New test started - 'Login' of 'Shop' " +
+                                  lumo_->appEnvironment()->description()));
   EXPECT_TRUE(contains(lines,
                        "[BrixtelLumo] --- New test ended. Please approve the new baseline at "
                        "http://results/s1"));
@@ -174,6 +168,74 @@ TEST_F(LumoTest, NewTestStartsWith201AndEndsAsNewTestException) {
   EXPECT_EQ(stop[0].query, "apiKey=key&aborted=0&updateBaseline=1");
   EXPECT_FALSE(lumo_->isOpen());
   EXPECT_FALSE(lumo_->runningSession());
+}
+
+// What the controller puts into the start record: a branch property beats its environment
+// variable and an empty one falls back to it; no batch gives a nameless one; properties go
+// along in order.
+TEST_F(LumoTest, StartRecordTakesConfigurationThenEnvironment) {
+  test::ScopedEnv branch("BRIXTEL_BRANCH", "env-branch");
+  test::ScopedEnv parent("BRIXTEL_PARENT_BRANCH", "env-parent");
+  test::ScopedEnv baseline("BRIXTEL_BASELINE_BRANCH", nullptr);
+  test::ScopedEnv batchId("BRIXTEL_BATCH_ID", nullptr);
+  test::ScopedEnv batchName("BRIXTEL_BATCH_NAME", nullptr);
+  lumo_->setBranchName("feature");
+  lumo_->setParentBranchName("");
+  lumo_->setSaveDiffs(true);
+  lumo_->setBaselineEnvName("my phone");
+  lumo_->addProperty("team", "checkout");
+  lumo_->addProperty("team", "again");
+  LogCapture log;
+  lumo_->open("Shop", "Login", {100, 200});
+  lumo_->check("home");
+  const Json start = Json::parse(requests("POST", true).at(0).body)["startInfo"];
+  EXPECT_EQ(start["appIdOrName"], "Shop");
+  EXPECT_EQ(start["scenarioIdOrName"], "Login");
+  EXPECT_EQ(start["branchName"], "feature");
+  // Present because the environment gave a parent; it carries the branch name on purpose.
+  EXPECT_EQ(start["parentBranchName"], "feature");
+  EXPECT_FALSE(start.contains("baselineBranchName"));
+  EXPECT_EQ(start["baselineEnvName"], "myphone");
+  EXPECT_EQ(start["saveDiffs"], true);
+  EXPECT_FALSE(start["batchInfo"].contains("name"));
+  EXPECT_FALSE(start["batchInfo"]["id"].get<std::string>().empty());
+  EXPECT_EQ(start["properties"], Json::parse(R"([{"name":"team","value":"checkout"},
+                                                 {"name":"team","value":"again"}])"));
+  EXPECT_EQ(start["environment"]["displaySize"], Json::parse(R"({"width":100,"height":200})"));
+  const auto lines = log.lines();
+  for (const char* line : {"[BrixtelLumo] No running session, calling start session..",
+                           "[BrixtelLumo] No batch set", "[BrixtelLumo] Starting server session...",
+                           "[BrixtelLumo] Calling match window...", "[BrixtelLumo] Done!"}) {
+    EXPECT_TRUE(contains(lines, line)) << line;
+  }
+  EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+    return line.starts_with("[BrixtelLumo] --- Test started - 'Login' of 'Shop' ");
+  }));
+  lumo_->close(nullptr);
+}
+
+// The save decision on the wire for each pair of session kind and save flag.
+TEST_F(LumoTest, SaveFlagsDecideUpdateBaseline) {
+  struct Case {
+    bool newSession, saveNewTests, saveFailedTests;
+    const char* query;
+  };
+  for (const Case& c : {Case{true, false, false, "apiKey=key&aborted=0&updateBaseline=0"},
+                        Case{false, true, true, "apiKey=key&aborted=0&updateBaseline=1"},
+                        Case{false, true, false, "apiKey=key&aborted=0&updateBaseline=0"}}) {
+    SCOPED_TRACE(c.query);
+    script(c.newSession, {}, true, resultsWith("Passed", false));
+    lumo_->setSaveNewTests(c.saveNewTests);
+    lumo_->setSaveFailedTests(c.saveFailedTests);
+    lumo_->open("Shop", "Login", {100, 200});
+    lumo_->check("home");
+    LogCapture log;
+    lumo_->close(nullptr);
+    EXPECT_EQ(requests("DELETE", false).back().query, c.query);
+    const bool saved = std::string(c.query).ends_with("1");
+    EXPECT_TRUE(contains(log.lines(), std::string("[BrixtelLumo] Automatically save test? ") +
+                                          (saved ? "YES" : "NO")));
+  }
 }
 
 TEST_F(LumoTest, EachVerdictAsErrorOrException) {
@@ -223,35 +285,17 @@ TEST_F(LumoTest, EachVerdictAsErrorOrException) {
   }
 }
 
-TEST_F(LumoTest, RetryLoopStopsAtTheFirstMatchingRound) {
-  script(false, {false, true}, true, resultsWith("Passed", false));
-  lumo_->open("Shop", "Login", {100, 200});
-  auto result = lumo_->check("home", CheckSettings().timeoutInSeconds(5));
-  ASSERT_TRUE(result);
-  EXPECT_TRUE(result->asExpected());
-  auto matches = matchRequests();
-  ASSERT_EQ(matches.size(), 2u) << "two rounds, no last attempt";
-  for (const auto& request : matches) {
-    EXPECT_TRUE(Json::parse(request.body)["options"]["ignoreMismatch"].get<bool>());
-  }
-  EXPECT_EQ(policy_->sleeps(), (std::vector<std::int64_t>{1, 1}));
-  EXPECT_FALSE(lumo_->shouldMatchWindowRunOnceOnTimeout());
-  lumo_->close(nullptr);
-}
-
-TEST_F(LumoTest, ServerThatNeverMatchesGetsTheLastAttemptThenRunsOnce) {
+// The rounds themselves are the task's; the controller logs the mismatch and runs later checks
+// once.
+TEST_F(LumoTest, MismatchOnAnExistingBaselineMakesLaterChecksRunOnce) {
   script(false, {}, false, resultsWith("Unresolved", false));
   LogCapture log;
   lumo_->open("Shop", "Login", {100, 200});
   auto result = lumo_->check("home", CheckSettings().timeoutInSeconds(3));
   ASSERT_TRUE(result);
   EXPECT_FALSE(result->asExpected());
-  auto matches = matchRequests();
-  ASSERT_EQ(matches.size(), 4u) << "three rounds and the last attempt";
-  EXPECT_FALSE(Json::parse(matches.back().body)["options"]["ignoreMismatch"].get<bool>());
-  auto lines = log.lines();
-  EXPECT_TRUE(contains(lines, "Retry timeout seconds left = 1"));
-  EXPECT_TRUE(contains(lines, "[BrixtelLumo] Mismatch! (home)"));
+  EXPECT_EQ(matchRequests().size(), 4u) << "three rounds and the last attempt";
+  EXPECT_TRUE(contains(log.lines(), "[BrixtelLumo] Mismatch! (home)"));
   EXPECT_TRUE(lumo_->shouldMatchWindowRunOnceOnTimeout());
 
   // After a mismatch the next check sleeps its timeout once and makes a single attempt.
@@ -435,17 +479,6 @@ TEST_F(LumoTest, OpeningTwiceAbortsTheRunningTestAndFails) {
   lumo_->open("Shop", "Login", {100, 200});  // the abort left the controller closed
 }
 
-TEST_F(LumoTest, MissingApiKeyFailsAtOpen) {
-  lumo_->setApiKey(std::nullopt);
-  try {
-    lumo_->open("Shop", "Login", {100, 200});
-    FAIL();
-  } catch (const LumoException& e) {
-    EXPECT_EQ(e.reason(), "API key is missing! Please set it using setApiKey()");
-  }
-  EXPECT_TRUE(server_.requests().empty());
-}
-
 // An answer that comes after its wait gave up is still stored, as if it had come in time.
 TEST_F(LumoTest, LateAnswersAreStoredAfterTheTimeOut) {
   const auto openAndCheckThenMismatch = [this](Lumo& lumo) {
@@ -581,6 +614,10 @@ TEST(LumoUnreachable, RefusedSessionStartStillAsksTheProvidersThenFailsAtOnce) {
   EXPECT_NE(calling, lines.end());
   EXPECT_LT(ended, calling) << "the test is closed before the check goes on";
   EXPECT_FALSE(lumo.isOpen());
+  ASSERT_TRUE(lumo.sessionStartError());
+  EXPECT_EQ(
+      "[BrixtelLumo] Failed to start session: " + lumo.sessionStartError()->localizedDescription(),
+      *failed);
 }
 
 // A region the test keeps and changes after building the settings is sent as it is at the
