@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
+#include <map>
 #include <vector>
 
 // Who may see the results pages. A server that accepts only the demo key keeps them open; any
@@ -61,7 +61,7 @@ class ReviewAccess {
   Clock clock_;
   std::string openFormToken_;
   std::mutex mutex_;
-  std::unordered_map<std::string, Session> sessions_;
+  std::map<std::string, Session, std::less<>> sessions_;
 };
 
 // The value of cookie `name` in a Cookie header; empty when absent.

@@ -111,7 +111,7 @@ INSTANTIATE_TEST_SUITE_P(
              {true, true, true, false},
              false},
         Case{"LastAttemptMatches", 2, false, true, 3, {1, 1}, {true, true, true}, true}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& p) { return std::string(p.param.name); });
 
 TEST_P(MatchWindowTaskCases, PostsSleepsAndFlags) {
   const Case& c = GetParam();

@@ -372,7 +372,7 @@ TEST_P(StoreTest, AProcessKilledMidWriteLeavesEveryCommittedBaselineIntact) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, StoreTest, ::testing::Values(kSqlite, kPostgres),
-                         [](const auto& info) { return info.param.name; });
+                         [](const auto& p) { return p.param.name; });
 
 // SQLite's own layout: images as files, no temporary file left after a kill.
 TEST(SqliteStore, ImagesAreFilesAndHalfWrittenOnesAreClearedAtOpen) {
