@@ -15,15 +15,6 @@ namespace {
 
 using namespace lumo::server::testing;
 
-// A small screen: a title, a line of text and a button.
-Image screen(unsigned word = 1, Colour buttonColour = kRed, int buttonTop = 120) {
-  Image image = solid(200, 240);
-  text(image, 20, 20, 120, 16, 100);
-  text(image, 20, 60, 160, 12, word);
-  button(image, 40, buttonTop, 120, 36, buttonColour, 7);
-  return image;
-}
-
 CompareSettings at(MatchLevel level) {
   CompareSettings settings;
   settings.level = level;

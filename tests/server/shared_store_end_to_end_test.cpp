@@ -6,14 +6,7 @@
 #include <atomic>
 #include <thread>
 
-#include "await_answer.h"
-#include "lumo/app_environment.h"
-#include "lumo/batch_info.h"
-#include "lumo/image_match_settings.h"
-#include "common/match_window_data.h"
-#include "connectivity/server_connector.h"
-#include "lumo/session_start_info.h"
-#include "server_fixture.h"
+#include "client_scenario.h"
 #include "support/postgres_cluster.h"
 
 namespace lumo::server::testing {
@@ -49,85 +42,19 @@ class SharedStoreEndToEnd : public ::testing::Test {
   std::array<std::unique_ptr<Server>, 2> servers_;
 };
 
-// The client library's own requests, each to the other instance than the one before: start
-// on one, match on the other, stop on the first again, approve on the second.
+// The client library's own requests, each to the other instance than the one before.
 TEST_F(SharedStoreEndToEnd, ClientRequestsAlternatingBetweenInstances) {
-  std::array<std::shared_ptr<ServerConnector>, 2> connectors;
+  std::vector<std::shared_ptr<ServerConnector>> connectors;
   for (int i = 0; i < 2; ++i) {
-    connectors[i] =
-        ServerConnector::connectorWithServerURL(instance(i).baseUrl(), std::string(kDemoApiKey));
+    connectors.push_back(
+        ServerConnector::connectorWithServerURL(instance(i).baseUrl(), std::string(kDemoApiKey)));
   }
-  SessionStartInfo info;
-  info.setupWithAgentId(
-      "lumo/e2e", "Shop", "Checkout", std::nullopt,
-      std::make_shared<AppEnvironment>("iOS 17.2", std::nullopt, "iPhone 15", Size{200, 240}),
-      std::make_shared<BatchInfo>("Two instances"), std::nullopt, std::nullopt, std::nullopt, false,
-      std::make_shared<ImageMatchSettings>(MatchLevelStrict));
-  int request = 0;
-  auto next = [&]() -> ServerConnector& { return *connectors[request++ % 2]; };
-  auto start = [&] {
-    return await<RunningSession>(
-        [&](auto handler) { next().startSessionWithInfo(info, std::move(handler)); });
-  };
-  auto match = [&](const std::shared_ptr<RunningSession>& session, const Image& image,
-                   const std::string& tag, bool ignoreMismatch) {
-    auto data = std::make_shared<MatchWindowData>(
-        AppOutput(std::nullopt, screenshot64(image)), tag,
-        Options(tag, ignoreMismatch, false, false, false,
-                std::make_shared<ImageMatchSettings>(MatchLevelStrict)));
-    auto result = await<MatchResult>(
-        [&](auto handler) { next().matchWindowForSession(session, data, std::move(handler)); });
-    return result && result->asExpected();
-  };
-  auto stop = [&](const RunningSession& session, bool save) {
-    return await<TestResults>(
-        [&](auto handler) { next().stopSession(session, false, save, std::move(handler)); });
-  };
-  const Image home = screen(1), cart = screen(2, kBlue), changed = screen(3);
-
-  auto session = start();
-  ASSERT_TRUE(session);
-  EXPECT_TRUE(session->isNewSession());
-  EXPECT_TRUE(match(session, home, "home", false));
-  EXPECT_TRUE(match(session, cart, "cart", false));
-  auto results = stop(*session, true);
-  ASSERT_TRUE(results);
-  EXPECT_TRUE(results->isNew());
-
-  session = start();
-  ASSERT_TRUE(session);
-  EXPECT_FALSE(session->isNewSession());
-  EXPECT_TRUE(match(session, home, "home", false));
-  EXPECT_TRUE(match(session, cart, "cart", false));
-  results = stop(*session, false);
-  ASSERT_TRUE(results);
-  EXPECT_TRUE(results->isPassed());
-  EXPECT_EQ(results->matches(), 2);
-
-  session = start();
-  ASSERT_TRUE(session);
-  EXPECT_FALSE(match(session, changed, "home", true));   // a retry round on one instance,
-  EXPECT_FALSE(match(session, changed, "home", false));  // the last attempt on the other
-  EXPECT_TRUE(match(session, cart, "cart", true));
-  results = stop(*session, false);
-  ASSERT_TRUE(results);
-  EXPECT_TRUE(results->isDifferent());
-  ASSERT_TRUE(session->sessionId());
-
-  httplib::Client approver("127.0.0.1", instance(request++).port());
-  auto approved = approver.Post(
-      "/api/sessions/" + *session->sessionId() + "/approve?apiKey=" + std::string(kDemoApiKey),
-      "{}", "application/json");
-  ASSERT_TRUE(approved);
-  EXPECT_EQ(approved->status, 200) << approved->body;
-
-  session = start();
-  ASSERT_TRUE(session);
-  EXPECT_TRUE(match(session, changed, "home", false));
-  EXPECT_TRUE(match(session, cart, "cart", false));
-  results = stop(*session, false);
-  ASSERT_TRUE(results);
-  EXPECT_TRUE(results->isPassed());
+  runClientScenario(connectors, [&](const std::string& id) {
+    httplib::Client approver("127.0.0.1", instance(1).port());
+    auto res = approver.Post("/api/sessions/" + id + "/approve?apiKey=" + std::string(kDemoApiKey),
+                             "{}", "application/json");
+    return res ? res->status : 0;
+  });
 }
 
 // 32 tests at once, each request of each to the other instance than its previous one: a new
