@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "await_answer.h"
@@ -116,6 +118,65 @@ inline void runClientScenario(const std::vector<std::shared_ptr<ServerConnector>
   results = stop(*session, false);
   EXPECT_TRUE(results->isPassed());
   EXPECT_EQ(results->matches(), 2);
+}
+
+// `count` tests at once over HTTP, each request of each to the next of `ports` in turn: a new
+// run of two screens that saves, then a rerun that passes or, for every third test, sends
+// the screens swapped, so that both steps differ.
+inline void runParallelTests(const std::vector<int>& ports, int count) {
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> tests;
+  for (int t = 0; t < count; ++t) {
+    tests.emplace_back([&, t] {
+      std::vector<std::unique_ptr<httplib::Client>> clients;
+      for (const int port : ports) {
+        clients.push_back(std::make_unique<httplib::Client>("127.0.0.1", port));
+        // Requests at once queue for the servers' 16 threads; on a busy machine (or under
+        // a sanitizer) some wait longer than the client's default 5 seconds.
+        clients.back()->set_read_timeout(kAnswerBound);
+      }
+      std::size_t request = static_cast<std::size_t>(t);  // tests start on each instance
+      const std::string test = "Parallel " + std::to_string(t);
+      const std::string key = "?apiKey=" + std::string(kDemoApiKey);
+      // An answer's body; an empty object (and a failure) when there is no good answer.
+      auto body = [&](const httplib::Result& res) {
+        if (!res || res->status / 100 != 2) {
+          ADD_FAILURE() << test << ": " << (res ? res->body : httplib::to_string(res.error()));
+          return Json::object();
+        }
+        return Json::parse(res->body);
+      };
+      auto next = [&]() -> httplib::Client& { return *clients[request++ % clients.size()]; };
+      auto post = [&](const std::string& path, const Json& data) {
+        return body(next().Post(path + key, data.dump(), "application/json"));
+      };
+      const bool swapped = t % 3 == 0;
+      const unsigned word = static_cast<unsigned>(t + 1);
+      std::string verdicts;
+      for (const bool rerun : {false, true}) {
+        const std::string id =
+            post("/api/sessions/running.json", {{"startInfo", startInfo(test)}}).value("id", "");
+        for (const unsigned step : {0u, 1u}) {
+          const bool second = (step == 1) != (rerun && swapped);
+          post("/api/sessions/running/" + id + ".json",
+               matchData(screenshot64(screen(word, second ? kBlue : kRed)), "screen"));
+        }
+        const Json results = body(next().Delete("/api/sessions/running/" + id + ".json" + key +
+                                                "&updateBaseline=" + (rerun ? "0" : "1")));
+        verdicts += results.value("status", "?") + (results.value("isNew", false) ? "/new " : " ");
+      }
+      const std::string expected =
+          std::string("Unresolved/new ") + (swapped ? "Unresolved " : "Passed ");
+      if (verdicts != expected) {
+        ++wrong;
+        ADD_FAILURE() << test << ": " << verdicts << "instead of " << expected;
+      }
+    });
+  }
+  for (auto& test : tests) {
+    test.join();
+  }
+  EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace lumo::server::testing

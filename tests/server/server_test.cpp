@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-
-#include "server_fixture.h"
+#include "client_scenario.h"
 
 namespace lumo::server::testing {
 namespace {
@@ -217,43 +215,7 @@ TEST_F(ServerProtocol, ARestartKeepsARunningSessionBaselinesAndResults) {
 }
 
 TEST_F(ServerProtocol, ConcurrentSessionsDoNotDisturbOneAnother) {
-  constexpr int kTests = 4;
-  for (int t = 0; t < kTests; ++t) {
-    const std::string id = start(startInfo("Parallel " + std::to_string(t)), 201);
-    check(id, screen(t), "a");
-    check(id, screen(t + 10), "b");
-    stop(id, true);
-  }
-  std::vector<std::thread> runners;
-  std::vector<Json> results(kTests);
-  for (int t = 0; t < kTests; ++t) {
-    runners.emplace_back([&, t] {
-      httplib::Client client("127.0.0.1", server_->port());
-      const std::string query = "?" + keyQuery();
-      auto res = client.Post("/api/sessions/running.json" + query,
-                             Json{{"startInfo", startInfo("Parallel " + std::to_string(t))}}.dump(),
-                             "application/json");
-      const std::string id = Json::parse(res->body)["id"];
-      // Odd tests send their screens swapped: both steps differ.
-      const bool swap = t % 2 == 1;
-      for (unsigned step = 0; step < 2; ++step) {
-        const unsigned word = (step == 0) != swap ? t : t + 10;
-        client.Post("/api/sessions/running/" + id + ".json" + query,
-                    matchData(screenshot64(screen(word)), "step").dump(), "application/json");
-      }
-      res = client.Delete("/api/sessions/running/" + id + ".json" + query +
-                          "&aborted=0&updateBaseline=0");
-      results[t] = Json::parse(res->body);
-    });
-  }
-  for (auto& runner : runners) {
-    runner.join();
-  }
-  for (int t = 0; t < kTests; ++t) {
-    EXPECT_EQ(results[t]["name"], "Parallel " + std::to_string(t));
-    EXPECT_EQ(results[t]["status"], t % 2 == 1 ? "Unresolved" : "Passed") << t;
-    EXPECT_EQ(results[t]["matches"], t % 2 == 1 ? 0 : 2) << t;
-  }
+  runParallelTests({server_->port()}, 8);
 }
 
 }  // namespace
