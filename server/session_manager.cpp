@@ -169,7 +169,7 @@ SessionRecord SessionManager::session(const std::string& sessionId, std::string_
 SessionRecord SessionManager::runningSession(const std::string& sessionId,
                                              std::string_view apiKey) {
   SessionRecord r = session(sessionId, apiKey);
-  if (r.state != "running") {
+  if (r.state != SessionState::Running) {
     notRunning(r);
   }
   const std::int64_t now = nowMs();
@@ -180,7 +180,7 @@ SessionRecord SessionManager::runningSession(const std::string& sessionId,
   // the same outcome.
   store_.expireIdleSessions(now - options_.idleTimeout.count());
   r = session(sessionId, apiKey);
-  if (r.state != "running") {
+  if (r.state != SessionState::Running) {
     notRunning(r);
   }
   return r;
@@ -192,8 +192,9 @@ void SessionManager::notRunning(const SessionRecord& s) const {
                                     "was aborted; start a new session",
                                     s.id, options_.idleTimeout.count() / 60'000));
   }
-  throw ApiError(409, s.state == "running" ? fmt::format("session {} is still running", s.id)
-                                           : fmt::format("session {} is already stopped", s.id));
+  throw ApiError(409, s.state == SessionState::Running
+                          ? fmt::format("session {} is still running", s.id)
+                          : fmt::format("session {} is already stopped", s.id));
 }
 
 bool SessionManager::match(const std::string& sessionId, const Json& matchData,
@@ -273,11 +274,11 @@ bool SessionManager::match(const std::string& sessionId, const Json& matchData,
     bool recorded = true;
     if (!current) {
       // The client had no screenshot to send: the step cannot be judged.
-      step.outcome = "failed";
+      step.outcome = StepOutcome::Failed;
       recorded = !ignoreMismatch;
     } else if (!hasBaseline) {
       storeCurrent();
-      step.outcome = "new";
+      step.outcome = StepOutcome::New;
       asExpected = true;
     } else {
       const std::shared_ptr<const Image> baseline =
@@ -287,7 +288,7 @@ bool SessionManager::match(const std::string& sessionId, const Json& matchData,
             return image ? std::make_shared<const Image>(std::move(*image)) : nullptr;
           });
       if (!baseline) {
-        step.outcome = "failed";
+        step.outcome = StepOutcome::Failed;
         recorded = !ignoreMismatch;
         if (recorded) {
           storeCurrent();
@@ -301,7 +302,7 @@ bool SessionManager::match(const std::string& sessionId, const Json& matchData,
           step.diffImage = store_.putImage(
               detail::encodePngImage(comparer_.diffImage(*baseline, *current, settings, result)));
           step.boxes = result.boxes;
-          step.outcome = asExpected ? "matched" : "different";
+          step.outcome = asExpected ? StepOutcome::Matched : StepOutcome::Different;
         }
       }
     }
@@ -343,14 +344,14 @@ Json SessionManager::stop(const std::string& sessionId, bool aborted, bool updat
         StepRecord missing;
         missing.position = static_cast<int>(i);
         missing.name = baseline[i].name;
-        missing.outcome = "missing";
+        missing.outcome = StepOutcome::Missing;
         missing.baselineImage = baseline[i].image;
         end.addedSteps.push_back(missing);
         steps.push_back(std::move(missing));
       }
     }
     const Counts counts = count(steps);
-    end.state = aborted ? "aborted" : "stopped";
+    end.state = aborted ? SessionState::Aborted : SessionState::Stopped;
     end.status = statusOf(counts, r.isNew, aborted);
     end.durationMs = std::max<std::int64_t>(nowMs() - r.startedMs, 0);
     if (!aborted && updateBaseline && end.status == "Unresolved") {
@@ -370,12 +371,12 @@ Json SessionManager::stop(const std::string& sessionId, bool aborted, bool updat
 
 void SessionManager::approve(const std::string& sessionId, std::string_view apiKey) {
   const SessionRecord r = session(sessionId, apiKey);
-  if (r.state == "running") {
+  if (r.state == SessionState::Running) {
     throw ApiError(409, fmt::format("session {} is still running: only a stopped session can "
                                     "be approved",
                                     sessionId));
   }
-  if (r.state == "aborted") {
+  if (r.state == SessionState::Aborted) {
     throw ApiError(409, fmt::format("session {} was {} and has nothing to approve", sessionId,
                                     r.expired ? "aborted as expired" : "aborted"));
   }
@@ -395,7 +396,7 @@ void SessionManager::approve(const std::string& sessionId, std::string_view apiK
 void SessionManager::reject(const std::string& sessionId, std::optional<int> position,
                             std::string_view apiKey) {
   const SessionRecord r = session(sessionId, apiKey);
-  if (r.state != "stopped") {
+  if (r.state != SessionState::Stopped) {
     throw ApiError(409, fmt::format("session {} is not stopped: nothing to reject", sessionId));
   }
   if (!store_.rejectSession(sessionId, position)) {
@@ -407,7 +408,7 @@ void SessionManager::reject(const std::string& sessionId, std::optional<int> pos
 Json SessionManager::results(const std::string& sessionId, std::string_view baseUrl,
                              std::string_view apiKey) const {
   const SessionRecord r = session(sessionId, apiKey);
-  if (r.state == "running") {
+  if (r.state == SessionState::Running) {
     throw ApiError(409, fmt::format("session {} is still running", sessionId));
   }
   return resultsJson(r, storedStartInfo(r), store_.steps(sessionId), store_.findBatch(r.batchId),

@@ -43,16 +43,16 @@ bool isDifferent(const Counts& c, bool isNew) {
 Counts count(const std::vector<StepRecord>& steps) {
   Counts c;
   for (const StepRecord& step : steps) {
-    if (step.outcome == "matched") {
+    if (step.outcome == StepOutcome::Matched) {
       ++c.matched;
       if (const auto level = matchLevelFromName(step.matchLevel)) {
         ++c.byLevel[static_cast<int>(*level)];
       }
-    } else if (step.outcome == "different") {
+    } else if (step.outcome == StepOutcome::Different) {
       ++c.different;
-    } else if (step.outcome == "missing") {
+    } else if (step.outcome == StepOutcome::Missing) {
       ++c.missing;
-    } else if (step.outcome == "failed") {
+    } else if (step.outcome == StepOutcome::Failed) {
       ++c.failed;
     } else {
       ++c.added;
@@ -92,8 +92,9 @@ Json resultsJson(const SessionRecord& s, const Json& info, const std::vector<Ste
     }
     stepsInfo.push_back(
         {{"name", step.name},
-         {"isDifferent",
-          step.outcome == "different" || step.outcome == "missing" || step.outcome == "failed"},
+         {"isDifferent", step.outcome == StepOutcome::Different ||
+                             step.outcome == StepOutcome::Missing ||
+                             step.outcome == StepOutcome::Failed},
          {"hasBaselineImage", !step.baselineImage.empty()},
          {"hasCurrentImage", !step.currentImage.empty()},
          {"apiUrls", apiUrls},
@@ -134,7 +135,7 @@ Json resultsJson(const SessionRecord& s, const Json& info, const std::vector<Ste
       {"duration", s.durationMs / 1000},
       {"isNew", s.isNew},
       {"isDifferent", isDifferent(c, s.isNew)},
-      {"isAborted", s.state == "aborted"},
+      {"isAborted", s.state == SessionState::Aborted},
       {"status", s.status},
       {"steps", static_cast<int>(steps.size())},
       {"matches", c.matched},

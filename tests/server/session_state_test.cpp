@@ -334,7 +334,7 @@ TEST_F(SessionState, AnOverDeepStoredRecordIsRefusedUnread) {
   EXPECT_THAT(refusal([&] { instance.store->steps(id); }),
               ::testing::HasSubstr("difference boxes of step 1 nest deeper than 64"));
   const auto after = instance.store->findSession(id);
-  EXPECT_EQ(after->state, "running");
+  EXPECT_EQ(after->state, server::SessionState::Running);
   EXPECT_EQ(after->stepCount, 1);
 }
 
@@ -383,7 +383,7 @@ TEST_F(SessionState, RacingApprovalsAndStopsLoseNoUpdate) {
                       (*baseline)[1].image == steps[1].currentImage);
   }
   EXPECT_TRUE(whole);
-  EXPECT_EQ(a.store->findSession(racing)->state, "stopped");
+  EXPECT_EQ(a.store->findSession(racing)->state, server::SessionState::Stopped);
 }
 
 TEST_F(SessionState, DecodedBaselinesAreSharedByEverySession) {
