@@ -428,6 +428,26 @@ INSERT INTO steps VALUES('left', 0, 'one', 'new', 'Strict', '', '', '');
   }
 }
 
+// A state or outcome the server never writes is refused, not read as some other one.
+TEST(SqliteStore, RefusesAStateOrOutcomeItNeverWrites) {
+  TempDir dir;
+  {
+    SqliteStore store(dir.path());
+    store.addSession(session("s", "b", 0), {});
+    ASSERT_EQ(store.appendStep("s", step(0, "one"), 1), Store::Append::Appended);
+  }
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((dir.path() / "lumo.db").c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(
+      sqlite3_exec(db, "UPDATE sessions SET state = 'paused'; UPDATE steps SET outcome = 'Matched'",
+                   nullptr, nullptr, nullptr),
+      SQLITE_OK);
+  sqlite3_close(db);
+  SqliteStore store(dir.path());
+  EXPECT_THROW(store.findSession("s"), StoreError);
+  EXPECT_THROW(store.steps("s"), StoreError);
+}
+
 // Instances starting together on an empty database create the schema once between them; a
 // database a newer server migrated is refused rather than written in the old layout.
 TEST(PostgresStore, InstancesStartingTogetherMigrateOnceAndANewerSchemaIsRefused) {
