@@ -22,21 +22,21 @@
 #include <string_view>
 #include <vector>
 
+#include "common/match_window_data.h"
+#include "common/scaled_screenshot.h"
 #include "image_codec.h"
-#include "platform/base64.h"
 #include "lumo/check_settings.h"
 #include "lumo/error.h"
 #include "lumo/lumo.h"
 #include "lumo/match_result.h"
-#include "common/match_window_data.h"
-#include "platform/png.h"
 #include "lumo/running_session.h"
-#include "common/scaled_screenshot.h"
 #include "lumo/screenshot_source.h"
-#include "lumo/server/sqlite_store.h"
 #include "lumo/server/image_comparer.h"
 #include "lumo/server/server.h"
+#include "lumo/server/sqlite_store.h"
 #include "lumo/system_log.h"
+#include "platform/base64.h"
+#include "platform/png.h"
 
 namespace {
 
@@ -259,14 +259,14 @@ ServerPhases serverPhases(const std::string& sent64, const Image& changed,
   session.id = "bench";
   session.batchId = "bench";
   store.addBatch({"bench", "bench", "", 0});
-  session.state = "running";
+  session.state = server::SessionState::Running;
   store.addSession(session, {});
   int position = 0;
   phases.addStep = timed([&] {
     server::StepRecord step;
     step.position = position++;
     step.name = "home";
-    step.outcome = "matched";
+    step.outcome = server::StepOutcome::Matched;
     store.appendStep("bench", step, position);
   });
   return phases;

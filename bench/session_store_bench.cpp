@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/base64.h"
-#include "platform/png.h"
 #include "lumo/server/session_manager.h"
 #include "lumo/server/sqlite_store.h"
+#include "platform/base64.h"
+#include "platform/png.h"
 
 namespace {
 
@@ -96,7 +96,7 @@ int main() {
     store.addSession(session, {});
     int position = 0;
     append = medianMs(200, [&] {
-      StepRecord step{position, "step", "matched", "Strict", "", "", ""};
+      StepRecord step{position, "step", StepOutcome::Matched, "Strict", "", "", ""};
       store.appendStep("steps", step, position);
       ++position;
     });

@@ -28,7 +28,8 @@ std::vector<std::string_view> split(std::string_view text, char separator) {
   }
 }
 
-bool toInteger(std::string_view text, std::int64_t& value) {
+template <typename Whole>
+bool toWhole(std::string_view text, Whole& value) {
   const char* end = text.data() + text.size();
   const auto [next, error] = std::from_chars(text.data(), end, value);
   return error == std::errc() && next == end && !text.empty();
@@ -45,7 +46,7 @@ bool integers(std::string_view text, std::size_t count, std::int64_t* values) {
   const auto parts = split(text, ',');
   if (parts.size() != count) return false;
   for (std::size_t i = 0; i < count; ++i) {
-    if (!toInteger(parts[i], values[i])) return false;
+    if (!toWhole(parts[i], values[i])) return false;
   }
   return true;
 }
@@ -96,6 +97,39 @@ std::pair<std::string, std::string> parseProperty(std::string_view option, std::
     fail(option, text, "NAME=VALUE with a name and a value");
   }
   return {std::string(text.substr(0, equals)), std::string(text.substr(equals + 1))};
+}
+
+int parsePort(std::string_view option, std::string_view text) {
+  int port = 0;
+  if (!toWhole(text, port) || port < 0 || port > 65535) {
+    fail(option, text, "a port from 0 to 65535");
+  }
+  return port;
+}
+
+std::uint64_t parseMatchTimeout(std::string_view option, std::string_view text) {
+  std::uint64_t seconds = 0;
+  if (!toWhole(text, seconds) || seconds == 1) {
+    fail(option, text, "whole seconds, 0 or at least 2");
+  }
+  return seconds;
+}
+
+double parsePositiveNumber(std::string_view option, std::string_view text) {
+  double value = 0;
+  if (!toNumber(text, value) || value <= 0) {
+    fail(option, text, "a positive number");
+  }
+  return value;
+}
+
+double parseNonNegativeNumber(std::string_view option, std::string_view text,
+                              std::string_view expected) {
+  double value = 0;
+  if (!toNumber(text, value) || value < 0) {
+    fail(option, text, expected);
+  }
+  return value;
 }
 
 bool parseYesNo(std::string_view option, std::string_view text) {

@@ -31,6 +31,15 @@ Region parseRegion(std::string_view option, std::string_view text);
 FloatingArgument parseFloating(std::string_view option, std::string_view text);
 // "NAME=VALUE" with both parts non-empty; the value may itself contain "=".
 std::pair<std::string, std::string> parseProperty(std::string_view option, std::string_view text);
+// A whole number from 0 to 65535.
+int parsePort(std::string_view option, std::string_view text);
+// Whole seconds of a match time-out: 0 (check once) or at least 2, as the library accepts.
+std::uint64_t parseMatchTimeout(std::string_view option, std::string_view text);
+// A finite decimal number above 0.
+double parsePositiveNumber(std::string_view option, std::string_view text);
+// A finite decimal number of 0 or more; `expected` says what it counts in the message.
+double parseNonNegativeNumber(std::string_view option, std::string_view text,
+                              std::string_view expected);
 // "yes" or "no".
 bool parseYesNo(std::string_view option, std::string_view text);
 // "None", "Layout", "Content", "Strict" or "Exact", in any letter case.

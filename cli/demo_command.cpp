@@ -5,19 +5,19 @@
 #include <stdlib.h>
 
 #include <CLI/CLI.hpp>
-#include <charconv>
 #include <exception>
 #include <fstream>
 #include <ostream>
 #include <system_error>
 #include <vector>
 
+#include "arguments.h"
 #include "check_command.h"
 #include "demo_screens.h"
 #include "exit_status.h"
-#include "platform/png.h"
 #include "lumo/server/server.h"
 #include "lumo/system_log.h"
+#include "platform/png.h"
 #include "server_command.h"
 
 namespace lumo::cli {
@@ -124,11 +124,7 @@ bool DemoCommand::selected() const { return command_->parsed(); }
 DemoOptions DemoCommand::options() const {
   DemoOptions o = parsed_;
   if (command_->count("--port") > 0) {
-    const char* end = port_.data() + port_.size();
-    const auto [next, error] = std::from_chars(port_.data(), end, o.port);
-    if (error != std::errc() || next != end || port_.empty() || o.port < 0 || o.port > 65535) {
-      throw UsageError(fmt::format("--port: expected a port from 0 to 65535, got \"{}\"", port_));
-    }
+    o.port = parsePort("--port", port_);
   }
   if (command_->count("--write-screens") > 0 && o.writeScreens.empty()) {
     throw UsageError("--write-screens: the directory is empty");

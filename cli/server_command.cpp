@@ -6,11 +6,11 @@
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
-#include <charconv>
 #include <cstdlib>
 #include <exception>
 #include <ostream>
 
+#include "arguments.h"
 #include "exit_status.h"
 #include "lumo/server/open_store.h"
 #include "lumo/server/server.h"
@@ -86,11 +86,7 @@ bool ServerCommand::selected() const { return command_->parsed(); }
 ServerOptions ServerCommand::options() const {
   ServerOptions o = parsed_;
   if (command_->count("--port") > 0) {
-    const char* end = port_.data() + port_.size();
-    const auto [next, error] = std::from_chars(port_.data(), end, o.port);
-    if (error != std::errc() || next != end || port_.empty() || o.port < 0 || o.port > 65535) {
-      throw UsageError(fmt::format("--port: expected a port from 0 to 65535, got \"{}\"", port_));
-    }
+    o.port = parsePort("--port", port_);
   }
   if (o.host.empty()) throw UsageError("--host: the address is empty");
   if (o.dataDir.empty()) throw UsageError("--data: the directory is empty");

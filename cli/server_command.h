@@ -26,7 +26,7 @@ struct ServerOptions {
   std::filesystem::path certFile;    // HTTPS when both files are given
   std::filesystem::path keyFile;
   int baselineCacheMb = 256;  // decoded baselines kept in memory
-  std::string publicUrl;  // where result links point; empty: the listening address
+  std::string publicUrl;      // where result links point; empty: the listening address
 };
 
 // The `server` subcommand's options on the parent app, which must outlive it.

@@ -138,7 +138,7 @@ std::string boxesJson(const std::vector<Rect>& boxes) {
 }
 
 std::string differenceList(const StepRecord& step, const std::vector<Rect>* boxes) {
-  if (step.outcome == "matched") {
+  if (step.outcome == StepOutcome::Matched) {
     return "<span class=\"muted\">No differences.</span>";
   }
   if (!boxes) {
@@ -162,7 +162,7 @@ std::string differenceList(const StepRecord& step, const std::vector<Rect>* boxe
 std::string stepSection(const SessionRecord& s, const StepRecord& step,
                         const std::vector<Rect>* boxes, bool rejected, const PageContext& c) {
   std::string reject;
-  if (s.state == "stopped") {
+  if (s.state == SessionState::Stopped) {
     reject = rejected ? std::string("<span class=\"badge rejected\">rejected</span>")
                       : fmt::format(
                             "<form class=\"inline reject-step\" method=\"post\" "
@@ -178,7 +178,8 @@ std::string stepSection(const SessionRecord& s, const StepRecord& step,
       "<span class=\"muted\">{4}</span>{5}</div>"
       "<div class=\"stage mode-side zoom-fit\">{6}{7}{8}{9}</div>"
       "<div class=\"diffs\">{10}</div></section>",
-      step.position + 1, e(step.outcome), e(boxesJson(boxes ? *boxes : std::vector<Rect>())),
+      step.position + 1, e(nameOf(step.outcome)),
+      e(boxesJson(boxes ? *boxes : std::vector<Rect>())),
       e(step.name.empty() ? "(unnamed)" : step.name), e(step.matchLevel), reject,
       sidePane(step.baselineImage, "Baseline", "No baseline: a new step"),
       sidePane(step.currentImage, "Current", "No current image"),
@@ -207,10 +208,10 @@ constexpr std::string_view kViewerControls =
 }  // namespace
 
 Verdict verdictOf(const SessionRecord& s, bool rejected) {
-  if (s.state == "running") {
+  if (s.state == SessionState::Running) {
     return Verdict::Running;
   }
-  if (s.state == "aborted" || s.status == "Failed") {
+  if (s.state == SessionState::Aborted || s.status == "Failed") {
     return Verdict::Failed;
   }
   if (rejected) {
@@ -324,7 +325,7 @@ std::string batchPage(const Store& store, const BatchRecord& batch, std::string_
         "<td>{}</td><td>{}</td><td>{}</td><td>{}</td></tr>",
         badge(t.verdict), percentEncode(s.id), e(s.key.test), e(s.key.app), e(s.key.environment),
         e(s.key.branch), e(timeText(s.startedAt)),
-        s.state == "running" ? std::string() : durationText(s.durationMs));
+        s.state == SessionState::Running ? std::string() : durationText(s.durationMs));
   }
   const std::string table =
       rows.empty() ? "<div class=\"card empty-state\">No tests here.</div>"
@@ -352,13 +353,13 @@ std::string sessionPage(const Store& store, const SessionRecord& s, const PageCo
   const Verdict verdict = verdictOf(s, s.rejected);
 
   std::string actions;
-  if (s.state == "stopped" && s.status != "Failed") {
+  if (s.state == SessionState::Stopped && s.status != "Failed") {
     actions += fmt::format(
         "<form id=\"approve\" method=\"post\" action=\"/sessions/{}/approve\">{}{}"
         "<button type=\"submit\" class=\"primary\">Approve test <kbd>a</kbd></button></form>",
         percentEncode(s.id), hidden("csrf", context.formToken), hidden("step", "1"));
   }
-  if (s.state == "stopped" && !wholeTestRejected) {
+  if (s.state == SessionState::Stopped && !wholeTestRejected) {
     actions += fmt::format(
         "<form method=\"post\" action=\"/sessions/{}/reject\">{}{}<button type=\"submit\" "
         "class=\"danger\">Reject test</button></form>",
@@ -370,7 +371,7 @@ std::string sessionPage(const Store& store, const SessionRecord& s, const PageCo
     nav += fmt::format(
         "<li><a href=\"#step-{0}\" data-step=\"{0}\"><span class=\"dot {1}\"></span>"
         "<span class=\"label\">{0}. {2}</span></a></li>",
-        step.position + 1, stepRejected ? "rejected" : e(step.outcome),
+        step.position + 1, stepRejected ? "rejected" : e(nameOf(step.outcome)),
         e(step.name.empty() ? "(unnamed)" : step.name));
     sections +=
         stepSection(s, step, step.boxes.empty() ? nullptr : &step.boxes, stepRejected, context);

@@ -124,7 +124,7 @@ SessionRecord readSession(const PostgresResult& r, int row) {
   s.startInfo = r.text(row, 7);
   s.startedAt = r.text(row, 8);
   s.startedMs = r.integer(row, 9);
-  s.state = r.text(row, 10);
+  s.state = sessionStateNamed(r.text(row, 10));
   s.status = r.text(row, 11);
   s.isNew = r.boolean(row, 12);
   s.saved = r.boolean(row, 13);
@@ -141,7 +141,7 @@ StepRecord readStep(const PostgresResult& r, int row) {
   StepRecord s;
   s.position = static_cast<int>(r.integer(row, 0));
   s.name = r.text(row, 1);
-  s.outcome = r.text(row, 2);
+  s.outcome = stepOutcomeNamed(r.text(row, 2));
   s.matchLevel = r.text(row, 3);
   s.baselineImage = r.text(row, 4);
   s.currentImage = r.text(row, 5);
@@ -404,7 +404,7 @@ void PostgresStore::addSession(const SessionRecord& s, const std::vector<StoredS
             .text(s.startInfo)
             .text(s.startedAt)
             .integer(s.startedMs)
-            .text(s.state)
+            .text(std::string(nameOf(s.state)))
             .text(s.status)
             .boolean(s.isNew)
             .boolean(s.saved)
@@ -445,7 +445,7 @@ void PostgresStore::insertStep(PostgresConnection& db, const std::string& sessio
           .text(sessionId)
           .integer(step.position)
           .text(step.name)
-          .text(step.outcome)
+          .text(std::string(nameOf(step.outcome)))
           .text(step.matchLevel)
           .text(step.baselineImage)
           .text(step.currentImage)
@@ -502,7 +502,7 @@ bool PostgresStore::finishSession(const std::string& sessionId, const SessionEnd
         "UPDATE sessions SET state = $1, status = $2, duration_ms = $3, expired = $4, "
         "step_count = step_count + $5 WHERE id = $6",
         PostgresParams()
-            .text(end.state)
+            .text(std::string(nameOf(end.state)))
             .text(end.status)
             .integer(end.durationMs)
             .boolean(end.expired)

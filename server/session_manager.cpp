@@ -4,9 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <ctime>
-#include <limits>
 #include <random>
 #include <utility>
 
@@ -14,194 +12,14 @@
 #include "content_hash.h"
 #include "image_codec.h"
 #include "json_limits.h"
-#include "web_text.h"
+#include "session_input.h"
+#include "session_results.h"
 
 namespace lumo::server {
 
+using namespace detail;
+
 namespace {
-
-[[noreturn]] void badRequest(const std::string& message) { throw ApiError(400, message); }
-
-// The value under `key`, or null when it is absent or JSON null (both mean "not given").
-const Json* member(const Json& object, const char* key) {
-  const auto it = object.find(key);
-  return it == object.end() || it->is_null() ? nullptr : &*it;
-}
-
-std::string stringAt(const Json& object, const char* key, std::string_view path,
-                     bool required = false) {
-  const Json* value = member(object, key);
-  if (!value) {
-    if (required) {
-      badRequest(fmt::format("{}.{} is missing", path, key));
-    }
-    return {};
-  }
-  if (!value->is_string()) {
-    badRequest(fmt::format("{}.{} must be a string", path, key));
-  }
-  const std::string text = value->get<std::string>();
-  if (required && text.empty()) {
-    badRequest(fmt::format("{}.{} is empty", path, key));
-  }
-  return text;
-}
-
-bool boolAt(const Json& object, const char* key, std::string_view path) {
-  const Json* value = member(object, key);
-  if (!value) {
-    return false;
-  }
-  if (value->is_boolean()) {
-    return value->get<bool>();
-  }
-  if (value->is_number()) {
-    return value->get<double>() != 0;
-  }
-  badRequest(fmt::format("{}.{} must be a boolean", path, key));
-}
-
-int intAt(const Json& object, const char* key, std::string_view path) {
-  const Json* value = member(object, key);
-  if (!value) {
-    return 0;
-  }
-  if (!value->is_number()) {
-    badRequest(fmt::format("{}.{} must be a number", path, key));
-  }
-  const double number = value->get<double>();
-  if (std::isnan(number)) {
-    badRequest(fmt::format("{}.{} must be a number", path, key));
-  }
-  constexpr double kLimit = 1 << 30;
-  return static_cast<int>(std::clamp(number, -kLimit, kLimit));
-}
-
-const Json& objectAt(const Json& object, const char* key, std::string_view path) {
-  static const Json kEmpty = Json::object();
-  const Json* value = member(object, key);
-  if (!value) {
-    return kEmpty;
-  }
-  if (!value->is_object()) {
-    badRequest(fmt::format("{}.{} must be an object", path, key));
-  }
-  return *value;
-}
-
-const Json& arrayAt(const Json& object, const char* key, std::string_view path) {
-  static const Json kEmpty = Json::array();
-  const Json* value = member(object, key);
-  if (!value) {
-    return kEmpty;
-  }
-  if (!value->is_array()) {
-    badRequest(fmt::format("{}.{} must be an array", path, key));
-  }
-  return *value;
-}
-
-Rect rectFrom(const Json& r, std::string_view path) {
-  if (!r.is_object()) {
-    badRequest(fmt::format("{} must hold region objects", path));
-  }
-  return {intAt(r, "left", path), intAt(r, "top", path), intAt(r, "width", path),
-          intAt(r, "height", path)};
-}
-
-std::vector<Rect> rectsAt(const Json& settings, const char* key, std::string_view path) {
-  const std::string where = fmt::format("{}.{}", path, key);
-  std::vector<Rect> rects;
-  for (const Json& r : arrayAt(settings, key, path)) {
-    rects.push_back(rectFrom(r, where));
-  }
-  return rects;
-}
-
-// The comparison settings of a wire-form image match settings object.
-CompareSettings settingsFrom(const Json& s, std::string_view path, MatchLevel fallback) {
-  CompareSettings settings;
-  settings.level = fallback;
-  const std::string level = stringAt(s, "matchLevel", path);
-  if (!level.empty()) {
-    const auto parsed = matchLevelFromName(level);
-    if (!parsed) {
-      badRequest(fmt::format("{}.matchLevel \"{}\" is not a match level", path, level));
-    }
-    settings.level = *parsed;
-  }
-  settings.ignore = rectsAt(s, "Ignore", path);
-  settings.layout = rectsAt(s, "Layout", path);
-  settings.strict = rectsAt(s, "Strict", path);
-  settings.content = rectsAt(s, "Content", path);
-  const std::string where = fmt::format("{}.Floating", path);
-  for (const Json& f : arrayAt(s, "Floating", path)) {
-    FloatingRect floating;
-    floating.rect = rectFrom(f, where);
-    floating.maxUpOffset = intAt(f, "maxUpOffset", where);
-    floating.maxDownOffset = intAt(f, "maxDownOffset", where);
-    floating.maxLeftOffset = intAt(f, "maxLeftOffset", where);
-    floating.maxRightOffset = intAt(f, "maxRightOffset", where);
-    settings.floating.push_back(floating);
-  }
-  settings.ignoreCaret = boolAt(s, "ignoreCaret", path);
-  return settings;
-}
-
-Json regionsJson(const std::vector<Rect>& rects) {
-  Json out = Json::array();
-  for (const Rect& r : rects) {
-    out.push_back({{"left", r.left}, {"top", r.top}, {"width", r.width}, {"height", r.height}});
-  }
-  return out;
-}
-
-// The test's default settings in the results' own shape (lower-case list keys).
-Json defaultSettingsJson(const CompareSettings& s) {
-  Json floating = Json::array();
-  for (const FloatingRect& f : s.floating) {
-    floating.push_back({{"left", f.rect.left},
-                        {"top", f.rect.top},
-                        {"width", f.rect.width},
-                        {"height", f.rect.height},
-                        {"maxUpOffset", f.maxUpOffset},
-                        {"maxDownOffset", f.maxDownOffset},
-                        {"maxLeftOffset", f.maxLeftOffset},
-                        {"maxRightOffset", f.maxRightOffset}});
-  }
-  return {{"matchLevel", matchLevelName(s.level)}, {"ignore", regionsJson(s.ignore)},
-          {"strict", regionsJson(s.strict)},       {"content", regionsJson(s.content)},
-          {"layout", regionsJson(s.layout)},       {"floating", floating}};
-}
-
-std::string numberText(const Json& number) {
-  if (!number.is_number()) {
-    return "?";
-  }
-  const double value = number.get<double>();
-  return value == std::floor(value) && std::abs(value) < 1e15
-             ? fmt::format("{}", static_cast<long long>(value))
-             : fmt::format("{}", value);
-}
-
-// The environment part of a baseline's key: the name the client chose, or else what the
-// test ran on.
-std::string environmentKey(const Json& startInfo) {
-  const std::string named = stringAt(startInfo, "baselineEnvName", "startInfo");
-  if (!named.empty()) {
-    return named;
-  }
-  const Json& env = objectAt(startInfo, "environment", "startInfo");
-  const Json& size = objectAt(env, "displaySize", "startInfo.environment");
-  auto part = [&](const char* key) {
-    const std::string text = stringAt(env, key, "startInfo.environment");
-    return text.empty() ? std::string("?") : text;
-  };
-  const Json* width = member(size, "width");
-  const Json* height = member(size, "height");
-  return fmt::format("{} | {} | {}x{}", part("OSInfo"), part("DeviceInfo"),
-                     width ? numberText(*width) : "?", height ? numberText(*height) : "?");
-}
 
 // Drawn from the system's source each time: a seeded generator would repeat its ids in a
 // forked process, and ids outlive processes now that sessions live in the store.
@@ -223,43 +41,6 @@ std::int64_t unixMs(std::chrono::system_clock::time_point when) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(when.time_since_epoch()).count();
 }
 
-struct Counts {
-  int matched = 0, different = 0, missing = 0, failed = 0, added = 0;
-  int byLevel[5] = {};
-};
-
-Counts count(const std::vector<StepRecord>& steps) {
-  Counts c;
-  for (const StepRecord& step : steps) {
-    if (step.outcome == "matched") {
-      ++c.matched;
-      if (const auto level = matchLevelFromName(step.matchLevel)) {
-        ++c.byLevel[static_cast<int>(*level)];
-      }
-    } else if (step.outcome == "different") {
-      ++c.different;
-    } else if (step.outcome == "missing") {
-      ++c.missing;
-    } else if (step.outcome == "failed") {
-      ++c.failed;
-    } else {
-      ++c.added;
-    }
-  }
-  return c;
-}
-
-bool isDifferent(const Counts& c, bool isNew) {
-  return !isNew && (c.different > 0 || c.missing > 0 || c.added > 0);
-}
-
-std::string statusOf(const Counts& c, bool isNew, bool aborted) {
-  if (c.failed > 0) {
-    return "Failed";
-  }
-  return isNew || aborted || isDifferent(c, isNew) ? "Unresolved" : "Passed";
-}
-
 // The session's own images, in order: what becomes the baseline when it is saved.
 std::vector<StoredStep> imagesOf(const std::vector<StepRecord>& steps) {
   std::vector<StoredStep> images;
@@ -269,112 +50,6 @@ std::vector<StoredStep> imagesOf(const std::vector<StepRecord>& steps) {
     }
   }
   return images;
-}
-
-// The start record a session was opened with, as stored; an empty object when it is not
-// one. start() stores only records that passed the depth check, but the store may hold one
-// written otherwise (by hand, by another tool): the parser recurses per level, so the depth
-// is checked first and an over-deep record is refused as unreadable.
-Json storedStartInfo(const SessionRecord& s) {
-  if (!detail::checkJsonDepth(s.startInfo)) {
-    throw ApiError(500, fmt::format("the stored start record of session {} nests deeper than {} "
-                                    "levels and cannot be read",
-                                    s.id, detail::kMaxJsonDepth));
-  }
-  Json info = Json::parse(s.startInfo, nullptr, false);
-  return info.is_object() ? info : Json::object();
-}
-
-// `info` is the session's stored start record (storedStartInfo).
-Json resultsJson(const SessionRecord& s, const Json& info, const std::vector<StepRecord>& steps,
-                 const std::optional<BatchRecord>& batch, std::string_view base) {
-  const Counts c = count(steps);
-  const Json* env = member(info, "environment");
-  const Json* defaults = member(info, "defaultMatchSettings");
-  const std::string sessionUrl = fmt::format("{}/sessions/{}", base, s.id);
-  const std::string batchUrl = fmt::format("{}/batches/{}", base, detail::percentEncode(s.batchId));
-  auto image = [&](const std::string& hash) { return fmt::format("{}/images/{}.png", base, hash); };
-
-  Json stepsInfo = Json::array();
-  for (const StepRecord& step : steps) {
-    Json apiUrls = Json::object();
-    if (!step.baselineImage.empty()) {
-      apiUrls["baselineImage"] = image(step.baselineImage);
-    }
-    if (!step.currentImage.empty()) {
-      apiUrls["currentImage"] = image(step.currentImage);
-    }
-    if (!step.diffImage.empty()) {
-      apiUrls["diffImage"] = image(step.diffImage);
-    }
-    stepsInfo.push_back(
-        {{"name", step.name},
-         {"isDifferent",
-          step.outcome == "different" || step.outcome == "missing" || step.outcome == "failed"},
-         {"hasBaselineImage", !step.baselineImage.empty()},
-         {"hasCurrentImage", !step.currentImage.empty()},
-         {"apiUrls", apiUrls},
-         {"appUrls", {{"step", fmt::format("{}#step-{}", sessionUrl, step.position + 1)}}}});
-  }
-
-  // The start record was checked only as far as the baseline's key needs it.
-  auto text = [](const Json& object, const char* key) {
-    const Json* value = member(object, key);
-    return value && value->is_string() ? value->get<std::string>() : std::string();
-  };
-  auto number = [](const Json& object, const char* key) {
-    const Json* value = member(object, key);
-    return value && value->is_number() ? value->get<double>() : 0.0;
-  };
-  Json displaySize = {{"width", 0}, {"height", 0}};
-  std::string hostOS, hostApp;
-  if (env && env->is_object()) {
-    hostOS = text(*env, "OSInfo");
-    hostApp = text(*env, "HostingAppInfo");
-    if (const Json* size = member(*env, "displaySize"); size && size->is_object()) {
-      displaySize = {{"width", number(*size, "width")}, {"height", number(*size, "height")}};
-    }
-  }
-  // Both link objects name the results page: the client prints "apiUrls"/"session" to people.
-  const Json urls = {{"session", sessionUrl}, {"batch", batchUrl}};
-  Json out = {
-      {"id", s.id},
-      {"name", s.key.test},
-      {"appName", s.key.app},
-      {"batchId", s.batchId},
-      {"batchName", batch ? batch->name : std::string()},
-      {"branchName", s.key.branch},
-      {"hostOS", hostOS},
-      {"hostApp", hostApp},
-      {"hostDisplaySize", displaySize},
-      {"startedAt", s.startedAt},
-      {"duration", s.durationMs / 1000},
-      {"isNew", s.isNew},
-      {"isDifferent", isDifferent(c, s.isNew)},
-      {"isAborted", s.state == "aborted"},
-      {"status", s.status},
-      {"steps", static_cast<int>(steps.size())},
-      {"matches", c.matched},
-      {"mismatches", c.different + c.failed},
-      {"missing", c.missing},
-      {"exactMatches", c.byLevel[static_cast<int>(MatchLevel::Exact)]},
-      {"strictMatches", c.byLevel[static_cast<int>(MatchLevel::Strict)]},
-      {"contentMatches", c.byLevel[static_cast<int>(MatchLevel::Content)]},
-      {"layoutMatches", c.byLevel[static_cast<int>(MatchLevel::Layout)]},
-      {"noneMatches", c.byLevel[static_cast<int>(MatchLevel::None)]},
-      {"apiUrls", urls},
-      {"appUrls", urls},
-      {"stepsInfo", stepsInfo},
-  };
-  if (defaults && defaults->is_object()) {
-    try {
-      out["defaultMatchSettings"] =
-          defaultSettingsJson(settingsFrom(*defaults, "defaultMatchSettings", MatchLevel::Strict));
-    } catch (const ApiError&) {
-      // Validated when the session started; nothing to report here.
-    }
-  }
-  return out;
 }
 
 // The key is kept as a digest: the store then holds nothing a reader could use to call.
@@ -494,7 +169,7 @@ SessionRecord SessionManager::session(const std::string& sessionId, std::string_
 SessionRecord SessionManager::runningSession(const std::string& sessionId,
                                              std::string_view apiKey) {
   SessionRecord r = session(sessionId, apiKey);
-  if (r.state != "running") {
+  if (r.state != SessionState::Running) {
     notRunning(r);
   }
   const std::int64_t now = nowMs();
@@ -505,7 +180,7 @@ SessionRecord SessionManager::runningSession(const std::string& sessionId,
   // the same outcome.
   store_.expireIdleSessions(now - options_.idleTimeout.count());
   r = session(sessionId, apiKey);
-  if (r.state != "running") {
+  if (r.state != SessionState::Running) {
     notRunning(r);
   }
   return r;
@@ -517,8 +192,9 @@ void SessionManager::notRunning(const SessionRecord& s) const {
                                     "was aborted; start a new session",
                                     s.id, options_.idleTimeout.count() / 60'000));
   }
-  throw ApiError(409, s.state == "running" ? fmt::format("session {} is still running", s.id)
-                                           : fmt::format("session {} is already stopped", s.id));
+  throw ApiError(409, s.state == SessionState::Running
+                          ? fmt::format("session {} is still running", s.id)
+                          : fmt::format("session {} is already stopped", s.id));
 }
 
 bool SessionManager::match(const std::string& sessionId, const Json& matchData,
@@ -598,11 +274,11 @@ bool SessionManager::match(const std::string& sessionId, const Json& matchData,
     bool recorded = true;
     if (!current) {
       // The client had no screenshot to send: the step cannot be judged.
-      step.outcome = "failed";
+      step.outcome = StepOutcome::Failed;
       recorded = !ignoreMismatch;
     } else if (!hasBaseline) {
       storeCurrent();
-      step.outcome = "new";
+      step.outcome = StepOutcome::New;
       asExpected = true;
     } else {
       const std::shared_ptr<const Image> baseline =
@@ -612,7 +288,7 @@ bool SessionManager::match(const std::string& sessionId, const Json& matchData,
             return image ? std::make_shared<const Image>(std::move(*image)) : nullptr;
           });
       if (!baseline) {
-        step.outcome = "failed";
+        step.outcome = StepOutcome::Failed;
         recorded = !ignoreMismatch;
         if (recorded) {
           storeCurrent();
@@ -626,7 +302,7 @@ bool SessionManager::match(const std::string& sessionId, const Json& matchData,
           step.diffImage = store_.putImage(
               detail::encodePngImage(comparer_.diffImage(*baseline, *current, settings, result)));
           step.boxes = result.boxes;
-          step.outcome = asExpected ? "matched" : "different";
+          step.outcome = asExpected ? StepOutcome::Matched : StepOutcome::Different;
         }
       }
     }
@@ -668,14 +344,14 @@ Json SessionManager::stop(const std::string& sessionId, bool aborted, bool updat
         StepRecord missing;
         missing.position = static_cast<int>(i);
         missing.name = baseline[i].name;
-        missing.outcome = "missing";
+        missing.outcome = StepOutcome::Missing;
         missing.baselineImage = baseline[i].image;
         end.addedSteps.push_back(missing);
         steps.push_back(std::move(missing));
       }
     }
     const Counts counts = count(steps);
-    end.state = aborted ? "aborted" : "stopped";
+    end.state = aborted ? SessionState::Aborted : SessionState::Stopped;
     end.status = statusOf(counts, r.isNew, aborted);
     end.durationMs = std::max<std::int64_t>(nowMs() - r.startedMs, 0);
     if (!aborted && updateBaseline && end.status == "Unresolved") {
@@ -695,12 +371,12 @@ Json SessionManager::stop(const std::string& sessionId, bool aborted, bool updat
 
 void SessionManager::approve(const std::string& sessionId, std::string_view apiKey) {
   const SessionRecord r = session(sessionId, apiKey);
-  if (r.state == "running") {
+  if (r.state == SessionState::Running) {
     throw ApiError(409, fmt::format("session {} is still running: only a stopped session can "
                                     "be approved",
                                     sessionId));
   }
-  if (r.state == "aborted") {
+  if (r.state == SessionState::Aborted) {
     throw ApiError(409, fmt::format("session {} was {} and has nothing to approve", sessionId,
                                     r.expired ? "aborted as expired" : "aborted"));
   }
@@ -720,7 +396,7 @@ void SessionManager::approve(const std::string& sessionId, std::string_view apiK
 void SessionManager::reject(const std::string& sessionId, std::optional<int> position,
                             std::string_view apiKey) {
   const SessionRecord r = session(sessionId, apiKey);
-  if (r.state != "stopped") {
+  if (r.state != SessionState::Stopped) {
     throw ApiError(409, fmt::format("session {} is not stopped: nothing to reject", sessionId));
   }
   if (!store_.rejectSession(sessionId, position)) {
@@ -732,7 +408,7 @@ void SessionManager::reject(const std::string& sessionId, std::optional<int> pos
 Json SessionManager::results(const std::string& sessionId, std::string_view baseUrl,
                              std::string_view apiKey) const {
   const SessionRecord r = session(sessionId, apiKey);
-  if (r.state == "running") {
+  if (r.state == SessionState::Running) {
     throw ApiError(409, fmt::format("session {} is still running", sessionId));
   }
   return resultsJson(r, storedStartInfo(r), store_.steps(sessionId), store_.findBatch(r.batchId),

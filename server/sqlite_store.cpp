@@ -262,7 +262,7 @@ SessionRecord readSession(const Statement& s) {
   r.startInfo = s.text(7);
   r.startedAt = s.text(8);
   r.startedMs = s.integer(9);
-  r.state = s.text(10);
+  r.state = sessionStateNamed(s.text(10));
   r.status = s.text(11);
   r.isNew = s.integer(12) != 0;
   r.saved = s.integer(13) != 0;
@@ -279,7 +279,7 @@ StepRecord readStep(const Statement& s) {
   StepRecord r;
   r.position = static_cast<int>(s.integer(0));
   r.name = s.text(1);
-  r.outcome = s.text(2);
+  r.outcome = stepOutcomeNamed(s.text(2));
   r.matchLevel = s.text(3);
   r.baselineImage = s.text(4);
   r.currentImage = s.text(5);
@@ -512,7 +512,10 @@ void SqliteStore::addSession(const SessionRecord& s, const std::vector<StoredSte
                    "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
   insert.bind(1, s.id).bind(2, s.batchId).bind(3, s.key.app).bind(4, s.key.test);
   insert.bind(5, s.key.environment).bind(6, s.key.branch).bind(7, s.baselineBranch);
-  insert.bind(8, s.startInfo).bind(9, s.startedAt).bind(10, s.startedMs).bind(11, s.state);
+  insert.bind(8, s.startInfo)
+      .bind(9, s.startedAt)
+      .bind(10, s.startedMs)
+      .bind(11, std::string(nameOf(s.state)));
   insert.bind(12, s.status).bind(13, std::int64_t{s.isNew}).bind(14, std::int64_t{s.saved});
   insert.bind(15, s.durationMs).bind(16, s.owner).bind(17, std::int64_t{s.stepCount});
   insert.bind(18, s.lastActiveMs).bind(19, std::int64_t{s.expired});
@@ -547,7 +550,9 @@ void SqliteStore::insertStep(const std::string& sessionId, const StepRecord& ste
                    "baseline_image, current_image, diff_image, rejected, boxes) "
                    "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
   insert.bind(1, sessionId).bind(2, std::int64_t{step.position}).bind(3, step.name);
-  insert.bind(4, step.outcome).bind(5, step.matchLevel).bind(6, step.baselineImage);
+  insert.bind(4, std::string(nameOf(step.outcome)))
+      .bind(5, step.matchLevel)
+      .bind(6, step.baselineImage);
   insert.bind(7, step.currentImage).bind(8, step.diffImage);
   insert.bind(9, std::int64_t{step.rejected}).bind(10, detail::boxesToJson(step.boxes)).run();
 }
@@ -600,7 +605,7 @@ bool SqliteStore::finishSession(const std::string& sessionId, const SessionEnd& 
   Statement update(db_,
                    "UPDATE sessions SET state = ?, status = ?, duration_ms = ?, expired = ?, "
                    "step_count = step_count + ? WHERE id = ?");
-  update.bind(1, end.state).bind(2, end.status).bind(3, end.durationMs);
+  update.bind(1, std::string(nameOf(end.state))).bind(2, end.status).bind(3, end.durationMs);
   update.bind(4, std::int64_t{end.expired});
   update.bind(5, static_cast<std::int64_t>(end.addedSteps.size())).bind(6, sessionId).run();
   if (end.baseline) {

@@ -9,88 +9,71 @@
 
 #include "check_command.h"
 #include "lumo/detail/json.h"
-#include "lumo/server/server.h"
 #include "run_lumo.h"
-#include "server/temp_dir.h"
 #include "support/test_server.h"
 
-namespace lumo::cli {
+namespace lumo::cli::testing {
 namespace {
 
-using testing::runLumo;
+using CheckEndToEnd = EmbeddedServerTest;
 
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
-class CheckEndToEnd : public ::testing::Test {
- protected:
-  void SetUp() override {
-    lumo::server::ServerConfig config;
-    config.dataDir = data_.path();
-    server_ = std::make_unique<lumo::server::Server>(config);
-    server_->start();
-    home_ = testing::writePng(files_.path() / "home.png", testing::screen(40, 60, 90));
-    cart_ = testing::writePng(files_.path() / "cart.png", testing::screen(40, 60, 180));
-    cartChanged_ =
-        testing::writePng(files_.path() / "cart-new.png", testing::screen(40, 60, 180, 10));
-  }
-  void TearDown() override { server_->stop(); }
-
-  testing::Outcome check(std::vector<std::string> extra, std::vector<std::string> images) {
-    std::vector<std::string> a = {
-        "check",           "--server",  server_->baseUrl(),
-        "--app",           "Shop",      "--test",
-        "Browse",          "--api-key", std::string(lumo::server::kDemoApiKey),
-        "--match-timeout", "0"};
-    a.insert(a.end(), extra.begin(), extra.end());
-    a.insert(a.end(), images.begin(), images.end());
-    return runLumo(a);
-  }
-
-  lumo::server::testing::TempDir data_;
-  lumo::server::testing::TempDir files_;
-  std::unique_ptr<lumo::server::Server> server_;
-  std::filesystem::path home_, cart_, cartChanged_;
-};
-
-TEST_F(CheckEndToEnd, NewThenUnchangedThenChangedGiveTwoZeroOne) {
-  const auto created = check({}, {home_.string(), cart_.string()});
+// New, unchanged and changed runs give 2, 0 and 1, each with its lines and its report.
+TEST_F(CheckEndToEnd, NewThenUnchangedThenChangedGiveTwoZeroOneAndTheirReports) {
+  const auto report = [&](const std::string& name) {
+    return std::vector<std::string>{"--batch", "Nightly", "--report",
+                                    (files_.path() / name).string()};
+  };
+  const auto created = check(report("new.xml"), {home_, cart_});
   EXPECT_EQ(created.status, kExitNewTest) << created.err;
   EXPECT_TRUE(contains(created.out, "home: new\ncart: new\n")) << created.out;
   EXPECT_TRUE(contains(created.out, "Browse of Shop. Please approve the new baseline at http"))
       << created.out;
+  const std::string xml = readFile(files_.path() / "new.xml");
+  EXPECT_EQ(count(xml, "<testcase "), 2u) << xml;
+  EXPECT_EQ(count(xml, "<skipped message=\"new baseline: approve it at http://"), 2u);
+  EXPECT_TRUE(contains(xml, "<property name=\"verdict\" value=\"new\"/>"));
 
-  const auto unchanged = check({}, {home_.string(), cart_.string()});
+  const auto unchanged = check(report("passed.json"), {home_, cart_});
   EXPECT_EQ(unchanged.status, kExitPassed) << unchanged.err;
   EXPECT_TRUE(contains(unchanged.out, "home: matched\ncart: matched\n")) << unchanged.out;
   EXPECT_TRUE(contains(unchanged.out, "Test passed. See details at " + server_->baseUrl()))
       << unchanged.out;
+  const Json passed = Json::parse(readFile(files_.path() / "passed.json"));
+  EXPECT_EQ(passed["verdict"], "passed");
+  EXPECT_EQ(passed["exitStatus"], 0);
+  EXPECT_EQ(passed["batch"]["name"], "Nightly");
+  EXPECT_TRUE(passed["batch"]["id"].is_string());
+  EXPECT_TRUE(passed["url"].get<std::string>().starts_with(server_->baseUrl()));
+  EXPECT_EQ(
+      passed["checkpoints"],
+      Json::parse(R"([{"tag":"home","verdict":"matched"},{"tag":"cart","verdict":"matched"}])"));
 
-  const auto changed = check({}, {home_.string(), cartChanged_.string() + "=cart"});
+  const auto changed = check(report("differs.xml"), {home_, changed_ + "=cart"});
   EXPECT_EQ(changed.status, kExitDifferences) << changed.err;
   EXPECT_TRUE(contains(changed.out, "home: matched\ncart: did not match\n")) << changed.out;
   EXPECT_TRUE(contains(changed.out, "Test Browse of Shop detected differences! See details at: "))
       << changed.out;
+  const std::string differs = readFile(files_.path() / "differs.xml");
+  EXPECT_EQ(count(differs, "<failure type=\"differences\""), 1u) << differs;
+  EXPECT_TRUE(contains(differs, "value=\"differences\""));
 
   // Failed runs are not saved by default: the baseline is still the first one...
-  EXPECT_EQ(check({}, {home_.string(), cart_.string()}).status, kExitPassed);
+  EXPECT_EQ(check({}, {home_, cart_}).status, kExitPassed);
   // ...and regions reach the server: ignoring the changed corner makes the change pass.
-  const auto ignored =
-      check({"--ignore", "0,0,12,12"}, {home_.string(), cartChanged_.string() + "=cart"});
+  const auto ignored = check({"--ignore", "0,0,12,12"}, {home_, changed_ + "=cart"});
   EXPECT_EQ(ignored.status, kExitPassed) << ignored.out << ignored.err;
 }
 
 TEST_F(CheckEndToEnd, CaptureCommandTakesEachCheckpointFromTheCommand) {
-  EXPECT_EQ(check({"--capture", "cat " + home_.string()}, {"first"}).status, kExitNewTest);
-  const auto again = check({"--capture", "cat " + home_.string()}, {"first"});
+  EXPECT_EQ(check({"--capture", "cat " + home_}, {"first"}).status, kExitNewTest);
+  const auto again = check({"--capture", "cat " + home_}, {"first"});
   EXPECT_EQ(again.status, kExitPassed) << again.err;
   EXPECT_TRUE(contains(again.out, "first: matched\n")) << again.out;
 }
 
 TEST_F(CheckEndToEnd, TheBatchIsNamedAfterAppTestAndLocalTimeUnlessGiven) {
   auto batchName = [&](std::vector<std::string> extra) {
-    const auto outcome = check(std::move(extra), {home_.string()});
+    const auto outcome = check(std::move(extra), {home_});
     const auto at = outcome.out.find("/sessions/");
     EXPECT_NE(at, std::string::npos) << outcome.out;
     const std::string id = outcome.out.substr(at + 10, 32);
@@ -106,22 +89,26 @@ TEST_F(CheckEndToEnd, TheBatchIsNamedAfterAppTestAndLocalTimeUnlessGiven) {
 
 TEST_F(CheckEndToEnd, WrongApiKeyIsNoVerdict) {
   const auto outcome = runLumo({"check", "--server", server_->baseUrl(), "--app", "Shop", "--test",
-                                "Browse", "--api-key", "wrong", home_.string()});
+                                "Browse", "--api-key", "wrong", home_});
   EXPECT_EQ(outcome.status, kExitUnreachable);
   EXPECT_TRUE(contains(outcome.err, "did not start a session")) << outcome.err;
   EXPECT_EQ(outcome.out, "");
 }
 
-TEST(CheckUnreachable, RefusedConnectionIsExitFourWithTheReason) {
-  lumo::server::testing::TempDir files;
-  const auto image = testing::writePng(files.path() / "home.png", testing::screen(20, 20, 50));
+TEST(CheckUnreachable, RefusedConnectionIsExitFourWithTheReasonAndItsReport) {
+  server::testing::TempDir files;
+  const auto image = writePng(files.path() / "home.png", screen(20, 20, 50));
   lumo::test::RefusingPort refusing;
   const auto outcome = runLumo({"check", "--server", refusing.baseURL(), "--app", "Shop", "--test",
-                                "Home", "--api-key", "key", image.string()});
+                                "Home", "--api-key", "key", "--report",
+                                (files.path() / "down.json").string(), image.string()});
   EXPECT_EQ(outcome.status, kExitUnreachable);
   EXPECT_TRUE(contains(outcome.err, "cannot reach the server at " + refusing.baseURL() + ": "))
       << outcome.err;
-  EXPECT_EQ(testing::lineCount(outcome.err), 1u) << outcome.err;
+  EXPECT_EQ(lineCount(outcome.err), 1u) << outcome.err;
+  const Json report = Json::parse(readFile(files.path() / "down.json"));
+  EXPECT_EQ(report["verdict"], "unreachable");
+  EXPECT_EQ(report["checkpoints"][0]["verdict"], "not checked");
 }
 
 // Stands in for the 60-second bound, which the shipped command keeps.
@@ -130,20 +117,25 @@ class ShortWaits : public WaitPolicy {
   double serverAnswerSeconds() const override { return 0.3; }
 };
 
+// One checkpoint held in memory, against the server at `url`, with short waits.
+int checkInMemory(const std::string& url, std::ostringstream& out, std::ostringstream& err) {
+  CheckOptions options;
+  options.serverURL = url;
+  options.appName = "Shop";
+  options.testName = "Home";
+  options.apiKey = "key";
+  options.matchTimeout = 0;
+  options.checkpoints.push_back({"home", {}, std::make_shared<const Image>(screen(20, 20, 50))});
+  options.waitPolicy = std::make_shared<ShortWaits>();
+  return runCheck(options, out, err);
+}
+
 TEST(CheckUnreachable, SilentServerIsExitFourAfterTheBound) {
   lumo::test::TestServer server;
   server.start();
   server.hold();
-  CheckOptions options;
-  options.serverURL = server.baseURL();
-  options.appName = "Shop";
-  options.testName = "Home";
-  options.apiKey = "key";
-  options.checkpoints.push_back(
-      {"home", {}, std::make_shared<const Image>(testing::screen(20, 20, 50))});
-  options.waitPolicy = std::make_shared<ShortWaits>();
   std::ostringstream out, err;
-  EXPECT_EQ(runCheck(options, out, err), kExitUnreachable);
+  EXPECT_EQ(checkInMemory(server.baseURL(), out, err), kExitUnreachable);
   EXPECT_TRUE(contains(err.str(), "did not answer in time")) << err.str();
   EXPECT_EQ(server.requests().size(), 1u);
   server.stop();
@@ -162,17 +154,8 @@ TEST(CheckVerdict, StopAnswerThatIsNoObjectIsExitFour) {
       return lumo::test::ScriptedResponse{200, R"({"asExpected":true})"};
     });
     server.start();
-    CheckOptions options;
-    options.serverURL = server.baseURL();
-    options.appName = "Shop";
-    options.testName = "Home";
-    options.apiKey = "key";
-    options.matchTimeout = 0;
-    options.checkpoints.push_back(
-        {"home", {}, std::make_shared<const Image>(testing::screen(20, 20, 50))});
-    options.waitPolicy = std::make_shared<ShortWaits>();
     std::ostringstream out, err;
-    EXPECT_EQ(runCheck(options, out, err), kExitUnreachable);
+    EXPECT_EQ(checkInMemory(server.baseURL(), out, err), kExitUnreachable);
     EXPECT_TRUE(contains(err.str(), "gave no verdict")) << err.str();
     EXPECT_FALSE(contains(out.str(), "Test passed")) << out.str();
     server.stop();
@@ -180,4 +163,4 @@ TEST(CheckVerdict, StopAnswerThatIsNoObjectIsExitFour) {
 }
 
 }  // namespace
-}  // namespace lumo::cli
+}  // namespace lumo::cli::testing

@@ -67,6 +67,7 @@ TEST_F(CheckUsage, EachBadArgumentIsOneLineAndExitThreeWithNothingSent) {
   expectUsageError(args({"--save-new-tests", "maybe"}), "--save-new-tests");
   expectUsageError(args({"--save-failed-tests", "1"}), "--save-failed-tests");
   expectUsageError(args({"--property", "os"}), "--property");
+  expectUsageError(args({"--report", "r.html"}), "--report: expected a file ending in .xml");
   expectUsageError(args({"--colour", "red"}), "--colour");
   expectUsageError({"check", "--app", "Shop", "--test", "Home", image_.string()}, "--server");
   expectUsageError({"check", "--server", "localhost:8088", "--app", "Shop", "--test", "Home",

@@ -5,8 +5,8 @@
 #include <iterator>
 #include <vector>
 
-#include "platform/png.h"
 #include "lumo/server/server.h"
+#include "platform/png.h"
 #include "run_lumo.h"
 #include "server/temp_dir.h"
 #include "server_command.h"
@@ -39,13 +39,13 @@ TEST(Demo, GivesNewTestThenPassedThenDifferences) {
 
 TEST(Demo, WritesItsScreensForLumoCheck) {
   lumo::server::testing::TempDir dir;
-  const auto outcome = runLumo({"demo", "--write-screens", dir.path().string()});
-  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  ASSERT_EQ(runLumo({"demo", "--write-screens", dir.path().string()}).status, 0);
   const Image login = readPng(dir.path() / "Login.png");
   EXPECT_EQ(login.width(), 360);
   EXPECT_EQ(login.height(), 640);
-  EXPECT_EQ(readPng(dir.path() / "Inbox.png").width(), 360);
-  EXPECT_EQ(readPng(dir.path() / "Settings.png").width(), 360);
+  for (const char* other : {"Inbox.png", "Settings.png"}) {
+    EXPECT_EQ(readPng(dir.path() / other).width(), 360) << other;
+  }
   EXPECT_NE(readPng(dir.path() / "Login-changed.png"), login);
 }
 

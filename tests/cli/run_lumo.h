@@ -1,16 +1,21 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "exit_status.h"
 #include "lumo/image.h"
+#include "lumo/server/server.h"
 #include "platform/png.h"
 #include "run.h"
+#include "server/temp_dir.h"
 
 namespace lumo::cli::testing {
 
@@ -55,10 +60,61 @@ inline std::filesystem::path writePng(const std::filesystem::path& path, const I
   return path;
 }
 
+inline bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+// How often `part` occurs in `text`, overlapping occurrences included.
+inline std::size_t count(const std::string& text, const std::string& part) {
+  std::size_t found = 0;
+  for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+    ++found;
+  }
+  return found;
+}
+
+inline std::string readFile(const std::filesystem::path& file) {
+  std::ifstream in(file);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
 inline std::size_t lineCount(const std::string& text) {
   std::size_t lines = 0;
   for (char c : text) lines += c == '\n';
   return lines;
 }
+
+// The embedded server on a loopback port and three screens: home, cart, and cart with a mark.
+class EmbeddedServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    server::ServerConfig config;
+    config.dataDir = data_.path();
+    server_ = std::make_unique<server::Server>(config);
+    server_->start();
+    home_ = writePng(files_.path() / "home.png", screen(40, 60, 90)).string();
+    cart_ = writePng(files_.path() / "cart.png", screen(40, 60, 180)).string();
+    changed_ = writePng(files_.path() / "cart-new.png", screen(40, 60, 180, 10)).string();
+  }
+  void TearDown() override { server_->stop(); }
+
+  // `lumo check` of test "Browse" with the demo key, checking each screen once.
+  Outcome check(std::vector<std::string> extra, const std::vector<std::string>& images) const {
+    std::vector<std::string> a = {"check",           "--server",  server_->baseUrl(),
+                                  "--app",           "Shop",      "--test",
+                                  "Browse",          "--api-key", std::string(server::kDemoApiKey),
+                                  "--match-timeout", "0"};
+    a.insert(a.end(), extra.begin(), extra.end());
+    a.insert(a.end(), images.begin(), images.end());
+    return runLumo(a);
+  }
+
+  server::testing::TempDir data_;
+  server::testing::TempDir files_;
+  std::unique_ptr<server::Server> server_;
+  std::string home_, cart_, changed_;
+};
 
 }  // namespace lumo::cli::testing

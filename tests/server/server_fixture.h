@@ -7,10 +7,10 @@
 #include <string>
 
 #include "image_codec.h"
-#include "platform/base64.h"
 #include "lumo/detail/json.h"
-#include "platform/png.h"
 #include "lumo/server/server.h"
+#include "platform/base64.h"
+#include "platform/png.h"
 #include "temp_dir.h"
 #include "test_images.h"
 
@@ -18,6 +18,13 @@ namespace lumo::server::testing {
 
 // The screenshot as the client sends it: PNG in base64 with CR LF after every 64 characters.
 inline std::string screenshot64(const Image& image) { return base64Encode(encodePng(image)); }
+
+// Match settings as the client writes them.
+inline Json settings(const std::string& level = "Strict") {
+  return {{"matchLevel", level},      {"ignoreCaret", false},    {"Ignore", Json::array()},
+          {"Layout", Json::array()},  {"Strict", Json::array()}, {"Content", Json::array()},
+          {"Floating", Json::array()}};
+}
 
 // A start record as the client writes it.
 inline Json startInfo(const std::string& test, const std::string& branch = "",
@@ -30,14 +37,7 @@ inline Json startInfo(const std::string& test, const std::string& branch = "",
        {{"displaySize", {{"width", 200}, {"height", 240}}},
         {"OSInfo", "iOS 17.2"},
         {"DeviceInfo", "iPhone 15"}}},
-      {"defaultMatchSettings",
-       {{"matchLevel", "Strict"},
-        {"ignoreCaret", false},
-        {"Ignore", Json::array()},
-        {"Layout", Json::array()},
-        {"Strict", Json::array()},
-        {"Content", Json::array()},
-        {"Floating", Json::array()}}},
+      {"defaultMatchSettings", settings()},
       {"agentId", "lumo-tests"},
       {"saveDiffs", false},
       {"properties", Json::array()}};
@@ -49,12 +49,6 @@ inline Json startInfo(const std::string& test, const std::string& branch = "",
     info["baselineEnvName"] = baselineEnvName;
   }
   return info;
-}
-
-inline Json settings(const std::string& level = "Strict") {
-  return {{"matchLevel", level},      {"ignoreCaret", false},    {"Ignore", Json::array()},
-          {"Layout", Json::array()},  {"Strict", Json::array()}, {"Content", Json::array()},
-          {"Floating", Json::array()}};
 }
 
 // A match-window record as the client writes it.
@@ -73,15 +67,6 @@ inline Json matchData(const std::string& screenshot, const std::string& tag,
             {"forceMismatch", false},
             {"forceMatch", false},
             {"imageMatchSettings", imageMatchSettings}}}};
-}
-
-// A small screen: a title, a line of text and a button; `word` varies the text.
-inline Image screen(unsigned word = 1, Colour buttonColour = kRed, int buttonTop = 120) {
-  Image image = solid(200, 240);
-  text(image, 20, 20, 120, 16, 100);
-  text(image, 20, 60, 160, 12, word);
-  button(image, 40, buttonTop, 120, 36, buttonColour, 7);
-  return image;
 }
 
 // A server on an ephemeral loopback port with its data in a fresh directory, and a client.

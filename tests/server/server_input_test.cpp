@@ -45,6 +45,11 @@ TEST_F(ServerKeys, OnlyTheConfiguredKeysAreAccepted) {
   expectError(stopSession(id, false, true, "wrong"), 401);
   expectError(post("/api/sessions/" + id + "/approve", Json::object(), "wrong"), 401);
   expectError(client_->Get("/api/sessions/" + id + ".json?apiKey=wrong"), 401);
+  // Another configured key may not use the session either.
+  expectError(post("/api/sessions/running/" + id + ".json",
+                   matchData(screenshot64(screen()), "one"), "first-key"),
+              403);
+  expectError(stopSession(id, false, true, "first-key"), 403);
 
   // The refused calls changed nothing: the session is still running and has no steps.
   res = stopSession(id, false, false, "second-key");

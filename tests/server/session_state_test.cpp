@@ -334,7 +334,7 @@ TEST_F(SessionState, AnOverDeepStoredRecordIsRefusedUnread) {
   EXPECT_THAT(refusal([&] { instance.store->steps(id); }),
               ::testing::HasSubstr("difference boxes of step 1 nest deeper than 64"));
   const auto after = instance.store->findSession(id);
-  EXPECT_EQ(after->state, "running");
+  EXPECT_EQ(after->state, server::SessionState::Running);
   EXPECT_EQ(after->stepCount, 1);
 }
 
@@ -383,7 +383,7 @@ TEST_F(SessionState, RacingApprovalsAndStopsLoseNoUpdate) {
                       (*baseline)[1].image == steps[1].currentImage);
   }
   EXPECT_TRUE(whole);
-  EXPECT_EQ(a.store->findSession(racing)->state, "stopped");
+  EXPECT_EQ(a.store->findSession(racing)->state, server::SessionState::Stopped);
 }
 
 TEST_F(SessionState, DecodedBaselinesAreSharedByEverySession) {
@@ -426,45 +426,6 @@ TEST(BaselineCache, DropsTheLeastRecentlyUsedPastItsBudget) {
     EXPECT_EQ(loads, s.loadsAfter);
     EXPECT_EQ(cache.bytes(), s.bytesAfter);
   }
-}
-
-// Through HTTP: the server passes each request's key on.
-class ServerSessionKeys : public ServerTest {
- protected:
-  void SetUp() override {
-    ServerConfig config;
-    config.apiKeys = {"first-key", "second-key"};
-    startServer(config);
-  }
-};
-
-TEST_F(ServerSessionKeys, AnotherKeyCannotUseASession) {
-  auto res = post("/api/sessions/running.json", {{"startInfo", startInfo("Keys")}}, "first-key");
-  ASSERT_TRUE(res);
-  const std::string id = Json::parse(res->body)["id"];
-  res = post("/api/sessions/running/" + id + ".json", matchData(screenshot64(screen()), "one"),
-             "second-key");
-  ASSERT_TRUE(res);
-  EXPECT_EQ(res->status, 403);
-  EXPECT_TRUE(Json::parse(res->body)["error"].is_string());
-  res = stopSession(id, false, false, "second-key");
-  EXPECT_EQ(res->status, 403);
-  res = stopSession(id, false, false, "first-key");
-  EXPECT_EQ(res->status, 200);
-}
-
-// Through HTTP: a server restarted between two checkpoints lets the test finish.
-TEST_F(ServerTest, ARestartedServerCarriesOnARunningSession) {
-  const std::string first = start(startInfo("Restart"), 201);
-  check(first, screen(1), "one");
-  check(first, screen(2), "two");
-  stop(first, true);
-  const std::string id = start(startInfo("Restart"), 200);
-  EXPECT_TRUE(check(id, screen(1), "one"));
-  stopServer();
-  startServer();
-  EXPECT_TRUE(check(id, screen(2), "two"));
-  EXPECT_EQ(stop(id, false)["status"], "Passed");
 }
 
 }  // namespace

@@ -69,7 +69,7 @@ SessionRecord session(const std::string& id, const std::string& batch, std::int6
 }
 
 StepRecord step(int position, const std::string& name, const std::string& image = "") {
-  return {position, name, "new", "Strict", "", image, ""};
+  return {position, name, StepOutcome::New, "Strict", "", image, ""};
 }
 
 class StoreTest : public ::testing::TestWithParam<Backend> {
@@ -143,7 +143,7 @@ TEST_P(StoreTest, SessionsStepsAndBatchesSurviveReopening) {
   EXPECT_EQ(store->sessionsOfBatch("b1")[0].id, "s1");
   SessionRecord s1 = *store->findSession("s1");
   EXPECT_EQ(s1.key, kKey);
-  EXPECT_EQ(s1.state, "running");
+  EXPECT_EQ(s1.state, SessionState::Running);
   EXPECT_EQ(s1.owner, "digest");
   EXPECT_EQ(s1.stepCount, 1);
   EXPECT_EQ(s1.lastActiveMs, 50);
@@ -151,14 +151,14 @@ TEST_P(StoreTest, SessionsStepsAndBatchesSurviveReopening) {
             (std::vector<StoredStep>{{"home", image}, {"cart", image}}));
   EXPECT_FALSE(store->findSession("nope"));
 
-  Store::SessionEnd end{"stopped", "Unresolved", 1234, false, 1, {}, std::nullopt};
-  end.addedSteps.push_back({1, "cart", "missing", "", image, "", ""});
+  Store::SessionEnd end{SessionState::Stopped, "Unresolved", 1234, false, 1, {}, std::nullopt};
+  end.addedSteps.push_back({1, "cart", StepOutcome::Missing, "", image, "", ""});
   end.baseline = std::vector<StoredStep>{{"home", image}};
   EXPECT_TRUE(store->finishSession("s1", end));
   EXPECT_FALSE(store->finishSession("s1", end));  // already stopped
   store = open();
   s1 = *store->findSession("s1");
-  EXPECT_EQ(s1.state, "stopped");
+  EXPECT_EQ(s1.state, SessionState::Stopped);
   EXPECT_EQ(s1.status, "Unresolved");
   EXPECT_EQ(s1.durationMs, 1234);
   EXPECT_EQ(s1.stepCount, 2);
@@ -167,7 +167,7 @@ TEST_P(StoreTest, SessionsStepsAndBatchesSurviveReopening) {
   const auto steps = store->steps("s1");
   ASSERT_EQ(steps.size(), 2u);
   EXPECT_EQ(steps[1].name, "cart");
-  EXPECT_EQ(steps[1].outcome, "missing");
+  EXPECT_EQ(steps[1].outcome, StepOutcome::Missing);
   EXPECT_EQ(steps[1].baselineImage, image);
   EXPECT_EQ(steps[0].currentImage, image);
 }
@@ -179,7 +179,8 @@ TEST_P(StoreTest, ChangesWhosePreconditionFailedChangeNothing) {
   const std::string image = store->putImage("img");
   store->addSession(session("run", "b", 0), {});
   store->addSession(session("done", "b", 0), {});
-  EXPECT_TRUE(store->finishSession("done", {"stopped", "Passed", 1, false, 0, {}, std::nullopt}));
+  EXPECT_TRUE(store->finishSession(
+      "done", {SessionState::Stopped, "Passed", 1, false, 0, {}, std::nullopt}));
 
   EXPECT_EQ(store->appendStep("run", step(1, "gap"), 5), Store::Append::PositionTaken);
   EXPECT_EQ(store->appendStep("run", step(0, "a", image), 5), Store::Append::Appended);
@@ -187,12 +188,13 @@ TEST_P(StoreTest, ChangesWhosePreconditionFailedChangeNothing) {
   EXPECT_EQ(store->appendStep("done", step(0, "late"), 5), Store::Append::NotRunning);
   EXPECT_EQ(store->appendStep("nope", step(0, "x"), 5), Store::Append::NotRunning);
   // A stale step count, an approval of a running session, a rejection of one.
-  EXPECT_FALSE(store->finishSession("run", {"stopped", "Passed", 1, false, 0, {}, std::nullopt}));
+  EXPECT_FALSE(store->finishSession(
+      "run", {SessionState::Stopped, "Passed", 1, false, 0, {}, std::nullopt}));
   EXPECT_FALSE(store->approveSession("run", {{"a", image}}));
   EXPECT_FALSE(store->rejectSession("run", std::nullopt));
   EXPECT_FALSE(store->rejectSession("done", 3));
   EXPECT_FALSE(store->findBaseline(kKey));
-  EXPECT_EQ(store->findSession("run")->state, "running");
+  EXPECT_EQ(store->findSession("run")->state, SessionState::Running);
   EXPECT_EQ(store->steps("run").size(), 1u);
   EXPECT_FALSE(store->findSession("done")->rejected);
 
@@ -213,11 +215,11 @@ TEST_P(StoreTest, OnlySessionsIdleSinceTheBoundExpire) {
   store->touchSession("touched", 10);  // an older time never moves activity back
   EXPECT_EQ(store->expireIdleSessions(500), 1);
   const SessionRecord old = *store->findSession("old");
-  EXPECT_EQ(old.state, "aborted");
+  EXPECT_EQ(old.state, SessionState::Aborted);
   EXPECT_TRUE(old.expired);
   EXPECT_EQ(old.durationMs, 100);
-  EXPECT_EQ(store->findSession("touched")->state, "running");
-  EXPECT_EQ(store->findSession("fresh")->state, "running");
+  EXPECT_EQ(store->findSession("touched")->state, SessionState::Running);
+  EXPECT_EQ(store->findSession("fresh")->state, SessionState::Running);
   EXPECT_EQ(store->expireIdleSessions(500), 0);
 }
 
@@ -270,8 +272,8 @@ TEST_P(StoreTest, RacingApprovalsAndAStopLeaveOneWholeBaseline) {
     for (int i = 0; i < kSessions; ++i) {
       const std::string id = prefix + std::to_string(i);
       setup->addSession(session(id, "b", 0), {});
-      ASSERT_TRUE(
-          setup->finishSession(id, {"stopped", "Unresolved", 1, false, 0, {}, std::nullopt}));
+      ASSERT_TRUE(setup->finishSession(
+          id, {SessionState::Stopped, "Unresolved", 1, false, 0, {}, std::nullopt}));
       written.push_back({{id + "/0", a}, {id + "/1", b}, {id + "/2", a}});
     }
     const std::string racer = prefix + "racer";
@@ -288,12 +290,12 @@ TEST_P(StoreTest, RacingApprovalsAndAStopLeaveOneWholeBaseline) {
           [&, i] { EXPECT_TRUE(open()->approveSession(prefix + std::to_string(i), written[i])); });
     }
     threads.emplace_back([&] {
-      Store::SessionEnd end{"stopped", "Unresolved", 1, false, 0, {}, stopped};
+      Store::SessionEnd end{SessionState::Stopped, "Unresolved", 1, false, 0, {}, stopped};
       EXPECT_TRUE(open()->finishSession(racer, end));
     });
     threads.emplace_back([&] {
       auto store = open();
-      while (store->findSession(racer)->state == "running" && !approvedRacer) {
+      while (store->findSession(racer)->state == SessionState::Running && !approvedRacer) {
         approvedRacer = store->approveSession(racer, approved);
       }
       if (!approvedRacer) {
@@ -309,7 +311,7 @@ TEST_P(StoreTest, RacingApprovalsAndAStopLeaveOneWholeBaseline) {
     EXPECT_NE(std::find(written.begin(), written.end(), *baseline), written.end())
         << "a baseline mixed from several writes, " << baseline->size() << " steps";
     const SessionRecord r = *setup->findSession(racer);
-    EXPECT_EQ(r.state, "stopped");
+    EXPECT_EQ(r.state, SessionState::Stopped);
     EXPECT_TRUE(r.saved);
   }
 }
@@ -419,11 +421,31 @@ INSERT INTO steps VALUES('left', 0, 'one', 'new', 'Strict', '', '', '');
   for (int reopen = 0; reopen < 2; ++reopen) {
     SqliteStore store(dir.path());
     const SessionRecord left = *store.findSession("left");
-    EXPECT_EQ(left.state, "aborted");
+    EXPECT_EQ(left.state, SessionState::Aborted);
     EXPECT_EQ(left.stepCount, 1);
     EXPECT_EQ(store.findSession("done")->status, "Passed");
     EXPECT_EQ(store.steps("left").size(), 1u);
   }
+}
+
+// A state or outcome the server never writes is refused, not read as some other one.
+TEST(SqliteStore, RefusesAStateOrOutcomeItNeverWrites) {
+  TempDir dir;
+  {
+    SqliteStore store(dir.path());
+    store.addSession(session("s", "b", 0), {});
+    ASSERT_EQ(store.appendStep("s", step(0, "one"), 1), Store::Append::Appended);
+  }
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((dir.path() / "lumo.db").c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(
+      sqlite3_exec(db, "UPDATE sessions SET state = 'paused'; UPDATE steps SET outcome = 'Matched'",
+                   nullptr, nullptr, nullptr),
+      SQLITE_OK);
+  sqlite3_close(db);
+  SqliteStore store(dir.path());
+  EXPECT_THROW(store.findSession("s"), StoreError);
+  EXPECT_THROW(store.steps("s"), StoreError);
 }
 
 // Instances starting together on an empty database create the schema once between them; a

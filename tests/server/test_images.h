@@ -69,4 +69,13 @@ inline Image noise(int width, int height, unsigned seed) {
   return image;
 }
 
+// A small screen: a title, a line of text and a button; `word` varies the text.
+inline Image screen(unsigned word = 1, Colour buttonColour = kRed, int buttonTop = 120) {
+  Image image = solid(200, 240);
+  text(image, 20, 20, 120, 16, 100);
+  text(image, 20, 60, 160, 12, word);
+  button(image, 40, buttonTop, 120, 36, buttonColour, 7);
+  return image;
+}
+
 }  // namespace lumo::server::testing

@@ -29,7 +29,7 @@ class Store {
 
   // How a running session ends (see finishSession).
   struct SessionEnd {
-    std::string state;  // "stopped" or "aborted"
+    SessionState state = SessionState::Stopped;  // Stopped or Aborted
     std::string status;
     std::int64_t durationMs = 0;
     bool expired = false;

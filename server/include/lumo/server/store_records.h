@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "lumo/server/image_comparer.h"
@@ -15,6 +16,20 @@ class StoreError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+// Where a session is in its life.
+enum class SessionState { Running, Stopped, Aborted };
+
+// How a step came out: New when there was no baseline step to compare with.
+enum class StepOutcome { Matched, Different, New, Missing, Failed };
+
+// The names the stores keep them by: "running", "stopped", "aborted"; "matched",
+// "different", "new", "missing", "failed".
+std::string_view nameOf(SessionState state);
+std::string_view nameOf(StepOutcome outcome);
+// What a stored name stands for; throws StoreError for any other text.
+SessionState sessionStateNamed(std::string_view name);
+StepOutcome stepOutcomeNamed(std::string_view name);
 
 // What a baseline belongs to. The environment is the client's baseline environment name or
 // the OS, device and display size it runs on.
@@ -50,8 +65,8 @@ struct SessionRecord {
   std::string startInfo;       // the start record as received, JSON text
   std::string startedAt;       // ISO 8601, UTC
   std::int64_t startedMs = 0;
-  std::string state = "running";  // "running", "stopped" or "aborted"
-  std::string status;             // "Passed", "Unresolved" or "Failed" once stopped
+  SessionState state = SessionState::Running;
+  std::string status;  // "Passed", "Unresolved" or "Failed" once stopped
   bool isNew = false;
   bool saved = false;  // its images became the baseline
   std::int64_t durationMs = 0;
@@ -68,7 +83,7 @@ struct SessionRecord {
 struct StepRecord {
   int position = 0;
   std::string name;
-  std::string outcome;  // "matched", "different", "new", "missing" or "failed"
+  StepOutcome outcome = StepOutcome::New;
   std::string matchLevel;
   std::string baselineImage;  // content hashes; empty when the step has no such image
   std::string currentImage;
