@@ -121,7 +121,10 @@ void HttpRouter::setAuthoriser(std::function<bool(const HttpRequest&)> authorise
 void HttpRouter::setErrorWriter(ErrorWriter writer) { errorWriter_ = std::move(writer); }
 
 const HttpRouter::Route* HttpRouter::find(HttpRequest& request) const {
-  const std::string_view method = request.method == "HEAD" ? "GET" : request.method;
+  // Both arms views: a mixed conditional would make a temporary string for the view to
+  // outlive (a POST was then routed by freed memory in optimised builds).
+  const std::string_view method =
+      request.method == "HEAD" ? std::string_view("GET") : std::string_view(request.method);
   for (const Route& route : routes_) {
     std::smatch match;
     if (route.method == method && std::regex_match(request.path, match, route.pattern)) {
