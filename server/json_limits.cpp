@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace lumo::server::detail {
 
 bool checkJsonDepth(std::string_view text, int maxDepth) {
@@ -69,6 +71,60 @@ std::optional<std::string> findLongText(const Json& value, std::string_view root
     return fmt::format("{}{}", root, *below);
   }
   return std::nullopt;
+}
+
+std::optional<Json> parseMatchBody(std::string_view body) {
+  constexpr std::string_view kKey = "\"screenshot64\"";
+  const std::size_t key = body.find(kKey);
+  if (key == std::string_view::npos || body.find(kKey, key + 1) != std::string_view::npos) {
+    return std::nullopt;
+  }
+  const auto skipSpace = [&](std::size_t at) {
+    while (at < body.size() &&
+           (body[at] == ' ' || body[at] == '\t' || body[at] == '\n' || body[at] == '\r')) {
+      ++at;
+    }
+    return at;
+  };
+  std::size_t at = skipSpace(key + kKey.size());
+  if (at >= body.size() || body[at] != ':') {
+    return std::nullopt;
+  }
+  at = skipSpace(at + 1);
+  if (at >= body.size() || body[at] != '"') {
+    return std::nullopt;
+  }
+  const std::size_t start = at + 1;
+  const std::size_t end = body.find('"', start);
+  if (end == std::string_view::npos) {
+    return std::nullopt;
+  }
+  const std::string_view value = body.substr(start, end - start);
+  // An escape or a raw control character: only the parser may judge those.
+  if (std::any_of(value.begin(), value.end(),
+                  [](char c) { return c == '\\' || static_cast<unsigned char>(c) < 0x20; })) {
+    return std::nullopt;
+  }
+  std::string rest;
+  rest.reserve(body.size() - value.size());
+  rest.append(body.substr(0, start)).append(body.substr(end));
+  if (rest.find("\\u") != std::string::npos || !checkJsonDepth(rest)) {
+    return std::nullopt;
+  }
+  Json parsed = Json::parse(rest, nullptr, false);
+  if (parsed.is_discarded() || !parsed.is_object()) {
+    return std::nullopt;
+  }
+  const auto output = parsed.find("appOutput");
+  if (output == parsed.end() || !output->is_object()) {
+    return std::nullopt;
+  }
+  const auto shot = output->find("screenshot64");
+  if (shot == output->end() || !shot->is_string() || !shot->get_ref<const std::string&>().empty()) {
+    return std::nullopt;
+  }
+  *shot = std::string(value);
+  return parsed;
 }
 
 }  // namespace lumo::server::detail

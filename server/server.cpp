@@ -168,9 +168,10 @@ struct Server::Impl {
           }));
     r.add("POST", R"(/api/sessions/running/([^/]+)\.json)", Access::keyed,
           api([this](const HttpRequest& req, HttpResponse& res) {
-            sendJson(
-                res, 200,
-                {{"asExpected", sessions->match(req.matches[1], parseBody(req), apiKey(req))}});
+            auto body = detail::parseMatchBody(req.body);
+            const bool asExpected = sessions->match(
+                req.matches[1], body ? std::move(*body) : parseBody(req), apiKey(req));
+            sendJson(res, 200, {{"asExpected", asExpected}});
           }));
     r.add("DELETE", R"(/api/sessions/running/([^/]+)\.json)", Access::keyed,
           api([this](const HttpRequest& req, HttpResponse& res) {
