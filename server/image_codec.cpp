@@ -38,14 +38,19 @@ bool decodeBase64InPlace(std::string& text) {
   char* const data = text.data();
   const std::size_t size = text.size();
   std::size_t in = 0, out = 0;
-  // The bytes of a screenshot are groups of four plain characters: three bytes per group,
-  // written behind the reading position.
+  // The bytes of a screenshot are groups of four plain characters, maybe in lines: three
+  // bytes per group, written behind the reading position.
   while (in + 4 <= size) {
     const std::uint32_t a = kBase64Values[static_cast<unsigned char>(data[in])];
     const std::uint32_t b = kBase64Values[static_cast<unsigned char>(data[in + 1])];
     const std::uint32_t c = kBase64Values[static_cast<unsigned char>(data[in + 2])];
     const std::uint32_t d = kBase64Values[static_cast<unsigned char>(data[in + 3])];
     if (((a | b | c | d) & kNotData) != 0) {
+      // A line break between groups, as clients write them: skip it and go on.
+      if (data[in] == '\r' || data[in] == '\n') {
+        ++in;
+        continue;
+      }
       break;
     }
     const std::uint32_t quad = a << 18 | b << 12 | c << 6 | d;

@@ -99,14 +99,30 @@ std::optional<Json> parseMatchBody(std::string_view body) {
   if (end == std::string_view::npos) {
     return std::nullopt;
   }
-  const std::string_view value = body.substr(start, end - start);
-  // An escape or a raw control character: only the parser may judge those.
-  if (std::any_of(value.begin(), value.end(),
-                  [](char c) { return c == '\\' || static_cast<unsigned char>(c) < 0x20; })) {
-    return std::nullopt;
+  // The client breaks its base64 into lines: \r and \n are the only escapes taken here;
+  // any other escape, or a raw control character, is left to the parser.
+  const std::string_view raw = body.substr(start, end - start);
+  std::string value;
+  value.reserve(raw.size());
+  for (std::size_t at = 0; at < raw.size();) {
+    const std::size_t escape = std::min(raw.find('\\', at), raw.size());
+    const std::string_view run = raw.substr(at, escape - at);
+    if (std::any_of(run.begin(), run.end(),
+                    [](char c) { return static_cast<unsigned char>(c) < 0x20; })) {
+      return std::nullopt;
+    }
+    value.append(run);
+    if (escape == raw.size()) {
+      break;
+    }
+    if (escape + 1 >= raw.size() || (raw[escape + 1] != 'r' && raw[escape + 1] != 'n')) {
+      return std::nullopt;
+    }
+    value += raw[escape + 1] == 'r' ? '\r' : '\n';
+    at = escape + 2;
   }
   std::string rest;
-  rest.reserve(body.size() - value.size());
+  rest.reserve(body.size() - raw.size());
   rest.append(body.substr(0, start)).append(body.substr(end));
   if (rest.find("\\u") != std::string::npos || !checkJsonDepth(rest)) {
     return std::nullopt;
@@ -123,7 +139,7 @@ std::optional<Json> parseMatchBody(std::string_view body) {
   if (shot == output->end() || !shot->is_string() || !shot->get_ref<const std::string&>().empty()) {
     return std::nullopt;
   }
-  *shot = std::string(value);
+  *shot = std::move(value);
   return parsed;
 }
 

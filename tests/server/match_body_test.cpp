@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "image_codec.h"
 #include "json_limits.h"
 
 namespace lumo::server::detail {
@@ -20,7 +21,9 @@ TEST(MatchBody, LiftedParseIsTheParsersOrNothing) {
       {R"({"appOutput":{"screenshot64":"QUJD","screenshot64":"REVG"}})", false},
       // A key spelled with an escape could be the real one.
       {R"({"appOutput":{"screenshot64":"QUJD","screensh\u006ft64":"REVG"}})", false},
+      {R"({"appOutput":{"screenshot64":"QUJD\r\nREVG\r\n"}})", true},
       {R"({"appOutput":{"screenshot64":"QU\/JD"}})", false},
+      {R"({"appOutput":{"screenshot64":"QUJD\"}})", false},
       {"{\"appOutput\":{\"screenshot64\":\"QU\nJD\"}}", false},
       {R"({"appOutput":{"screenshot64":12}})", false},
       {R"({"appOutput":{"screenshot64":"QUJD"})", false},
@@ -33,6 +36,24 @@ TEST(MatchBody, LiftedParseIsTheParsersOrNothing) {
     if (lifted) {
       EXPECT_EQ(*lifted, Json::parse(c.body));
     }
+  }
+}
+
+// The in-place decoder reads groups fast and hands anything unusual to the careful one:
+// either way, the same bytes or the same refusal.
+TEST(MatchBody, Base64DecodedInPlaceAsWritten) {
+  struct Case {
+    const char* text;
+    std::optional<std::string> bytes;
+  };
+  const Case cases[] = {
+      {"QUJDREVG", "ABCDEF"},         {"QUJD\r\nREVG\r\n", "ABCDEF"}, {"QU\nJDREVG", "ABCDEF"},
+      {"QUJDREU=", "ABCDE"},          {"QUJDRA==\r\n", "ABCD"},       {"", ""},
+      {"QUJDRA==QUJD", std::nullopt}, {"QUJD RE", std::nullopt},      {"QUJDRE", std::nullopt},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    EXPECT_EQ(decodeBase64(c.text), c.bytes);
   }
 }
 
