@@ -25,7 +25,9 @@
 #include "common/match_window_data.h"
 #include "common/scaled_screenshot.h"
 #include "image_codec.h"
+#include "json_limits.h"
 #include "lumo/check_settings.h"
+#include "lumo/detail/json.h"
 #include "lumo/error.h"
 #include "lumo/lumo.h"
 #include "lumo/match_result.h"
@@ -189,6 +191,7 @@ struct ClientPhases {
   // The source's PNG goes out as it is: no encode on the way.
   bool passesThrough = false;
   std::string sent64;
+  std::string bodyJson;  // the match request's JSON
 };
 
 ClientPhases clientPhases(lumo::ScreenshotSource& source) {
@@ -216,20 +219,22 @@ ClientPhases clientPhases(lumo::ScreenshotSource& source) {
                                lumo::Options("home", false, false, false, false, settings));
     text = data.compactJson();
   });
+  phases.bodyJson = std::move(text);
   return phases;
 }
 
 // The server's units one at a time, on the bytes the client sends: base64 and PNG decode,
 // baseline load (read and decode), compare, the diff image, and the store's writes.
 struct ServerPhases {
-  Timing base64, decode, baselineLoad, compareMatching, compareChanged;
+  Timing parse, base64, decode, baselineLoad, compareMatching, compareChanged;
   Timing diffImage, diffEncode, putImage, addStep;
 };
 
-ServerPhases serverPhases(const std::string& sent64, const Image& changed,
+ServerPhases serverPhases(const std::string& body, const std::string& sent64, const Image& changed,
                           const std::filesystem::path& dir) {
   namespace server = lumo::server;
   ServerPhases phases;
+  phases.parse = timed([&] { keep(server::detail::parseMatchBody(body)); });
   std::optional<std::string> png;
   phases.base64 = timed([&] { png = server::detail::decodeBase64(sent64); });
   std::optional<Image> current;
@@ -345,7 +350,7 @@ int main(int argc, char** argv) {
   lumo::PngFileScreenshotSource source({screenFile});
   const ClientPhases client = clientPhases(source);
   const std::string& sent64 = client.sent64;
-  const ServerPhases side = serverPhases(sent64, changed, dir.path() / "store");
+  const ServerPhases side = serverPhases(client.bodyJson, sent64, changed, dir.path() / "store");
 
   const Timing matchingCheck{median(matching), median(matchingCpu)};
   const Timing changedCheck{median(different), median(differentCpu)};
@@ -372,6 +377,7 @@ int main(int argc, char** argv) {
   row("request (check - the above)", minus(matchingCheck, local), "matching step");
   row("request (check - the above)", minus(changedCheck, local), "changed step");
   std::printf("%-34s %8s %8s\n", "server, each unit on its own", "wall", "cpu");
+  row("request body JSON parse", side.parse, "(screenshot lifted out)");
   row("base64 decode", side.base64);
   row("PNG decode", side.decode);
   row("baseline load (read + decode)", side.baselineLoad);
@@ -379,7 +385,7 @@ int main(int argc, char** argv) {
   row("compare, changed", side.compareChanged);
   row("diff image", side.diffImage);
   row("diff PNG encode", side.diffEncode);
-  row("store image (synced)", side.putImage);
+  row("store image (synced at stop)", side.putImage);
   row("store step row", side.addStep);
   row("whole check, matching", matchingCheck);
   row("whole check, changed", changedCheck);

@@ -121,7 +121,8 @@ void HttpRouter::setAuthoriser(std::function<bool(const HttpRequest&)> authorise
 void HttpRouter::setErrorWriter(ErrorWriter writer) { errorWriter_ = std::move(writer); }
 
 const HttpRouter::Route* HttpRouter::find(HttpRequest& request) const {
-  // Both arms as views: a std::string arm would make the result a temporary string.
+  // Both arms views: a mixed conditional would make a temporary string for the view to
+  // outlive (a POST was then routed by freed memory in optimised builds).
   const std::string_view method =
       request.method == "HEAD" ? std::string_view("GET") : std::string_view(request.method);
   for (const Route& route : routes_) {

@@ -1,6 +1,7 @@
 #include "image_codec.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <stdexcept>
 
@@ -16,13 +17,68 @@ std::span<const std::uint8_t> bytesOf(std::string_view text) {
 
 }  // namespace
 
-std::optional<std::string> decodeBase64(std::string_view text) {
+namespace {
+
+constexpr std::uint8_t kNotData = 0x80;  // CR, LF, '=' and anything not base64
+
+constexpr std::array<std::uint8_t, 256> kBase64Values = [] {
+  std::array<std::uint8_t, 256> values{};
+  values.fill(kNotData);
+  constexpr std::string_view alphabet =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  for (std::size_t i = 0; i < alphabet.size(); ++i) {
+    values[static_cast<unsigned char>(alphabet[i])] = static_cast<std::uint8_t>(i);
+  }
+  return values;
+}();
+
+}  // namespace
+
+bool decodeBase64InPlace(std::string& text) {
+  char* const data = text.data();
+  const std::size_t size = text.size();
+  std::size_t in = 0, out = 0;
+  // The bytes of a screenshot are groups of four plain characters, maybe in lines: three
+  // bytes per group, written behind the reading position.
+  while (in + 4 <= size) {
+    const std::uint32_t a = kBase64Values[static_cast<unsigned char>(data[in])];
+    const std::uint32_t b = kBase64Values[static_cast<unsigned char>(data[in + 1])];
+    const std::uint32_t c = kBase64Values[static_cast<unsigned char>(data[in + 2])];
+    const std::uint32_t d = kBase64Values[static_cast<unsigned char>(data[in + 3])];
+    if (((a | b | c | d) & kNotData) != 0) {
+      // A line break between groups, as clients write them: skip it and go on.
+      if (data[in] == '\r' || data[in] == '\n') {
+        ++in;
+        continue;
+      }
+      break;
+    }
+    const std::uint32_t quad = a << 18 | b << 12 | c << 6 | d;
+    data[out] = static_cast<char>(quad >> 16);
+    data[out + 1] = static_cast<char>(quad >> 8);
+    data[out + 2] = static_cast<char>(quad);
+    in += 4;
+    out += 3;
+  }
+  // The rest one character at a time: line breaks, padding and anything invalid.
+  const std::size_t rest = in;
   try {
-    const std::vector<std::uint8_t> bytes = base64Decode(text);
-    return std::string(bytes.begin(), bytes.end());
+    const std::vector<std::uint8_t> tail = base64Decode(std::string_view(data + rest, size - rest));
+    std::memcpy(data + out, tail.data(), tail.size());
+    out += tail.size();
   } catch (const std::invalid_argument&) {
+    return false;
+  }
+  text.resize(out);
+  return true;
+}
+
+std::optional<std::string> decodeBase64(std::string_view text) {
+  std::string bytes(text);
+  if (!decodeBase64InPlace(bytes)) {
     return std::nullopt;
   }
+  return bytes;
 }
 
 std::optional<std::pair<std::uint32_t, std::uint32_t>> pngSize(std::string_view png) {

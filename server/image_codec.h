@@ -14,6 +14,9 @@ namespace lumo::server::detail {
 
 // Standard base64 with CR and LF ignored; nullopt when the text is not base64.
 std::optional<std::string> decodeBase64(std::string_view text);
+// As decodeBase64, into `text` itself (a 3 MB screenshot is not copied); false, with `text`
+// left undefined, when it is not base64.
+bool decodeBase64InPlace(std::string& text);
 
 // Width and height from a PNG's header; nullopt when the bytes do not start like a PNG.
 std::optional<std::pair<std::uint32_t, std::uint32_t>> pngSize(std::string_view png);

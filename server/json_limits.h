@@ -30,4 +30,12 @@ bool checkJsonDepth(std::string_view text, int maxDepth = kMaxJsonDepth);
 std::optional<std::string> findLongText(const Json& value, std::string_view root,
                                         std::size_t maxBytes = kMaxStartTextBytes);
 
+// A match request body parsed with its screenshot lifted out before the parser runs: the
+// parser reads a string a character at a time, and the screenshot's base64 is nearly all of
+// the body. Only when the screenshot's key is written once and nothing in the rest of the body
+// is a \u escape (so no other key can spell it) is the result certain to be the body's;
+// nullopt otherwise, and for anything that is not valid JSON, depth-checked as above: the
+// caller then parses the whole body.
+std::optional<Json> parseMatchBody(std::string_view body);
+
 }  // namespace lumo::server::detail

@@ -183,8 +183,9 @@ std::string stepSection(const SessionRecord& s, const StepRecord& step,
       e(step.name.empty() ? "(unnamed)" : step.name), e(step.matchLevel), reject,
       sidePane(step.baselineImage, "Baseline", "No baseline: a new step"),
       sidePane(step.currentImage, "Current", "No current image"),
-      sidePane(step.diffImage, "Differences", "No comparison"), overlayPane(step),
-      differenceList(step, boxes));
+      sidePane(step.diffImage, "Differences",
+               step.outcome == StepOutcome::Matched ? "No differences" : "No comparison"),
+      overlayPane(step), differenceList(step, boxes));
 }
 
 constexpr std::string_view kViewerControls =

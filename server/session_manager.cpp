@@ -41,6 +41,12 @@ std::int64_t unixMs(std::chrono::system_clock::time_point when) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(when.time_since_epoch()).count();
 }
 
+// Whether a comparison found nothing at all, not even a tolerated pixel.
+bool identical(const CompareResult& r) {
+  return r.matches && !r.sizeMismatch && r.differentPixels == 0 && r.toleratedPixels == 0 &&
+         r.boxes.empty() && r.differentAreas.empty();
+}
+
 // The session's own images, in order: what becomes the baseline when it is saved.
 std::vector<StoredStep> imagesOf(const std::vector<StepRecord>& steps) {
   std::vector<StoredStep> images;
@@ -197,8 +203,7 @@ void SessionManager::notRunning(const SessionRecord& s) const {
                           : fmt::format("session {} is already stopped", s.id));
 }
 
-bool SessionManager::match(const std::string& sessionId, const Json& matchData,
-                           std::string_view apiKey) {
+bool SessionManager::match(const std::string& sessionId, Json matchData, std::string_view apiKey) {
   runningSession(sessionId, apiKey);
   if (!matchData.is_object()) {
     badRequest("the match data must be an object");
@@ -218,12 +223,13 @@ bool SessionManager::match(const std::string& sessionId, const Json& matchData,
   }
 
   // Decode before taking the session: bad input must be refused without touching it.
-  const std::string screenshot64 = stringAt(appOutput, "screenshot64", "appOutput");
   std::optional<std::string> png;
   std::optional<Image> current;
-  if (!screenshot64.empty()) {
-    png = detail::decodeBase64(screenshot64);
-    if (!png) {
+  if (const Json* shot = member(appOutput, "screenshot64"); shot && !shot->is_string()) {
+    badRequest("appOutput.screenshot64 must be a string");
+  } else if (shot && !shot->get_ref<const std::string&>().empty()) {
+    png = std::move(matchData["appOutput"]["screenshot64"].get_ref<std::string&>());
+    if (!detail::decodeBase64InPlace(*png)) {
       badRequest("appOutput.screenshot64 is not valid base64");
     }
     const auto size = detail::pngSize(*png);
@@ -299,8 +305,12 @@ bool SessionManager::match(const std::string& sessionId, const Json& matchData,
         recorded = asExpected || !ignoreMismatch;
         if (recorded) {
           storeCurrent();
-          step.diffImage = store_.putImage(
-              detail::encodePngImage(comparer_.diffImage(*baseline, *current, settings, result)));
+          // A step with nothing to show needs no differences image: drawing and encoding one
+          // costs more than the whole comparison of two identical screens.
+          if (!identical(result)) {
+            step.diffImage = store_.putImage(
+                detail::encodePngImage(comparer_.diffImage(*baseline, *current, settings, result)));
+          }
           step.boxes = result.boxes;
           step.outcome = asExpected ? StepOutcome::Matched : StepOutcome::Different;
         }

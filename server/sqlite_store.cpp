@@ -353,14 +353,18 @@ std::string SqliteStore::putImage(std::string_view png) {
   const std::string hash = detail::sha256Hex(png);
   const std::filesystem::path path = imagePath(hash);
   std::error_code ec;
-  if (std::filesystem::exists(path, ec)) {
+  // A file of another size was renamed into place but lost its data in a power cut: write
+  // it again.
+  if (std::filesystem::file_size(path, ec) == png.size() && !ec) {
     return hash;
   }
   std::filesystem::create_directories(path.parent_path(), ec);
   if (ec) {
     fail("cannot create " + path.parent_path().string() + ": " + ec.message());
   }
-  // A unique temporary name: two sessions may store the same image at once.
+  // A unique temporary name: two sessions may store the same image at once. The rename
+  // makes the whole file appear at once to a process killed at any moment; syncing waits
+  // for the row that makes it matter (syncImages), off the checkpoint's answer path.
   thread_local std::mt19937_64 random{std::random_device{}()};
   std::filesystem::path temp = path;
   temp += "." + std::to_string(random()) + std::string(kTempSuffix);
@@ -370,9 +374,6 @@ std::string SqliteStore::putImage(std::string_view png) {
   }
   try {
     writeFully(fd, png, temp);
-    if (::fsync(fd) != 0) {
-      failErrno("cannot sync", temp);
-    }
   } catch (...) {
     ::close(fd);
     std::filesystem::remove(temp, ec);
@@ -383,7 +384,6 @@ std::string SqliteStore::putImage(std::string_view png) {
     std::filesystem::remove(temp, ec);
     failErrno("cannot rename to", path);
   }
-  syncPath(path.parent_path(), O_RDONLY | O_DIRECTORY);
   return hash;
 }
 
@@ -419,14 +419,52 @@ std::optional<std::vector<StoredStep>> SqliteStore::findBaseline(const BaselineK
   return result;
 }
 
-void SqliteStore::checkImagesStored(const std::vector<StoredStep>& steps) const {
-  for (const StoredStep& step : steps) {
-    std::error_code ec;
-    if (!detail::isSha256Hex(step.image) || !std::filesystem::exists(imagePath(step.image), ec)) {
-      fail("baseline image " + step.image + " is not stored");
+void SqliteStore::syncImages(std::vector<std::string> hashes) const {
+  std::sort(hashes.begin(), hashes.end());
+  hashes.erase(std::unique(hashes.begin(), hashes.end()), hashes.end());
+  std::vector<std::filesystem::path> directories;
+  for (const std::string& hash : hashes) {
+    if (hash.empty()) {
+      continue;
     }
+    const std::filesystem::path path = imagePath(hash);
+    if (!detail::isSha256Hex(hash) || ::access(path.c_str(), F_OK) != 0) {
+      fail("image " + hash + " is not stored");
+    }
+    syncPath(path, O_RDONLY);
+    directories.push_back(path.parent_path());
+  }
+  // The directory entry made by the rename is a write of its own.
+  std::sort(directories.begin(), directories.end());
+  directories.erase(std::unique(directories.begin(), directories.end()), directories.end());
+  for (const auto& directory : directories) {
+    syncPath(directory, O_RDONLY | O_DIRECTORY);
   }
 }
+
+std::vector<std::string> SqliteStore::imagesOfSteps(const std::string& sessionId) const {
+  std::lock_guard lock(mutex_);
+  Statement find(db_, "SELECT current_image, diff_image FROM steps WHERE session_id = ?");
+  find.bind(1, sessionId);
+  std::vector<std::string> hashes;
+  while (find.step()) {
+    hashes.push_back(find.text(0));
+    hashes.push_back(find.text(1));
+  }
+  return hashes;
+}
+
+namespace {
+
+std::vector<std::string> imagesOf(const std::vector<StoredStep>& steps) {
+  std::vector<std::string> hashes;
+  for (const StoredStep& step : steps) {
+    hashes.push_back(step.image);
+  }
+  return hashes;
+}
+
+}  // namespace
 
 void SqliteStore::writeBaseline(const BaselineKey& key, const std::vector<StoredStep>& steps,
                                 const std::string& sessionId) {
@@ -458,7 +496,7 @@ void SqliteStore::writeBaseline(const BaselineKey& key, const std::vector<Stored
 
 void SqliteStore::saveBaseline(const BaselineKey& key, const std::vector<StoredStep>& steps,
                                const std::string& sessionId) {
-  checkImagesStored(steps);
+  syncImages(imagesOf(steps));
   std::lock_guard lock(mutex_);
   Transaction transaction(db_, Sync::Durable);
   writeBaseline(key, steps, sessionId);
@@ -467,7 +505,7 @@ void SqliteStore::saveBaseline(const BaselineKey& key, const std::vector<StoredS
 
 bool SqliteStore::approveSession(const std::string& sessionId,
                                  const std::vector<StoredStep>& steps) {
-  checkImagesStored(steps);
+  syncImages(imagesOf(steps));
   std::lock_guard lock(mutex_);
   Transaction transaction(db_, Sync::Durable);
   Statement find(db_,
@@ -587,9 +625,14 @@ void SqliteStore::touchSession(const std::string& sessionId, std::int64_t nowMs)
 }
 
 bool SqliteStore::finishSession(const std::string& sessionId, const SessionEnd& end) {
+  // Every image the ended session names becomes durable with its verdict. Steps recorded
+  // after this read fail the step count check below.
+  std::vector<std::string> images = imagesOfSteps(sessionId);
   if (end.baseline) {
-    checkImagesStored(*end.baseline);
+    const auto saved = imagesOf(*end.baseline);
+    images.insert(images.end(), saved.begin(), saved.end());
   }
+  syncImages(std::move(images));
   std::lock_guard lock(mutex_);
   Transaction transaction(db_, Sync::Durable);
   Statement find(db_,

@@ -10,13 +10,16 @@
 namespace lumo::server::testing {
 namespace {
 
-// Asserts an error answer: the status and a JSON body with an "error" text.
+// Asserts an error answer: the status and a JSON body with an "error" text that no client
+// could read as a passed test.
 void expectError(const httplib::Result& res, int status) {
   ASSERT_TRUE(res);
   EXPECT_EQ(res->status, status) << res->body;
   const Json body = Json::parse(res->body, nullptr, false);
   ASSERT_TRUE(body.is_object()) << res->body;
   EXPECT_TRUE(body["error"].is_string()) << res->body;
+  EXPECT_EQ(body["status"], "Failed") << res->body;
+  EXPECT_EQ(body["httpStatus"], status) << res->body;
   EXPECT_EQ(res->get_header_value("Content-Type"), "application/json");
 }
 

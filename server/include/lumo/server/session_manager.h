@@ -86,8 +86,9 @@ class SessionManager {
 
   // Compares the match-window record's screenshot with the baseline step at the session's
   // position; true when the window is as expected. A mismatch is recorded (and the position
-  // moves on) only when the record's options do not ask to ignore mismatches.
-  bool match(const std::string& sessionId, const Json& matchData, std::string_view apiKey = {});
+  // moves on) only when the record's options do not ask to ignore mismatches. The record is
+  // taken whole so that its screenshot is decoded where it lies, not copied.
+  bool match(const std::string& sessionId, Json matchData, std::string_view apiKey = {});
 
   // Ends the session and answers its test results, with links under `baseUrl` (scheme, host
   // and port, no trailing slash). With `updateBaseline` a new or differing test's images

@@ -58,7 +58,11 @@ class SqliteStore final : public Store {
 
  private:
   std::filesystem::path imagePath(std::string_view hash) const;
-  void checkImagesStored(const std::vector<StoredStep>& steps) const;
+  // Flushes the named images (empty names skipped) and their directories to the disk;
+  // StoreError when one is not stored.
+  void syncImages(std::vector<std::string> hashes) const;
+  // The current and differences images of a session's steps.
+  std::vector<std::string> imagesOfSteps(const std::string& sessionId) const;
   // Within a transaction: replaces the baseline rows and marks the session saved.
   void writeBaseline(const BaselineKey& key, const std::vector<StoredStep>& steps,
                      const std::string& sessionId);

@@ -41,8 +41,10 @@ class Store {
     std::optional<std::vector<StoredStep>> baseline;
   };
 
-  // Stores PNG bytes under their SHA-256 (lower-case hex) and returns it; the image is
-  // durable when this returns. Storing the same bytes again is a no-op.
+  // Stores PNG bytes under their SHA-256 (lower-case hex) and returns it; the image survives
+  // the process being killed when this returns, and a power cut once a stop (finishSession),
+  // approval or saved baseline naming it has committed. Storing the same bytes again is a
+  // no-op.
   virtual std::string putImage(std::string_view png) = 0;
   // The bytes stored under `hash`; nullopt when there are none or the name is not a hash.
   virtual std::optional<std::string> readImage(std::string_view hash) const = 0;

@@ -1,0 +1,61 @@
+#include <gtest/gtest.h>
+
+#include "image_codec.h"
+#include "json_limits.h"
+
+namespace lumo::server::detail {
+namespace {
+
+// The lifted parse either gives exactly what the parser gives or leaves the body to it.
+TEST(MatchBody, LiftedParseIsTheParsersOrNothing) {
+  struct Case {
+    const char* body;
+    bool lifted;
+  };
+  const Case cases[] = {
+      {R"({"appOutput":{"screenshot64":"iVBORw0K"},"options":{"name":"a"}})", true},
+      {R"({ "options" : {} , "appOutput" : { "screenshot64" :  "QUJD" } })", true},
+      {R"({"appOutput":{"screenshot64":""}})", true},
+      // Elsewhere than appOutput, or twice: the parser decides which one counts.
+      {R"({"appOutput":{},"options":{"screenshot64":"QUJD"}})", false},
+      {R"({"appOutput":{"screenshot64":"QUJD","screenshot64":"REVG"}})", false},
+      // A key spelled with an escape could be the real one.
+      {R"({"appOutput":{"screenshot64":"QUJD","screensh\u006ft64":"REVG"}})", false},
+      {R"({"appOutput":{"screenshot64":"QUJD\r\nREVG\r\n"}})", true},
+      {R"({"appOutput":{"screenshot64":"QU\/JD"}})", false},
+      {R"({"appOutput":{"screenshot64":"QUJD\"}})", false},
+      {"{\"appOutput\":{\"screenshot64\":\"QU\nJD\"}}", false},
+      {R"({"appOutput":{"screenshot64":12}})", false},
+      {R"({"appOutput":{"screenshot64":"QUJD"})", false},
+      {R"({"appOutput":{"tag":"x\"screenshot64":"QUJD"}})", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.body);
+    const auto lifted = parseMatchBody(c.body);
+    ASSERT_EQ(lifted.has_value(), c.lifted);
+    if (lifted) {
+      EXPECT_EQ(*lifted, Json::parse(c.body));
+    }
+  }
+}
+
+// The in-place decoder reads groups fast and hands anything unusual to the careful one:
+// either way, the same bytes or the same refusal.
+TEST(MatchBody, Base64DecodedInPlaceAsWritten) {
+  struct Case {
+    const char* text;
+    std::optional<std::string> bytes;
+  };
+  const Case cases[] = {
+      {"QUJDREVG", "ABCDEF"},         {"QUJD\r\nREVG\r\n", "ABCDEF"}, {"QU\nJDREVG", "ABCDEF"},
+      {"QUJDREU=", "ABCDE"},          {"QUJDRA==\r\n", "ABCD"},       {"", ""},
+      {"QUJDRA==QUJD", std::nullopt}, {"QUJD RE", std::nullopt},      {"QUJDRE", std::nullopt},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    EXPECT_EQ(decodeBase64(c.text), c.bytes);
+  }
+}
+
+}  // namespace
+}  // namespace lumo::server::detail
