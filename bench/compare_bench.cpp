@@ -20,8 +20,8 @@
 #include <vector>
 
 #include "app_screens.h"
-#include "platform/png.h"
 #include "lumo/server/image_comparer.h"
+#include "platform/png.h"
 #include "strict_metric.h"
 
 extern char** environ;

@@ -13,10 +13,10 @@
 #include <string>
 #include <thread>
 
-#include "platform/expectation.h"
 #include "connectivity/http_client.h"
 #include "connectivity/server_connector.h"
 #include "lumo/system_log.h"
+#include "platform/expectation.h"
 #include "platform/waiter.h"
 
 namespace {
@@ -34,7 +34,9 @@ class Loopback {
     });
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) std::this_thread::yield();
+    while (!server_.is_running()) {
+      std::this_thread::yield();
+    }
   }
   ~Loopback() {
     server_.stop();
@@ -62,7 +64,9 @@ const std::shared_ptr<lumo::MatchWindowData>& matchData() {
     std::string base64;
     // Each line of 64 characters and CR LF takes 68 bytes once escaped in JSON.
     for (std::size_t line = 0; line < kBodyBytes / 68; ++line) {
-      for (std::size_t i = 0; i < 64; ++i) base64 += alphabet[(line * 7 + i * 13) % 64];
+      for (std::size_t i = 0; i < 64; ++i) {
+        base64 += alphabet[(line * 7 + i * 13) % 64];
+      }
       base64 += "\r\n";
     }
     return std::make_shared<lumo::MatchWindowData>(
@@ -103,7 +107,9 @@ void bareCurl(benchmark::State& state) {
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, &answer);
   for (auto _ : state) {
     answer.clear();
-    if (curl_easy_perform(easy) != CURLE_OK) state.SkipWithError("bare request failed");
+    if (curl_easy_perform(easy) != CURLE_OK) {
+      state.SkipWithError("bare request failed");
+    }
   }
   curl_slist_free_all(headers);
   curl_easy_cleanup(easy);
@@ -127,7 +133,9 @@ void httpClient(benchmark::State& state) {
       done->fulfill();
     });
     lumo::Waiter::waitForExpectations({done}, std::chrono::seconds(60));
-    if (!ok) state.SkipWithError("client request failed");
+    if (!ok) {
+      state.SkipWithError("client request failed");
+    }
   }
 }
 
@@ -147,7 +155,9 @@ void serverConnector(benchmark::State& state) {
           done->fulfill();
         });
     lumo::Waiter::waitForExpectations({done}, std::chrono::seconds(60));
-    if (!asExpected) state.SkipWithError("connector request failed");
+    if (!asExpected) {
+      state.SkipWithError("connector request failed");
+    }
   }
 }
 

@@ -9,9 +9,9 @@
 #include <cstdio>
 #include <random>
 
+#include "common/scaled_screenshot.h"
 #include "platform/base64.h"
 #include "platform/png.h"
-#include "common/scaled_screenshot.h"
 
 namespace {
 
@@ -83,7 +83,9 @@ std::vector<std::uint8_t> libpngDefault(const Image& image) {
   png_set_IHDR(png, info, image.width(), image.height(), 8, PNG_COLOR_TYPE_RGBA, PNG_INTERLACE_NONE,
                PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
   png_write_info(png, info);
-  for (int y = 0; y < image.height(); ++y) png_write_row(png, image.row(y));
+  for (int y = 0; y < image.height(); ++y) {
+    png_write_row(png, image.row(y));
+  }
   png_write_end(png, nullptr);
   png_destroy_write_struct(&png, &info);
   return out;
@@ -92,18 +94,24 @@ std::vector<std::uint8_t> libpngDefault(const Image& image) {
 std::size_t ours(const Image& image) { return lumo::base64Encode(lumo::encodePng(image)).size(); }
 
 void BM_LibpngDefault(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(libpngDefault(appScreen()));
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(libpngDefault(appScreen()));
+  }
 }
 BENCHMARK(BM_LibpngDefault)->Unit(benchmark::kMillisecond);
 
 void BM_EncodePngAndBase64(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(ours(appScreen()));
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(ours(appScreen()));
+  }
 }
 BENCHMARK(BM_EncodePngAndBase64)->Unit(benchmark::kMillisecond);
 
 void BM_DownscaleByThree(benchmark::State& state) {
   auto image = std::make_shared<const Image>(appScreen());
-  for (auto _ : state) benchmark::DoNotOptimize(lumo::ScaledScreenshot::areaAverage(image, 3));
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(lumo::ScaledScreenshot::areaAverage(image, 3));
+  }
 }
 BENCHMARK(BM_DownscaleByThree)->Unit(benchmark::kMillisecond);
 

@@ -14,10 +14,10 @@
 #include <thread>
 #include <vector>
 
-#include "platform/base64.h"
 #include "lumo/detail/json.h"
-#include "platform/png.h"
 #include "lumo/server/server.h"
+#include "platform/base64.h"
+#include "platform/png.h"
 #include "support/postgres_cluster.h"
 
 namespace {

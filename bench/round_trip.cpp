@@ -115,7 +115,9 @@ std::vector<std::uint8_t> devicePng(const Image& image) {
   png_set_IHDR(png, info, image.width(), image.height(), 8, PNG_COLOR_TYPE_RGBA, PNG_INTERLACE_NONE,
                PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
   png_write_info(png, info);
-  for (int y = 0; y < image.height(); ++y) png_write_row(png, image.row(y));
+  for (int y = 0; y < image.height(); ++y) {
+    png_write_row(png, image.row(y));
+  }
   png_write_end(png, nullptr);
   png_destroy_write_struct(&png, &info);
   return out;
@@ -125,7 +127,9 @@ class TempDir {
  public:
   TempDir() {
     std::string pattern = (std::filesystem::temp_directory_path() / "lumo-bench-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    if (mkdtemp(pattern.data()) == nullptr) {
+      throw std::runtime_error("mkdtemp failed");
+    }
     path_ = pattern;
   }
   ~TempDir() {

@@ -41,13 +41,13 @@
 #include "lumo/exception.h"
 #include "lumo/lumo.h"
 #include "lumo/match_result.h"
-#include "platform/png.h"
 #include "lumo/running_session.h"
 #include "lumo/server/sqlite_store.h"
 #include "lumo/system_log.h"
 #include "lumo/test_failed_exception.h"
 #include "lumo/test_results.h"
 #include "lumo/wait_policy.h"
+#include "platform/png.h"
 
 namespace {
 

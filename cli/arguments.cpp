@@ -23,7 +23,9 @@ std::vector<std::string_view> split(std::string_view text, char separator) {
   while (true) {
     const std::size_t end = text.find(separator, start);
     parts.push_back(text.substr(start, end == std::string_view::npos ? end : end - start));
-    if (end == std::string_view::npos) return parts;
+    if (end == std::string_view::npos) {
+      return parts;
+    }
     start = end + 1;
   }
 }
@@ -44,18 +46,26 @@ bool toNumber(std::string_view text, double& value) {
 // Parses `count` comma-separated integers into `values`; false on any malformed part.
 bool integers(std::string_view text, std::size_t count, std::int64_t* values) {
   const auto parts = split(text, ',');
-  if (parts.size() != count) return false;
+  if (parts.size() != count) {
+    return false;
+  }
   for (std::size_t i = 0; i < count; ++i) {
-    if (!toWhole(parts[i], values[i])) return false;
+    if (!toWhole(parts[i], values[i])) {
+      return false;
+    }
   }
   return true;
 }
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
+  if (a.size() != b.size()) {
+    return false;
+  }
   for (std::size_t i = 0; i < a.size(); ++i) {
     const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; };
-    if (lower(a[i]) != lower(b[i])) return false;
+    if (lower(a[i]) != lower(b[i])) {
+      return false;
+    }
   }
   return true;
 }
@@ -133,15 +143,21 @@ double parseNonNegativeNumber(std::string_view option, std::string_view text,
 }
 
 bool parseYesNo(std::string_view option, std::string_view text) {
-  if (text == "yes") return true;
-  if (text == "no") return false;
+  if (text == "yes") {
+    return true;
+  }
+  if (text == "no") {
+    return false;
+  }
   fail(option, text, "yes or no");
 }
 
 MatchLevel parseMatchLevel(std::string_view option, std::string_view text) {
   for (const MatchLevel level :
        {MatchLevelNone, MatchLevelLayout, MatchLevelContent, MatchLevelStrict, MatchLevelExact}) {
-    if (equalsIgnoringCase(text, matchLevelToString(level))) return level;
+    if (equalsIgnoringCase(text, matchLevelToString(level))) {
+      return level;
+    }
   }
   fail(option, text, "None, Layout, Content, Strict or Exact");
 }

@@ -42,7 +42,6 @@ class CheckpointSource : public ScreenshotSource {
   CapturedScreen screen_;
 };
 
-
 // The file's pixels with its bytes, which a checkpoint that keeps the pixels sends as they are.
 CapturedScreen readPng(const std::filesystem::path& file) {
   std::ifstream in(file, std::ios::binary);
@@ -75,11 +74,21 @@ void checkRegionFits(const Region& region, const Image& image, double scale,
 
 CheckSettings settingsOf(const CheckOptions& o) {
   CheckSettings settings = CheckSettings().timeoutInSeconds(o.matchTimeout);
-  if (o.ignoreCaret) settings = settings.ignoreCaret();
-  if (!o.ignore.empty()) settings = settings.ignore(o.ignore);
-  if (!o.layout.empty()) settings = settings.layout(o.layout);
-  if (!o.strict.empty()) settings = settings.strict(o.strict);
-  if (!o.content.empty()) settings = settings.content(o.content);
+  if (o.ignoreCaret) {
+    settings = settings.ignoreCaret();
+  }
+  if (!o.ignore.empty()) {
+    settings = settings.ignore(o.ignore);
+  }
+  if (!o.layout.empty()) {
+    settings = settings.layout(o.layout);
+  }
+  if (!o.strict.empty()) {
+    settings = settings.strict(o.strict);
+  }
+  if (!o.content.empty()) {
+    settings = settings.content(o.content);
+  }
   for (const FloatingArgument& f : o.floating) {
     settings = settings.floating(f.region, f.maxUp, f.maxDown, f.maxRight, f.maxLeft);
   }
@@ -89,9 +98,13 @@ CheckSettings settingsOf(const CheckOptions& o) {
 // "<app> <test> <local date and time>": a batch a reviewer can tell apart in the server's list
 // without --batch. A batch name from the environment still wins, as the library gives it.
 std::optional<std::string> batchName(const CheckOptions& o) {
-  if (o.batch) return o.batch;
+  if (o.batch) {
+    return o.batch;
+  }
   const char* fromEnvironment = std::getenv("BRIXTEL_BATCH_NAME");
-  if (fromEnvironment && *fromEnvironment) return std::nullopt;
+  if (fromEnvironment && *fromEnvironment) {
+    return std::nullopt;
+  }
   const std::time_t now = std::time(nullptr);
   std::tm local{};
   localtime_r(&now, &local);
@@ -102,25 +115,49 @@ std::optional<std::string> batchName(const CheckOptions& o) {
 
 void configure(Lumo& lumo, const CheckOptions& o) {
   lumo.setApiKey(o.apiKey);
-  if (const auto name = batchName(o)) lumo.setBatch(std::make_shared<BatchInfo>(*name));
-  if (o.branch) lumo.setBranchName(*o.branch);
-  if (o.parentBranch) lumo.setParentBranchName(*o.parentBranch);
-  if (o.baselineBranch) lumo.setBaselineBranchName(*o.baselineBranch);
-  if (o.baselineEnv) lumo.setBaselineEnvName(*o.baselineEnv);
-  if (o.matchLevel) lumo.setMatchLevel(*o.matchLevel);
+  if (const auto name = batchName(o)) {
+    lumo.setBatch(std::make_shared<BatchInfo>(*name));
+  }
+  if (o.branch) {
+    lumo.setBranchName(*o.branch);
+  }
+  if (o.parentBranch) {
+    lumo.setParentBranchName(*o.parentBranch);
+  }
+  if (o.baselineBranch) {
+    lumo.setBaselineBranchName(*o.baselineBranch);
+  }
+  if (o.baselineEnv) {
+    lumo.setBaselineEnvName(*o.baselineEnv);
+  }
+  if (o.matchLevel) {
+    lumo.setMatchLevel(*o.matchLevel);
+  }
   lumo.setMatchTimeout(o.matchTimeout);
-  if (o.saveNewTests) lumo.setSaveNewTests(*o.saveNewTests);
-  if (o.saveFailedTests) lumo.setSaveFailedTests(*o.saveFailedTests);
+  if (o.saveNewTests) {
+    lumo.setSaveNewTests(*o.saveNewTests);
+  }
+  if (o.saveFailedTests) {
+    lumo.setSaveFailedTests(*o.saveFailedTests);
+  }
   lumo.setSaveDiffs(o.saveDiffs);
-  for (const auto& [name, value] : o.properties) lumo.addProperty(name, value);
+  for (const auto& [name, value] : o.properties) {
+    lumo.addProperty(name, value);
+  }
   lumo.setShouldCropStatusBar(o.cropStatusBar);
-  if (o.waitPolicy) lumo.setWaitPolicy(o.waitPolicy);
+  if (o.waitPolicy) {
+    lumo.setWaitPolicy(o.waitPolicy);
+  }
 }
 
 std::string checkpointState(const RunningSession& session,
                             const std::shared_ptr<MatchResult>& result) {
-  if (!result) return "no answer";
-  if (session.isNewSession()) return "new";
+  if (!result) {
+    return "no answer";
+  }
+  if (session.isNewSession()) {
+    return "new";
+  }
   return result->asExpected() ? "matched" : "did not match";
 }
 
@@ -186,7 +223,9 @@ int runTest(const CheckOptions& o, std::ostream& out, std::ostream& err, TestRep
     report.sessionUrl = sessionURL;
     for (std::size_t i = 0; i < o.checkpoints.size(); ++i) {
       const std::string& tag = o.checkpoints[i].tag;
-      if (checkpointSource) checkpointSource->setScreen(screens[i]);
+      if (checkpointSource) {
+        checkpointSource->setScreen(screens[i]);
+      }
       const auto result = o.targetRegion ? lumo.checkRegion(*o.targetRegion, tag, settings)
                                          : lumo.check(tag, settings);
       report.checkpoints[i].verdict = checkpointState(*session, result);

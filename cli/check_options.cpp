@@ -14,7 +14,9 @@ namespace {
 
 bool isWebURL(std::string_view url) {
   for (const std::string_view scheme : {"http://", "https://"}) {
-    if (url.size() > scheme.size() && url.substr(0, scheme.size()) == scheme) return true;
+    if (url.size() > scheme.size() && url.substr(0, scheme.size()) == scheme) {
+      return true;
+    }
   }
   return false;
 }
@@ -89,7 +91,9 @@ CheckOptions CheckCommand::options() const {
   const auto given = [this](const char* option) { return command_->count(option) > 0; };
   const auto text = [&](const char* option,
                         const std::string& value) -> std::optional<std::string> {
-    if (!given(option)) return std::nullopt;
+    if (!given(option)) {
+      return std::nullopt;
+    }
     return value;
   };
 
@@ -99,8 +103,12 @@ CheckOptions CheckCommand::options() const {
         fmt::format("--server: expected an http:// or https:// URL, got \"{}\"", server_));
   }
   o.serverURL = server_;
-  if (app_.empty()) throw UsageError("--app: the application name is empty");
-  if (test_.empty()) throw UsageError("--test: the test name is empty");
+  if (app_.empty()) {
+    throw UsageError("--app: the application name is empty");
+  }
+  if (test_.empty()) {
+    throw UsageError("--test: the test name is empty");
+  }
   o.appName = app_;
   o.testName = test_;
 
@@ -113,18 +121,36 @@ CheckOptions CheckCommand::options() const {
     throw UsageError("no API key: give --api-key KEY or set BRIXTEL_API_KEY");
   }
 
-  if (given("--viewport")) o.viewport = parseViewport("--viewport", viewport_);
-  if (given("--match-level")) o.matchLevel = parseMatchLevel("--match-level", matchLevel_);
+  if (given("--viewport")) {
+    o.viewport = parseViewport("--viewport", viewport_);
+  }
+  if (given("--match-level")) {
+    o.matchLevel = parseMatchLevel("--match-level", matchLevel_);
+  }
   if (given("--match-timeout")) {
     o.matchTimeout = parseMatchTimeout("--match-timeout", matchTimeout_);
   }
-  if (given("--region")) o.targetRegion = parseRegion("--region", region_);
-  for (const auto& r : ignore_) o.ignore.push_back(parseRegion("--ignore", r));
-  for (const auto& r : layout_) o.layout.push_back(parseRegion("--layout", r));
-  for (const auto& r : strict_) o.strict.push_back(parseRegion("--strict", r));
-  for (const auto& r : content_) o.content.push_back(parseRegion("--content", r));
-  for (const auto& f : floating_) o.floating.push_back(parseFloating("--floating", f));
-  if (given("--scale")) o.scale = parsePositiveNumber("--scale", scale_);
+  if (given("--region")) {
+    o.targetRegion = parseRegion("--region", region_);
+  }
+  for (const auto& r : ignore_) {
+    o.ignore.push_back(parseRegion("--ignore", r));
+  }
+  for (const auto& r : layout_) {
+    o.layout.push_back(parseRegion("--layout", r));
+  }
+  for (const auto& r : strict_) {
+    o.strict.push_back(parseRegion("--strict", r));
+  }
+  for (const auto& r : content_) {
+    o.content.push_back(parseRegion("--content", r));
+  }
+  for (const auto& f : floating_) {
+    o.floating.push_back(parseFloating("--floating", f));
+  }
+  if (given("--scale")) {
+    o.scale = parsePositiveNumber("--scale", scale_);
+  }
   if (given("--status-bar-height")) {
     o.statusBarHeight = parseNonNegativeNumber("--status-bar-height", statusBarHeight_,
                                                "a number of points, 0 or more");
@@ -135,29 +161,41 @@ CheckOptions CheckCommand::options() const {
   o.parentBranch = text("--parent-branch", parentBranch_);
   o.baselineBranch = text("--baseline-branch", baselineBranch_);
   o.baselineEnv = text("--baseline-env", baselineEnv_);
-  if (given("--save-new-tests")) o.saveNewTests = parseYesNo("--save-new-tests", saveNewTests_);
+  if (given("--save-new-tests")) {
+    o.saveNewTests = parseYesNo("--save-new-tests", saveNewTests_);
+  }
   if (given("--save-failed-tests")) {
     o.saveFailedTests = parseYesNo("--save-failed-tests", saveFailedTests_);
   }
   o.saveDiffs = saveDiffs_;
   o.ignoreCaret = ignoreCaret_;
-  for (const auto& p : properties_) o.properties.push_back(parseProperty("--property", p));
+  for (const auto& p : properties_) {
+    o.properties.push_back(parseProperty("--property", p));
+  }
   if (given("--report")) {
     reportFormatOf("--report", report_);
     o.reportFile = report_;
   }
 
   if (given("--capture")) {
-    if (capture_.empty()) throw UsageError("--capture: the command is empty");
+    if (capture_.empty()) {
+      throw UsageError("--capture: the command is empty");
+    }
     o.captureCommand = capture_;
-    if (items_.empty()) throw UsageError("no checkpoints: with --capture, name at least one TAG");
+    if (items_.empty()) {
+      throw UsageError("no checkpoints: with --capture, name at least one TAG");
+    }
     for (const auto& tag : items_) {
-      if (tag.empty()) throw UsageError("a checkpoint's tag is empty");
+      if (tag.empty()) {
+        throw UsageError("a checkpoint's tag is empty");
+      }
       o.checkpoints.push_back({tag, {}, nullptr});
     }
     return o;
   }
-  if (items_.empty()) throw UsageError("no screenshots: name at least one IMAGE[=TAG]");
+  if (items_.empty()) {
+    throw UsageError("no screenshots: name at least one IMAGE[=TAG]");
+  }
   for (const auto& item : items_) {
     // A file whose own name holds "=" is still a file.
     std::error_code ec;

@@ -116,9 +116,15 @@ CompareOptions CompareCommand::options() const {
         matchLevelToString(parseMatchLevel("--match-level", matchLevel_)));
     o.settings.level = level.value_or(MatchLevel::Strict);
   }
-  for (const auto& r : ignore_) o.settings.ignore.push_back(pixels(parseRegion("--ignore", r)));
-  for (const auto& r : layout_) o.settings.layout.push_back(pixels(parseRegion("--layout", r)));
-  for (const auto& r : strict_) o.settings.strict.push_back(pixels(parseRegion("--strict", r)));
+  for (const auto& r : ignore_) {
+    o.settings.ignore.push_back(pixels(parseRegion("--ignore", r)));
+  }
+  for (const auto& r : layout_) {
+    o.settings.layout.push_back(pixels(parseRegion("--layout", r)));
+  }
+  for (const auto& r : strict_) {
+    o.settings.strict.push_back(pixels(parseRegion("--strict", r)));
+  }
   for (const auto& r : content_) {
     o.settings.content.push_back(pixels(parseRegion("--content", r)));
   }
@@ -129,7 +135,9 @@ CompareOptions CompareCommand::options() const {
   }
   o.settings.ignoreCaret = ignoreCaret_;
   if (command_->count("--diff") > 0) {
-    if (diff_.empty()) throw UsageError("--diff: the file name is empty");
+    if (diff_.empty()) {
+      throw UsageError("--diff: the file name is empty");
+    }
     o.diffFile = diff_;
   }
   o.json = json_;

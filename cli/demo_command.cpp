@@ -56,7 +56,9 @@ class QuietLog {
     if (active_) previous_ = setSystemLogSink([](std::string_view) {});
   }
   ~QuietLog() {
-    if (active_) setSystemLogSink(std::move(previous_));
+    if (active_) {
+      setSystemLogSink(std::move(previous_));
+    }
   }
   QuietLog(const QuietLog&) = delete;
   QuietLog& operator=(const QuietLog&) = delete;
@@ -89,7 +91,9 @@ void writeScreens(const std::filesystem::path& directory, std::ostream& out) {
         fmt::format("--write-screens: cannot make \"{}\": {}", directory.string(), ec.message()));
   }
   std::vector<std::pair<std::string, ImagePtr>> files;
-  for (const DemoScreen& screen : drawDemoScreens()) files.emplace_back(screen.tag, screen.image);
+  for (const DemoScreen& screen : drawDemoScreens()) {
+    files.emplace_back(screen.tag, screen.image);
+  }
   files.emplace_back("Login-changed", drawDemoScreens(true).front().image);
   for (const auto& [name, image] : files) {
     const auto path = directory / (name + ".png");
@@ -137,7 +141,9 @@ int runDemo(const DemoOptions& o, std::ostream& out, std::ostream& err) {
     writeScreens(o.writeScreens, out);
     return 0;
   }
-  if (o.serve) blockStopSignals();
+  if (o.serve) {
+    blockStopSignals();
+  }
   QuietLog quiet(o.verbose);
   TemporaryDirectory data;
   lumo::server::ServerConfig config;

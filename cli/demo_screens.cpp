@@ -31,7 +31,9 @@ class Canvas {
 
   void fill(int left, int top, int width, int height, Colour c) {
     for (int y = std::max(top, 0); y < std::min(top + height, kHeight); ++y) {
-      for (int x = std::max(left, 0); x < std::min(left + width, kWidth); ++x) put(x, y, c);
+      for (int x = std::max(left, 0); x < std::min(left + width, kWidth); ++x) {
+        put(x, y, c);
+      }
     }
   }
   // A rectangle with corners rounded by `radius`.

@@ -61,7 +61,9 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
 
 int run(int argc, char** argv) {
   std::vector<std::string> args;
-  for (int i = 1; i < argc; ++i) args.emplace_back(argv[i]);
+  for (int i = 1; i < argc; ++i) {
+    args.emplace_back(argv[i]);
+  }
   return run(args, std::cout, std::cerr);
 }
 

@@ -88,8 +88,12 @@ ServerOptions ServerCommand::options() const {
   if (command_->count("--port") > 0) {
     o.port = parsePort("--port", port_);
   }
-  if (o.host.empty()) throw UsageError("--host: the address is empty");
-  if (o.dataDir.empty()) throw UsageError("--data: the directory is empty");
+  if (o.host.empty()) {
+    throw UsageError("--host: the address is empty");
+  }
+  if (o.dataDir.empty()) {
+    throw UsageError("--data: the directory is empty");
+  }
   if (command_->count("--store") == 0) {
     if (const char* fromEnvironment = std::getenv("LUMO_STORE")) {
       o.storeUrl = fromEnvironment;
@@ -101,7 +105,9 @@ ServerOptions ServerCommand::options() const {
                     redacted(o.storeUrl)));
   }
   for (const auto& key : o.apiKeys) {
-    if (key.empty()) throw UsageError("--api-key: a key is empty");
+    if (key.empty()) {
+      throw UsageError("--api-key: a key is empty");
+    }
   }
   if (o.certFile.empty() != o.keyFile.empty()) {
     throw UsageError("--cert and --key go together: give both for HTTPS, or neither");
@@ -142,7 +148,9 @@ int runServer(const ServerOptions& o, std::ostream& out, std::ostream& err,
   config.baselineCacheBytes = static_cast<std::size_t>(o.baselineCacheMb) << 20;
   config.publicUrl = o.publicUrl;
   // The server's threads inherit the mask, so Ctrl-C reaches only the wait below.
-  if (!waitUntilStopped) blockStopSignals();
+  if (!waitUntilStopped) {
+    blockStopSignals();
+  }
   lumo::server::Server server(config);
   try {
     server.start();

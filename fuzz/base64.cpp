@@ -13,6 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   } catch (const std::invalid_argument&) {
     decoded.assign(data, data + size);
   }
-  if (lumo::base64Decode(lumo::base64Encode(decoded)) != decoded) std::abort();
+  if (lumo::base64Decode(lumo::base64Encode(decoded)) != decoded) {
+    std::abort();
+  }
   return 0;
 }

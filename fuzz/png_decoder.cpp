@@ -17,8 +17,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   } catch (const lumo::PngError&) {
     return 0;
   }
-  if (image.empty()) return 0;
+  if (image.empty()) {
+    return 0;
+  }
   const std::vector<std::uint8_t> encoded = lumo::encodePng(image);
-  if (lumo::decodePng(encoded, kMaxPixels).pixels() != image.pixels()) std::abort();
+  if (lumo::decodePng(encoded, kMaxPixels).pixels() != image.pixels()) {
+    std::abort();
+  }
   return 0;
 }

@@ -11,12 +11,12 @@
 #include <memory>
 #include <string>
 
-#include "platform/base64.h"
-#include "lumo/image.h"
 #include "lumo/detail/json.h"
-#include "platform/png.h"
+#include "lumo/image.h"
 #include "lumo/server/baseline_store.h"
 #include "lumo/server/session_manager.h"
+#include "platform/base64.h"
+#include "platform/png.h"
 
 namespace lumo::fuzz {
 

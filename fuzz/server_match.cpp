@@ -6,7 +6,9 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const lumo::Json matchData = lumo::fuzz::parsed(data, size);
-  if (matchData.is_discarded()) return 0;
+  if (matchData.is_discarded()) {
+    return 0;
+  }
   auto& sessions = lumo::fuzz::ServerFixture::instance().sessions();
   const auto started = sessions.start(lumo::fuzz::ServerFixture::startInfo());
   try {

@@ -8,7 +8,9 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const lumo::Json startInfo = lumo::fuzz::parsed(data, size);
-  if (startInfo.is_discarded()) return 0;
+  if (startInfo.is_discarded()) {
+    return 0;
+  }
   auto& sessions = lumo::fuzz::ServerFixture::instance().sessions();
   try {
     const auto started = sessions.start(startInfo);

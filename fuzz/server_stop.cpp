@@ -7,7 +7,9 @@
 #include "server_fixture.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size < 2) return 0;
+  if (size < 2) {
+    return 0;
+  }
   using lumo::fuzz::ServerFixture;
   auto& sessions = ServerFixture::instance().sessions();
   const std::uint8_t flags = data[0];

@@ -5,7 +5,9 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const lumo::Json json = lumo::fuzz::parsed(data, size);
-  if (!json.is_object()) return 0;
+  if (!json.is_object()) {
+    return 0;
+  }
   const lumo::TestResults results(json);
   (void)results.status();
   (void)results.isPassed();

@@ -92,7 +92,7 @@ class WorkerPool {
   std::vector<std::thread> threads_;
 };
 
-enum class Phase { head, body, handling, writing, closing };
+enum class Phase { Head, Body, Handling, Writing, Closing };
 
 // What the front needs of a connection, whatever its stream. Touched on the I/O thread only.
 class ConnectionBase : public std::enable_shared_from_this<ConnectionBase> {
@@ -103,7 +103,7 @@ class ConnectionBase : public std::enable_shared_from_this<ConnectionBase> {
   virtual void close() = 0;
 
   std::string address;
-  Phase phase = Phase::head;
+  Phase phase = Phase::Head;
 };
 
 }  // namespace
@@ -169,7 +169,7 @@ class Connection : public ConnectionBase {
       return;
     }
     closed_ = true;
-    phase = Phase::closing;
+    phase = Phase::Closing;
     beast::error_code ignored;
     lowest().socket().shutdown(tcp::socket::shutdown_both, ignored);
     lowest().close();
@@ -184,7 +184,7 @@ class Connection : public ConnectionBase {
 
   // `timeout`: the whole head must arrive within it; nullopt keeps the running deadline.
   void readHead(std::optional<std::chrono::milliseconds> timeout) {
-    phase = Phase::head;
+    phase = Phase::Head;
     parser_.emplace();
     parser_->header_limit(kMaxHeadBytes);
     // The parser would check a declared length against its default limit while reading the
@@ -206,7 +206,7 @@ class Connection : public ConnectionBase {
       answerReadError(ec);
       return;
     }
-    phase = Phase::body;
+    phase = Phase::Body;
     const auto& head = parser_->get();
     request_ = HttpRequest();
     request_.method = std::string(head.method_string());
@@ -266,7 +266,7 @@ class Connection : public ConnectionBase {
       answerReadError(ec);
       return;
     }
-    phase = Phase::handling;
+    phase = Phase::Handling;
     request_.body = parser_->release().body();
     lowest().expires_never();
     front_.pool->post([self = self()]() mutable {
@@ -293,7 +293,7 @@ class Connection : public ConnectionBase {
     if (closed_) {
       return;
     }
-    phase = Phase::writing;
+    phase = Phase::Writing;
     keepAlive = keepAlive && !front_.stopping;
     auto message = std::make_shared<http::response<http::string_body>>();
     message->version(11);
@@ -326,7 +326,7 @@ class Connection : public ConnectionBase {
   }
 
   void linger() {
-    phase = Phase::closing;
+    phase = Phase::Closing;
     beast::error_code ignored;
     lowest().socket().shutdown(tcp::socket::shutdown_send, ignored);
     lowest().expires_after(kLingerTime);
@@ -408,7 +408,7 @@ void HttpFront::Impl::admit(tcp::socket socket) {
 
 bool HttpFront::Impl::replaceWaiting(const std::string* address) {
   for (const auto& c : connections) {
-    if (c->phase == Phase::head && (address == nullptr || c->address == *address)) {
+    if (c->phase == Phase::Head && (address == nullptr || c->address == *address)) {
       const std::shared_ptr<ConnectionBase> oldest = c;  // close() unlists it
       oldest->close();
       return true;
@@ -490,7 +490,7 @@ void HttpFront::stop() {
     const std::vector<std::shared_ptr<ConnectionBase>> all(f.connections.begin(),
                                                            f.connections.end());
     for (const auto& c : all) {
-      if (c->phase != Phase::handling && c->phase != Phase::writing) {
+      if (c->phase != Phase::Handling && c->phase != Phase::Writing) {
         c->close();
       }
     }

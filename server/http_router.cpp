@@ -156,7 +156,7 @@ HttpRouter::Admission HttpRouter::admit(HttpRequest& head, std::size_t maxBodyBy
   if (head.contentLength && *head.contentLength > maxBodyBytes) {
     return {error(head, 413), 0};
   }
-  if (route->access == Access::keyed && authorised_ && !authorised_(head)) {
+  if (route->access == Access::Keyed && authorised_ && !authorised_(head)) {
     // The approve form of the results pages sends its key as a field of a small body.
     if (isSmallForm(head)) {
       return {std::nullopt, kMaxUnauthorisedFormBytes};
@@ -179,7 +179,7 @@ HttpResponse HttpRouter::handle(HttpRequest& request) const {
   try {
     if (route == nullptr) {
       response.status = 404;
-    } else if (route->access == Access::keyed && authorised_ && !authorised_(request)) {
+    } else if (route->access == Access::Keyed && authorised_ && !authorised_(request)) {
       refuse_(request, response);
     } else {
       route->handler(request, response);

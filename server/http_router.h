@@ -47,7 +47,7 @@ struct HttpResponse {
 // Who may use a route: anyone, or only a request the authoriser accepts. A keyed route's
 // request is authorised from its head before its body is read, except a small form post,
 // whose key may be one of its fields.
-enum class Access { open, keyed };
+enum class Access { Open, Keyed };
 
 // Routes by method and whole-path regular expression. Configure before serving; const calls
 // are then safe from any thread.

@@ -3,11 +3,11 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <map>
 #include <vector>
 
 // Who may see the results pages. A server that accepts only the demo key keeps them open; any

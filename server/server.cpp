@@ -149,7 +149,7 @@ struct Server::Impl {
                     [](const HttpRequest&, HttpResponse& res) {
                       sendError(res, 401, "a valid apiKey query parameter is required");
                     });
-    r.add("POST", R"(/api/sessions/running\.json)", Access::keyed,
+    r.add("POST", R"(/api/sessions/running\.json)", Access::Keyed,
           api([this](const HttpRequest& req, HttpResponse& res) {
             const Json body = parseBody(req);
             if (!body.is_object() || !body.contains("startInfo")) {
@@ -166,26 +166,26 @@ struct Server::Impl {
                      {{"id", started.id},
                       {"url", fmt::format("{}/sessions/{}", publicUrl(), started.id)}});
           }));
-    r.add("POST", R"(/api/sessions/running/([^/]+)\.json)", Access::keyed,
+    r.add("POST", R"(/api/sessions/running/([^/]+)\.json)", Access::Keyed,
           api([this](const HttpRequest& req, HttpResponse& res) {
             auto body = detail::parseMatchBody(req.body);
             const bool asExpected = sessions->match(
                 req.matches[1], body ? std::move(*body) : parseBody(req), apiKey(req));
             sendJson(res, 200, {{"asExpected", asExpected}});
           }));
-    r.add("DELETE", R"(/api/sessions/running/([^/]+)\.json)", Access::keyed,
+    r.add("DELETE", R"(/api/sessions/running/([^/]+)\.json)", Access::Keyed,
           api([this](const HttpRequest& req, HttpResponse& res) {
             const bool aborted = flag(req, "aborted");
             const bool update = flag(req, "updateBaseline");
             sendJson(res, 200,
                      sessions->stop(req.matches[1], aborted, update, publicUrl(), apiKey(req)));
           }));
-    r.add("GET", R"(/api/sessions/([^/]+)\.json)", Access::keyed,
+    r.add("GET", R"(/api/sessions/([^/]+)\.json)", Access::Keyed,
           api([this](const HttpRequest& req, HttpResponse& res) {
             sendJson(res, 200, sessions->results(req.matches[1], publicUrl(), apiKey(req)));
           }));
     // The results page's approve form posts here too, with the key as a form field.
-    r.add("POST", R"(/api/sessions/([^/]+)/approve)", Access::keyed,
+    r.add("POST", R"(/api/sessions/([^/]+)/approve)", Access::Keyed,
           api([this](const HttpRequest& req, HttpResponse& res) {
             const std::string id = req.matches[1];
             sessions->approve(id, apiKey(req));
@@ -196,7 +196,7 @@ struct Server::Impl {
             }
           }));
 
-    r.add("POST", R"(/api/sessions/([^/]+)/reject)", Access::keyed,
+    r.add("POST", R"(/api/sessions/([^/]+)/reject)", Access::Keyed,
           api([this](const HttpRequest& req, HttpResponse& res) {
             const std::string id = req.matches[1];
             std::optional<int> position;
@@ -210,7 +210,7 @@ struct Server::Impl {
     // The results pages: each route hands the request's parts to ReviewPages, which signs
     // people in by cookie rather than by key.
     auto page = [this](std::string_view method, const std::string& pattern, auto render) {
-      router.add(method, pattern, Access::open,
+      router.add(method, pattern, Access::Open,
                  [render](const HttpRequest& req, HttpResponse& res) { send(res, render(req)); });
     };
     page("GET", "/",

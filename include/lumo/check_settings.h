@@ -5,8 +5,8 @@
 #include <memory>
 #include <vector>
 
-#include "lumo/detail/check_settings_internal_protocol.h"
 #include "lumo/check_settings_protocol.h"
+#include "lumo/detail/check_settings_internal_protocol.h"
 #include "lumo/element.h"
 
 namespace lumo {

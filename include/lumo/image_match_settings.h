@@ -5,8 +5,8 @@
 #include <utility>
 #include <vector>
 
-#include "lumo/floating_match_settings.h"
 #include "lumo/detail/json.h"
+#include "lumo/floating_match_settings.h"
 #include "lumo/match_level.h"
 #include "lumo/region.h"
 

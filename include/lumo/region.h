@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <string>
 
-#include "lumo/geometry.h"
 #include "lumo/detail/json.h"
+#include "lumo/geometry.h"
 
 namespace lumo {
 

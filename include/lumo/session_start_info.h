@@ -7,8 +7,8 @@
 
 #include "lumo/app_environment.h"
 #include "lumo/batch_info.h"
-#include "lumo/image_match_settings.h"
 #include "lumo/detail/json.h"
+#include "lumo/image_match_settings.h"
 #include "lumo/start_session_property.h"
 
 namespace lumo {

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "lumo/default_match_settings.h"
-#include "lumo/geometry.h"
 #include "lumo/detail/json.h"
+#include "lumo/geometry.h"
 #include "lumo/session_urls.h"
 #include "lumo/step_info.h"
 

@@ -13,9 +13,15 @@ ApiUrls::ApiUrls(const Json& dictionary) {
 
 Json ApiUrls::dictionary() const {
   Json json = Json::object();
-  if (baselineImage_) json[BaselineImageKey] = *baselineImage_;
-  if (currentImage_) json[CurrentImageKey] = *currentImage_;
-  if (diffImage_) json[DiffImageKey] = *diffImage_;
+  if (baselineImage_) {
+    json[BaselineImageKey] = *baselineImage_;
+  }
+  if (currentImage_) {
+    json[CurrentImageKey] = *currentImage_;
+  }
+  if (diffImage_) {
+    json[DiffImageKey] = *diffImage_;
+  }
   return json;
 }
 

@@ -15,9 +15,15 @@ std::string_view orQuestionMark(const std::optional<std::string>& value) {
 
 Json AppEnvironment::dictionary() const {
   Json json = {{"displaySize", {{"width", viewportSize_.width}, {"height", viewportSize_.height}}}};
-  if (hasText(osInfo_)) json["OSInfo"] = *osInfo_;
-  if (hasText(hostingAppInfo_)) json["HostingAppInfo"] = *hostingAppInfo_;
-  if (hasText(deviceInfo_)) json["DeviceInfo"] = *deviceInfo_;
+  if (hasText(osInfo_)) {
+    json["OSInfo"] = *osInfo_;
+  }
+  if (hasText(hostingAppInfo_)) {
+    json["HostingAppInfo"] = *hostingAppInfo_;
+  }
+  if (hasText(deviceInfo_)) {
+    json["DeviceInfo"] = *deviceInfo_;
+  }
   return json;
 }
 

@@ -9,7 +9,9 @@ AppUrls::AppUrls(const Json& dictionary) { detail::readString(dictionary, StepKe
 
 Json AppUrls::dictionary() const {
   Json json = Json::object();
-  if (step_) json[StepKey] = *step_;
+  if (step_) {
+    json[StepKey] = *step_;
+  }
   return json;
 }
 

@@ -38,7 +38,9 @@ void ArgumentGuard::notNilOrEmpty(const std::optional<std::string>& value,
 }
 
 void ArgumentGuard::isValidState(bool state, std::string_view errorMessage) {
-  if (!state) fail("isValidState", kIsValidStateLine, std::string(errorMessage));
+  if (!state) {
+    fail("isValidState", kIsValidStateLine, std::string(errorMessage));
+  }
 }
 
 void ArgumentGuard::greaterThanOrEqualToZero(std::int64_t value, std::string_view paramName) {

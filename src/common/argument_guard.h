@@ -18,15 +18,21 @@ class ArgumentGuard {
   // Fails with "<paramName> is nil" when the object is missing.
   template <typename T>
   static void notNil(const T* object, std::string_view paramName) {
-    if (object == nullptr) failNil(paramName);
+    if (object == nullptr) {
+      failNil(paramName);
+    }
   }
   template <typename T>
   static void notNil(const std::shared_ptr<T>& object, std::string_view paramName) {
-    if (!object) failNil(paramName);
+    if (!object) {
+      failNil(paramName);
+    }
   }
   template <typename T>
   static void notNil(const std::optional<T>& object, std::string_view paramName) {
-    if (!object) failNil(paramName);
+    if (!object) {
+      failNil(paramName);
+    }
   }
   static void notNil(std::nullptr_t, std::string_view paramName) { failNil(paramName); }
 

@@ -51,7 +51,9 @@ std::string randomUuid() {
   bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3F) | 0x80);
   std::string text;
   for (std::size_t i = 0; i < bytes.size(); ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
+    if (i == 4 || i == 6 || i == 8 || i == 10) {
+      text += '-';
+    }
     text += fmt::format("{:02X}", bytes[i]);
   }
   return text;
@@ -85,7 +87,9 @@ BatchInfo::BatchInfo(std::optional<std::string> name)
 
 void BatchInfo::setBatchId(const std::optional<std::string>& batchId) {
   ArgumentGuard::notNilOrEmpty(batchId, "batchId");
-  if (batchId) batchId_ = *batchId;
+  if (batchId) {
+    batchId_ = *batchId;
+  }
 }
 
 std::string BatchInfo::stringFromStartedAt(std::chrono::system_clock::time_point startedAt) {
@@ -96,7 +100,9 @@ std::string BatchInfo::stringFromStartedAt(std::chrono::system_clock::time_point
 
 Json BatchInfo::dictionary() const {
   Json json = Json::object();
-  if (name_) json["name"] = *name_;
+  if (name_) {
+    json["name"] = *name_;
+  }
   json["startedAt"] = startedAtString_;
   json["id"] = batchId_;
   return json;

@@ -19,7 +19,9 @@ constexpr std::size_t kLongString = 4096;
 // or 'u' for the \u00XX form that nlohmann uses for the other control characters.
 constexpr std::array<char, 128> kEscapes = [] {
   std::array<char, 128> escapes{};
-  for (int c = 0; c < 0x20; ++c) escapes[c] = 'u';
+  for (int c = 0; c < 0x20; ++c) {
+    escapes[c] = 'u';
+  }
   escapes['\b'] = 'b';
   escapes['\t'] = 't';
   escapes['\n'] = 'n';
@@ -39,7 +41,9 @@ bool hasNonAscii(const std::string& text) {
   for (; i + 16 <= text.size(); i += 16) {
     any = _mm_or_si128(any, _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + i)));
   }
-  if (_mm_movemask_epi8(any) != 0) return true;
+  if (_mm_movemask_epi8(any) != 0) {
+    return true;
+  }
 #endif
   return std::any_of(text.begin() + static_cast<std::ptrdiff_t>(i), text.end(),
                      [](char c) { return (c & 0x80) != 0; });
@@ -66,7 +70,9 @@ std::size_t nextEscape(const std::string& text, std::size_t from) {
   }
 #endif
   for (; i < text.size(); ++i) {
-    if (kEscapes[static_cast<unsigned char>(text[i])] != 0) return i;
+    if (kEscapes[static_cast<unsigned char>(text[i])] != 0) {
+      return i;
+    }
   }
   return i;
 }
@@ -104,7 +110,9 @@ void appendCompactJson(const Json& json, std::string& out) {
     case Json::value_t::object: {
       out += '{';
       for (auto it = json.begin(); it != json.end(); ++it) {
-        if (it != json.begin()) out += ',';
+        if (it != json.begin()) {
+          out += ',';
+        }
         appendJsonString(it.key(), out);
         out += ':';
         appendCompactJson(it.value(), out);
@@ -115,7 +123,9 @@ void appendCompactJson(const Json& json, std::string& out) {
     case Json::value_t::array: {
       out += '[';
       for (auto it = json.begin(); it != json.end(); ++it) {
-        if (it != json.begin()) out += ',';
+        if (it != json.begin()) {
+          out += ',';
+        }
         appendCompactJson(*it, out);
       }
       out += ']';

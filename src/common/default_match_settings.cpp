@@ -13,7 +13,9 @@ void readRegions(const Json& dictionary, const char* key, DefaultMatchSettings::
 }
 
 void writeRegions(Json& json, const char* key, const DefaultMatchSettings::Regions& regions) {
-  if (regions) json[key] = DefaultMatchSettings::dictionariesFromRegions(*regions);
+  if (regions) {
+    json[key] = DefaultMatchSettings::dictionariesFromRegions(*regions);
+  }
 }
 
 }  // namespace
@@ -34,7 +36,9 @@ DefaultMatchSettings::DefaultMatchSettings(const Json& dictionary) {
 
 std::vector<Region> DefaultMatchSettings::regionsFromDictionaries(const Json& dictionaries) {
   std::vector<Region> regions;
-  if (!dictionaries.is_array()) return regions;
+  if (!dictionaries.is_array()) {
+    return regions;
+  }
   regions.reserve(dictionaries.size());
   for (const Json& entry : dictionaries) {
     std::int64_t left = 0, top = 0, width = 0, height = 0;
@@ -49,7 +53,9 @@ std::vector<Region> DefaultMatchSettings::regionsFromDictionaries(const Json& di
 
 Json DefaultMatchSettings::dictionariesFromRegions(const std::vector<Region>& regions) {
   Json array = Json::array();
-  for (const Region& region : regions) array.push_back(region.dictionary());
+  for (const Region& region : regions) {
+    array.push_back(region.dictionary());
+  }
   return array;
 }
 
@@ -60,7 +66,9 @@ Json DefaultMatchSettings::dictionary() const {
   writeRegions(json, IgnoreKey, ignore_);
   json[IgnoreCaretKey] = ignoreCaret_;
   writeRegions(json, LayoutKey, layout_);
-  if (matchLevel_) json[MatchLevelKey] = *matchLevel_;
+  if (matchLevel_) {
+    json[MatchLevelKey] = *matchLevel_;
+  }
   json[RemainderKey] = reminder_;
   json[ScaleKey] = scale_;
   json[SplitBottomHeightKey] = splitBottomHeight_;

@@ -6,7 +6,9 @@ namespace lumo {
 
 std::optional<std::string> EnvironmentHelper::environmentVariableForKey(const std::string& name) {
   const char* value = std::getenv(name.c_str());
-  if (value == nullptr) return std::nullopt;
+  if (value == nullptr) {
+    return std::nullopt;
+  }
   return std::string(value);
 }
 

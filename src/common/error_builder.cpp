@@ -4,8 +4,8 @@
 
 #include <utility>
 
-#include "common/test_outcome_message.h"
 #include "common/logger.h"
+#include "common/test_outcome_message.h"
 
 namespace lumo {
 

@@ -18,7 +18,9 @@ bool Rect::isNull() const { return std::isinf(origin.x) || std::isinf(origin.y);
 bool Rect::isEmpty() const { return isNull() || size.width == 0 || size.height == 0; }
 
 Rect Rect::standardized() const {
-  if (isNull()) return null();
+  if (isNull()) {
+    return null();
+  }
   Rect r = *this;
   if (r.size.width < 0) {
     r.origin.x += r.size.width;
@@ -43,7 +45,9 @@ double Rect::maxY() const {
 }
 
 bool Rect::contains(const Rect& other) const {
-  if (isNull() || other.isNull()) return false;
+  if (isNull() || other.isNull()) {
+    return false;
+  }
   return other.minX() >= minX() && other.maxX() <= maxX() && other.minY() >= minY() &&
          other.maxY() <= maxY();
 }
@@ -51,18 +55,24 @@ bool Rect::contains(const Rect& other) const {
 bool Rect::intersects(const Rect& other) const { return !intersection(other).isNull(); }
 
 Rect Rect::intersection(const Rect& other) const {
-  if (isNull() || other.isNull()) return null();
+  if (isNull() || other.isNull()) {
+    return null();
+  }
   const double left = std::max(minX(), other.minX());
   const double top = std::max(minY(), other.minY());
   const double right = std::min(maxX(), other.maxX());
   const double bottom = std::min(maxY(), other.maxY());
   // Written so that a NaN edge (from a NaN scale) also means no intersection.
-  if (!(right > left) || !(bottom > top)) return null();
+  if (!(right > left) || !(bottom > top)) {
+    return null();
+  }
   return Rect(left, top, right - left, bottom - top);
 }
 
 bool operator==(const Rect& a, const Rect& b) {
-  if (a.isNull() || b.isNull()) return a.isNull() && b.isNull();
+  if (a.isNull() || b.isNull()) {
+    return a.isNull() && b.isNull();
+  }
   const Rect sa = a.standardized();
   const Rect sb = b.standardized();
   return sa.origin == sb.origin && sa.size == sb.size;

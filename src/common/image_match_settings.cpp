@@ -7,7 +7,9 @@ template <typename T>
 Json dictionaries(const std::optional<std::vector<T>>& list) {
   Json array = Json::array();
   if (list) {
-    for (const T& element : *list) array.push_back(element.dictionary());
+    for (const T& element : *list) {
+      array.push_back(element.dictionary());
+    }
   }
   return array;
 }

@@ -9,28 +9,40 @@ namespace lumo::detail {
 namespace {
 
 std::optional<double> numberOf(const Json& value) {
-  if (value.is_boolean()) return value.get<bool>() ? 1.0 : 0.0;
-  if (value.is_number()) return value.get<double>();
+  if (value.is_boolean()) {
+    return value.get<bool>() ? 1.0 : 0.0;
+  }
+  if (value.is_number()) {
+    return value.get<double>();
+  }
   return std::nullopt;
 }
 
 }  // namespace
 
 const Json* member(const Json& object, const char* key) {
-  if (!object.is_object()) return nullptr;
+  if (!object.is_object()) {
+    return nullptr;
+  }
   const auto it = object.find(key);
-  if (it == object.end() || it->is_null()) return nullptr;
+  if (it == object.end() || it->is_null()) {
+    return nullptr;
+  }
   return &*it;
 }
 
 void readString(const Json& object, const char* key, std::optional<std::string>& out) {
   const Json* value = member(object, key);
-  if (value != nullptr && value->is_string()) out = value->get<std::string>();
+  if (value != nullptr && value->is_string()) {
+    out = value->get<std::string>();
+  }
 }
 
 void readInteger(const Json& object, const char* key, std::int64_t& out) {
   const Json* value = member(object, key);
-  if (value == nullptr) return;
+  if (value == nullptr) {
+    return;
+  }
   if (value->is_number_integer()) {
     // Unsigned values above the signed range saturate rather than wrap.
     if (value->is_number_unsigned() &&
@@ -41,20 +53,30 @@ void readInteger(const Json& object, const char* key, std::int64_t& out) {
     }
     return;
   }
-  if (const std::optional<double> number = numberOf(*value)) out = truncatedToInt64(*number);
+  if (const std::optional<double> number = numberOf(*value)) {
+    out = truncatedToInt64(*number);
+  }
 }
 
 void readBool(const Json& object, const char* key, bool& out) {
   const Json* value = member(object, key);
-  if (value == nullptr) return;
-  if (const std::optional<double> number = numberOf(*value)) out = *number != 0;
+  if (value == nullptr) {
+    return;
+  }
+  if (const std::optional<double> number = numberOf(*value)) {
+    out = *number != 0;
+  }
 }
 
 void readFloat(const Json& object, const char* key, double& out) {
   const Json* value = member(object, key);
-  if (value == nullptr) return;
+  if (value == nullptr) {
+    return;
+  }
   const std::optional<double> number = numberOf(*value);
-  if (!number) return;
+  if (!number) {
+    return;
+  }
   constexpr double kMax = std::numeric_limits<float>::max();
   if (std::fabs(*number) > kMax) {
     out = std::copysign(std::numeric_limits<double>::infinity(), *number);

@@ -15,7 +15,9 @@ void LumoScreenshot::cropRegion(const Region& region, double scale) {
   const Size bounds = size();
   const Region imageBounds(Rect(0, 0, bounds.width, bounds.height));
   const Region clipped = Region::intersectionBetweenRegion(scaled, imageBounds);
-  if (clipped.isEmpty()) throw OutOfBoundsException(scaled, imageBounds);
+  if (clipped.isEmpty()) {
+    throw OutOfBoundsException(scaled, imageBounds);
+  }
   replaceWithCrop(clipped);
 }
 

@@ -4,9 +4,9 @@
 
 #include "lumo/geometry.h"
 #include "lumo/image.h"
+#include "lumo/region.h"
 #include "platform/image_cropper.h"
 #include "platform/png.h"
-#include "lumo/region.h"
 
 namespace lumo {
 

@@ -35,7 +35,9 @@ std::string MatchWindowData::compactJson() const {
     detail::appendJsonString(*screenshot64, out);
   }
   for (auto it = rest["appOutput"].begin(); it != rest["appOutput"].end(); ++it) {
-    if (hasScreenshot || it != rest["appOutput"].begin()) out += ',';
+    if (hasScreenshot || it != rest["appOutput"].begin()) {
+      out += ',';
+    }
     detail::appendJsonString(it.key(), out);
     out += ':';
     detail::appendCompactJson(it.value(), out);

@@ -3,9 +3,9 @@
 #include <optional>
 #include <string>
 
+#include "common/options.h"
 #include "core/app_output.h"
 #include "lumo/detail/json.h"
-#include "common/options.h"
 
 namespace lumo {
 

@@ -17,7 +17,9 @@ Options::Options(std::optional<std::string> name, bool ignoreMismatch, bool igno
       imageMatchSettings_(std::move(imageMatchSettings)) {}
 
 Json Options::dictionary() const {
-  if (!name_) throw illegalArgumentException("The match options have no value for \"name\"");
+  if (!name_) {
+    throw illegalArgumentException("The match options have no value for \"name\"");
+  }
   if (!imageMatchSettings_) {
     throw illegalArgumentException("The match options have no value for \"imageMatchSettings\"");
   }

@@ -4,8 +4,8 @@
 #include <optional>
 #include <string>
 
-#include "lumo/image_match_settings.h"
 #include "lumo/detail/json.h"
+#include "lumo/image_match_settings.h"
 
 namespace lumo {
 

@@ -1,7 +1,7 @@
 #include "lumo/region.h"
 
-#include "common/truncation.h"
 #include "common/logger.h"
+#include "common/truncation.h"
 
 namespace lumo {
 namespace {

@@ -46,7 +46,9 @@ std::shared_ptr<const ImageCropper> ScaledScreenshot::imageCropper() const {
 }
 
 ImagePtr ScaledScreenshot::areaAverage(const ImagePtr& image, double scale) {
-  if (!image || image->empty() || !(scale > 1.0)) return image;
+  if (!image || image->empty() || !(scale > 1.0)) {
+    return image;
+  }
   const int outWidth = std::max(1, static_cast<int>(std::lround(image->width() / scale)));
   const int outHeight = std::max(1, static_cast<int>(std::lround(image->height() / scale)));
   const Taps columns = areaTaps(image->width(), outWidth);
@@ -63,7 +65,9 @@ ImagePtr ScaledScreenshot::areaAverage(const ImagePtr& image, double scale) {
       const std::uint8_t* p = in + static_cast<std::size_t>(columns.first[o]) * 4;
       for (int t = 0; t < columns.count[o]; ++t, p += 4) {
         const float weight = columns.weights[w++];
-        for (int c = 0; c < 4; ++c) sum[c] += weight * p[c];
+        for (int c = 0; c < 4; ++c) {
+          sum[c] += weight * p[c];
+        }
       }
       std::copy(sum, sum + 4, out + o * 4);
     }
@@ -77,7 +81,9 @@ ImagePtr ScaledScreenshot::areaAverage(const ImagePtr& image, double scale) {
     for (int t = 0; t < rows.count[o]; ++t) {
       const float weight = rows.weights[w++];
       const float* in = &reduced[static_cast<std::size_t>(rows.first[o] + t) * outWidth * 4];
-      for (std::size_t i = 0; i < line.size(); ++i) line[i] += weight * in[i];
+      for (std::size_t i = 0; i < line.size(); ++i) {
+        line[i] += weight * in[i];
+      }
     }
     std::uint8_t* out = result.row(o);
     for (std::size_t i = 0; i < line.size(); ++i) {

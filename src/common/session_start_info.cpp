@@ -80,12 +80,16 @@ Json SessionStartInfo::dictionary() const {
                {"saveDiffs", saveDiffs_},
                {"properties", std::move(properties)}};
 
-  if (hasText(branchName_)) json["branchName"] = *branchName_;
+  if (hasText(branchName_)) {
+    json["branchName"] = *branchName_;
+  }
   // The parent and baseline fields only decide whether their keys appear; the value written
   // under both is branchName. With no branchName there is nothing to write, which is an error.
   for (const auto& [key, field] : {std::pair{"parentBranchName", &parentBranchName_},
                                    std::pair{"baselineBranchName", &baselineBranchName_}}) {
-    if (!hasText(*field)) continue;
+    if (!hasText(*field)) {
+      continue;
+    }
     if (!branchName_) {
       throw illegalArgumentException(
           fmt::format("\"{}\" is set but branchName is nil: the start record writes branchName "
@@ -94,7 +98,9 @@ Json SessionStartInfo::dictionary() const {
     }
     json[key] = *branchName_;
   }
-  if (hasText(baselineEnvName_)) json["baselineEnvName"] = *baselineEnvName_;
+  if (hasText(baselineEnvName_)) {
+    json["baselineEnvName"] = *baselineEnvName_;
+  }
   return json;
 }
 

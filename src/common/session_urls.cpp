@@ -12,8 +12,12 @@ SessionUrls::SessionUrls(const Json& dictionary) {
 
 Json SessionUrls::dictionary() const {
   Json json = Json::object();
-  if (batch_) json[BatchKey] = *batch_;
-  if (session_) json[SessionKey] = *session_;
+  if (batch_) {
+    json[BatchKey] = *batch_;
+  }
+  if (session_) {
+    json[SessionKey] = *session_;
+  }
   return json;
 }
 

@@ -6,10 +6,12 @@
 namespace lumo {
 
 StepInfo::StepInfo(const Json& dictionary) {
-  if (const Json* apiUrls = detail::memberObject(dictionary, ApiUrlsKey))
+  if (const Json* apiUrls = detail::memberObject(dictionary, ApiUrlsKey)) {
     apiUrls_.emplace(*apiUrls);
-  if (const Json* appUrls = detail::memberObject(dictionary, AppUrlsKey))
+  }
+  if (const Json* appUrls = detail::memberObject(dictionary, AppUrlsKey)) {
     appUrls_.emplace(*appUrls);
+  }
   detail::readBool(dictionary, HasBaselineImageKey, hasBaselineImage_);
   detail::readBool(dictionary, HasCurrentImageKey, hasCurrentImage_);
   detail::readBool(dictionary, IsDifferentKey, isDifferent_);
@@ -18,12 +20,18 @@ StepInfo::StepInfo(const Json& dictionary) {
 
 Json StepInfo::dictionary() const {
   Json json = Json::object();
-  if (apiUrls_) json[ApiUrlsKey] = apiUrls_->dictionary();
-  if (appUrls_) json[AppUrlsKey] = appUrls_->dictionary();
+  if (apiUrls_) {
+    json[ApiUrlsKey] = apiUrls_->dictionary();
+  }
+  if (appUrls_) {
+    json[AppUrlsKey] = appUrls_->dictionary();
+  }
   json[HasBaselineImageKey] = hasBaselineImage_;
   json[HasCurrentImageKey] = hasCurrentImage_;
   json[IsDifferentKey] = isDifferent_;
-  if (name_) json[NameKey] = *name_;
+  if (name_) {
+    json[NameKey] = *name_;
+  }
   return json;
 }
 

@@ -11,8 +11,9 @@ using detail::readString;
 
 TestResults::TestResults(const Json& dictionary) {
   // Keys are read in alphabetical order; only the derived url depends on it.
-  if (const Json* apiUrls = detail::memberObject(dictionary, ApiUrlsKey))
+  if (const Json* apiUrls = detail::memberObject(dictionary, ApiUrlsKey)) {
     apiUrls_.emplace(*apiUrls);
+  }
   readString(dictionary, AppNameKey, appName_);
   if (const Json* appUrls = detail::memberObject(dictionary, AppUrlsKey)) {
     appUrls_.emplace(*appUrls);
@@ -55,15 +56,21 @@ TestResults::TestResults(const Json& dictionary) {
   if (const Json* steps = detail::memberArray(dictionary, StepsInfoKey)) {
     std::vector<StepInfo> stepsInfo;
     stepsInfo.reserve(steps->size());
-    for (const Json& step : *steps) stepsInfo.emplace_back(step);
+    for (const Json& step : *steps) {
+      stepsInfo.emplace_back(step);
+    }
     stepsInfo_ = std::move(stepsInfo);
   }
   readInteger(dictionary, StrictMatchesKey, strictMatches_);
 }
 
 TestResultsStatus TestResults::statusFromString(const std::optional<std::string>& status) {
-  if (status == "Passed") return TestResultsStatusPassed;
-  if (status == "Failed") return TestResultsStatusFailed;
+  if (status == "Passed") {
+    return TestResultsStatusPassed;
+  }
+  if (status == "Failed") {
+    return TestResultsStatusFailed;
+  }
   return TestResultsStatusUnresolved;
 }
 
@@ -80,20 +87,38 @@ Json TestResults::dictionaryFromHostDisplaySize(Size size) {
 
 Json TestResults::dictionary() const {
   Json json = Json::object();
-  if (apiUrls_) json[ApiUrlsKey] = apiUrls_->dictionary();
-  if (appName_) json[AppNameKey] = *appName_;
+  if (apiUrls_) {
+    json[ApiUrlsKey] = apiUrls_->dictionary();
+  }
+  if (appName_) {
+    json[AppNameKey] = *appName_;
+  }
   // The application URLs go under "appName" on purpose; there is never an "appUrls" entry.
-  if (appUrls_) json[AppNameKey] = appUrls_->dictionary();
-  if (batchId_) json[BatchIdKey] = *batchId_;
-  if (batchName_) json[BatchNameKey] = *batchName_;
-  if (branchName_) json[BranchNameKey] = *branchName_;
+  if (appUrls_) {
+    json[AppNameKey] = appUrls_->dictionary();
+  }
+  if (batchId_) {
+    json[BatchIdKey] = *batchId_;
+  }
+  if (batchName_) {
+    json[BatchNameKey] = *batchName_;
+  }
+  if (branchName_) {
+    json[BranchNameKey] = *branchName_;
+  }
   json[ContentMatchesKey] = contentMatches_;
-  if (defaultMatchSettings_) json[DefaultMatchSettingsKey] = defaultMatchSettings_->dictionary();
+  if (defaultMatchSettings_) {
+    json[DefaultMatchSettingsKey] = defaultMatchSettings_->dictionary();
+  }
   json[DurationKey] = duration_;
   json[ExactMatchesKey] = exactMatches_;
   json[HostDisplaySizeKey] = dictionaryFromHostDisplaySize(hostDisplaySize_);
-  if (hostOS_) json[HostOSKey] = *hostOS_;
-  if (resultsId_) json[IdKey] = *resultsId_;
+  if (hostOS_) {
+    json[HostOSKey] = *hostOS_;
+  }
+  if (resultsId_) {
+    json[IdKey] = *resultsId_;
+  }
   json[IsAbortedKey] = isAborted_;
   json[IsDifferentKey] = isDifferent_;
   json[IsNewKey] = isNew_;
@@ -101,15 +126,25 @@ Json TestResults::dictionary() const {
   json[MatchesKey] = matches_;
   json[MismatchesKey] = mismatches_;
   json[MissingKey] = missing_;
-  if (name_) json[NameKey] = *name_;
+  if (name_) {
+    json[NameKey] = *name_;
+  }
   json[NoneMatchesKey] = noneMatches_;
-  if (secretToken_) json[SecretTokenKey] = *secretToken_;
-  if (startedAt_) json[StartedAtKey] = *startedAt_;
-  if (statusString_) json[StatusKey] = *statusString_;
+  if (secretToken_) {
+    json[SecretTokenKey] = *secretToken_;
+  }
+  if (startedAt_) {
+    json[StartedAtKey] = *startedAt_;
+  }
+  if (statusString_) {
+    json[StatusKey] = *statusString_;
+  }
   json[StepsKey] = steps_;
   if (stepsInfo_) {
     Json steps = Json::array();
-    for (const StepInfo& step : *stepsInfo_) steps.push_back(step.dictionary());
+    for (const StepInfo& step : *stepsInfo_) {
+      steps.push_back(step.dictionary());
+    }
     json[StepsInfoKey] = std::move(steps);
   }
   json[StrictMatchesKey] = strictMatches_;

@@ -45,7 +45,9 @@ Error transferError(const HttpRequest& request, CURLcode code, const char* error
       code == CURLE_COULDNT_CONNECT || code == CURLE_SEND_ERROR || code == CURLE_RECV_ERROR;
   if (socketFailure && osErrno != 0) {
     const std::string reason = std::system_category().message(static_cast<int>(osErrno));
-    if (description.find(reason) == std::string::npos) description += " (" + reason + ")";
+    if (description.find(reason) == std::string::npos) {
+      description += " (" + reason + ")";
+    }
   }
   return Error(HttpClient::kErrorDomain, code, std::move(description));
 }
@@ -75,7 +77,9 @@ std::optional<Error> checkURL(const std::string& url) {
   curl_free(scheme);
   curl_url_cleanup(parsed);
   if (!wellFormed) return curlError(CURLE_URL_MALFORMAT, fmt::format("cannot parse \"{}\"", url));
-  if (!web) return curlError(CURLE_UNSUPPORTED_PROTOCOL, "only http and https URLs are served");
+  if (!web) {
+    return curlError(CURLE_UNSUPPORTED_PROTOCOL, "only http and https URLs are served");
+  }
   return std::nullopt;
 }
 
@@ -113,7 +117,9 @@ void HttpRequest::setValue(std::string value, std::string_view field) {
 std::optional<std::string> HttpRequest::valueForHTTPHeaderField(std::string_view field) const {
   const auto it = std::ranges::find_if(
       headers, [&](const Header& header) { return equalsIgnoringCase(header.first, field); });
-  if (it == headers.end()) return std::nullopt;
+  if (it == headers.end()) {
+    return std::nullopt;
+  }
   return it->second;
 }
 
@@ -133,12 +139,18 @@ struct Transfer {
 // Sets up the easy handle of `transfer`; an error means the request cannot be sent at all.
 std::optional<Error> prepare(Transfer& transfer, std::vector<CURL*>& spare) {
   const HttpRequest& request = transfer.request;
-  if (auto error = checkURL(request.url)) return error;
-  if (auto error = checkHeaders(request.headers)) return error;
+  if (auto error = checkURL(request.url)) {
+    return error;
+  }
+  if (auto error = checkHeaders(request.headers)) {
+    return error;
+  }
 
   if (spare.empty()) {
     transfer.easy = curl_easy_init();
-    if (transfer.easy == nullptr) return curlError(CURLE_OUT_OF_MEMORY, "no transfer handle");
+    if (transfer.easy == nullptr) {
+      return curlError(CURLE_OUT_OF_MEMORY, "no transfer handle");
+    }
   } else {
     transfer.easy = spare.back();
     spare.pop_back();
@@ -207,8 +219,12 @@ struct HttpClient::State {
   // Calls the handler unless the worker must stop. Returns false when it must.
   bool deliver(Transfer& transfer, std::optional<HttpResponse> response,
                std::optional<Error> error) {
-    if (mustStop()) return false;
-    if (transfer.handler) transfer.handler(std::move(response), std::move(error));
+    if (mustStop()) {
+      return false;
+    }
+    if (transfer.handler) {
+      transfer.handler(std::move(response), std::move(error));
+    }
     return true;
   }
 };
@@ -298,37 +314,49 @@ void HttpClient::run(const std::shared_ptr<State>& state) {
       // made just before the destructor (an abort's DELETE) reaches the server; only the grace
       // bounds it.
       incoming.swap(state->pending);
-      if (state->abandoned) break;
+      if (state->abandoned) {
+        break;
+      }
       if (state->stopping) {
         // Rounded up, so that the worker never gives up before the grace is spent.
         const auto left =
             std::chrono::ceil<std::chrono::milliseconds>(state->deadline - State::Clock::now());
-        if (left.count() <= 0 || (incoming.empty() && active.empty())) break;
+        if (left.count() <= 0 || (incoming.empty() && active.empty())) {
+          break;
+        }
         waitMs = static_cast<int>(std::min<std::chrono::milliseconds::rep>(waitMs, left.count()));
       }
     }
     for (auto& transfer : incoming) {
       if (auto error = prepare(*transfer, spare)) {
         running = state->deliver(*transfer, std::nullopt, std::move(error));
-        if (!running) break;
+        if (!running) {
+          break;
+        }
         continue;
       }
       curl_multi_add_handle(multi, transfer->easy);
       active.push_back(std::move(transfer));
     }
-    if (!running) break;
+    if (!running) {
+      break;
+    }
 
     int stillRunning = 0;
     curl_multi_perform(multi, &stillRunning);
     int queued = 0;
     while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
-      if (message->msg != CURLMSG_DONE) continue;
+      if (message->msg != CURLMSG_DONE) {
+        continue;
+      }
       if (!finish(message->easy_handle, message->data.result)) {
         running = false;
         break;
       }
     }
-    if (running) curl_multi_poll(multi, nullptr, 0, std::max(1, waitMs), nullptr);
+    if (running) {
+      curl_multi_poll(multi, nullptr, 0, std::max(1, waitMs), nullptr);
+    }
   }
 
   // Stopping: what is left when the grace is spent is dropped with its handler uncalled.
@@ -336,7 +364,9 @@ void HttpClient::run(const std::shared_ptr<State>& state) {
     curl_multi_remove_handle(multi, transfer->easy);
     curl_easy_cleanup(transfer->easy);
   }
-  for (CURL* easy : spare) curl_easy_cleanup(easy);
+  for (CURL* easy : spare) {
+    curl_easy_cleanup(easy);
+  }
 }
 
 }  // namespace lumo

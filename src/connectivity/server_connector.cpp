@@ -7,9 +7,9 @@
 
 #include "common/argument_guard.h"
 #include "common/environment_helper.h"
+#include "common/logger.h"
 #include "connectivity/http_client.h"
 #include "connectivity/http_request_builder.h"
-#include "common/logger.h"
 
 namespace lumo {
 namespace {
@@ -21,7 +21,9 @@ namespace {
 template <typename Record>
 std::shared_ptr<Record> recordFromResponse(const HttpResponse& response) {
   const Json json = Json::parse(response.body, nullptr, /*allow_exceptions=*/false);
-  if (json.is_discarded() || !json.is_object()) return nullptr;
+  if (json.is_discarded() || !json.is_object()) {
+    return nullptr;
+  }
   auto record = std::make_shared<Record>(json);
   if constexpr (std::is_same_v<Record, RunningSession>) {
     // The only status the connector looks at: 201 means the server made a new session.
@@ -35,7 +37,9 @@ template <typename Record>
 HttpClient::CompletionHandler answerTo(ServerConnector::CompletionHandler<Record> handler) {
   return [handler = std::move(handler)](std::optional<HttpResponse> response,
                                         std::optional<Error> error) {
-    if (!handler) return;
+    if (!handler) {
+      return;
+    }
     if (error) {
       handler(nullptr, std::move(error));
     } else {
@@ -65,17 +69,23 @@ ServerConnector::~ServerConnector() = default;
 
 void ServerConnector::setServerURL(std::optional<std::string> serverURL) {
   ArgumentGuard::notNil(serverURL, "serverUrl");
-  if (serverURL) serverURL_ = std::move(*serverURL);
+  if (serverURL) {
+    serverURL_ = std::move(*serverURL);
+  }
 }
 
 std::optional<std::string> ServerConnector::apiKey() const {
-  if (!apiKey_.empty()) return apiKey_;
+  if (!apiKey_.empty()) {
+    return apiKey_;
+  }
   return EnvironmentHelper::environmentVariableForKey("BRIXTEL_API_KEY");
 }
 
 void ServerConnector::setApiKey(std::optional<std::string> apiKey) {
   ArgumentGuard::notNil(apiKey, "apiKey");
-  if (apiKey) apiKey_ = std::move(*apiKey);
+  if (apiKey) {
+    apiKey_ = std::move(*apiKey);
+  }
 }
 
 void ServerConnector::setShutdownGrace(std::chrono::milliseconds grace) {
@@ -97,7 +107,9 @@ void ServerConnector::matchWindowForSession(const std::shared_ptr<RunningSession
   ArgumentGuard::notNil(runningSession, "runningSession");
   ArgumentGuard::notNil(matchData, "matchData");
   // A guard handler that returns lets the call go on; there is still nothing to send.
-  if (!runningSession || !matchData) return;
+  if (!runningSession || !matchData) {
+    return;
+  }
   const std::string url =
       fmt::format("{}{}/{}.json?apiKey={}", serverURL_, kSessionsPath,
                   textOrNull(runningSession->sessionId()), textOrNull(apiKey()));

@@ -6,9 +6,9 @@
 #include <optional>
 #include <string>
 
+#include "common/match_window_data.h"
 #include "lumo/error.h"
 #include "lumo/match_result.h"
-#include "common/match_window_data.h"
 #include "lumo/running_session.h"
 #include "lumo/session_start_info.h"
 #include "lumo/test_results.h"

@@ -9,8 +9,12 @@ AppOutput::AppOutput(std::optional<std::string> title, std::optional<std::string
 
 Json AppOutput::dictionary() const {
   Json json = Json::object();
-  if (screenshot64_ && !screenshot64_->empty()) json["screenshot64"] = *screenshot64_;
-  if (title_ && !title_->empty()) json["title"] = *title_;
+  if (screenshot64_ && !screenshot64_->empty()) {
+    json["screenshot64"] = *screenshot64_;
+  }
+  if (title_ && !title_->empty()) {
+    json["title"] = *title_;
+  }
   return json;
 }
 

@@ -53,7 +53,9 @@ std::optional<std::string> propertyOrEnvironment(const std::optional<std::string
 
 // Versions of the bundles this process knows by identifier; the library is its own bundle.
 std::optional<std::string> bundleShortVersionString(const std::string& identifier) {
-  if (identifier == "com.brixtel.lumo") return kVersion;
+  if (identifier == "com.brixtel.lumo") {
+    return kVersion;
+  }
   return std::nullopt;
 }
 
@@ -215,7 +217,9 @@ void LumoBase::startSessionCall(std::shared_ptr<detail::PendingCall> call,
                            text = std::move(text), handler = std::move(completionHandler)](
                               std::shared_ptr<RunningSession> session, std::optional<Error> error) {
         auto shared = weakShared.lock();
-        if (!shared) return;
+        if (!shared) {
+          return;
+        }
         auto apply = [&](bool inTime) {
           if (error) {
             shared->sessionStartError = error;
@@ -225,7 +229,9 @@ void LumoBase::startSessionCall(std::shared_ptr<detail::PendingCall> call,
           }
           // A start answered after its wait gave up is still the test's session, unless a later
           // start has already put one in place.
-          if (!inTime && shared->runningSession) return;
+          if (!inTime && shared->runningSession) {
+            return;
+          }
           shared->runningSession = session;
           shared->shouldMatchWindowRunOnceOnTimeout = session->isNewSession();
           if (session->isNewSession()) {
@@ -239,14 +245,18 @@ void LumoBase::startSessionCall(std::shared_ptr<detail::PendingCall> call,
           // The blocking caller's handler only logs; it must run before the waiter wakes.
           call->complete(shared->mutex, [&](bool inTime) {
             apply(inTime);
-            if (handler) handler(error);
+            if (handler) {
+              handler(error);
+            }
           });
         } else {
           {
             std::lock_guard lock(shared->mutex);
             apply(true);
           }
-          if (handler) handler(error);
+          if (handler) {
+            handler(error);
+          }
         }
       });
 }
@@ -267,7 +277,9 @@ void LumoBase::checkWindowBase(const RegionProviderProtocol* regionProvider,
               [weakShared = std::weak_ptr<SharedState>(shared_), call, answered, checkTag,
                ignoreMismatch](std::shared_ptr<MatchResult> result, std::optional<Error> error) {
                 auto shared = weakShared.lock();
-                if (!shared) return;
+                if (!shared) {
+                  return;
+                }
                 // Stored even when the wait has given up: a late mismatch still makes later
                 // checks run once.
                 call->complete(shared->mutex, [&](bool inTime) {
@@ -275,7 +287,9 @@ void LumoBase::checkWindowBase(const RegionProviderProtocol* regionProvider,
                     Logger::logWithFormat("Failed to check: {}", error->localizedDescription());
                   }
                   shared->matchResult = result;
-                  if (inTime) *answered = result;
+                  if (inTime) {
+                    *answered = result;
+                  }
                   if (result && result->asExpected()) {
                     shared->lastScreenshot = result->screenshot();
                   } else {
@@ -295,7 +309,9 @@ void LumoBase::checkWindowBase(const RegionProviderProtocol* regionProvider,
     std::lock_guard lock(shared_->mutex);
     result = *answered;
   }
-  if (completionHandler) completionHandler(result);
+  if (completionHandler) {
+    completionHandler(result);
+  }
 }
 
 void LumoBase::ensureRunningSession() {
@@ -337,7 +353,9 @@ void LumoBase::matchWindow(const RegionProviderProtocol* regionProvider, const s
   Logger::log("Calling match window...");
   std::optional<Region> region;
   if (regionProvider) {
-    if (auto provided = regionProvider->getRegion()) region = *provided;
+    if (auto provided = regionProvider->getRegion()) {
+      region = *provided;
+    }
   }
   if (!matchWindowTask_ || matchWindowTask_->runningSession() != runningSession()) {
     // The session start was refused and the test closed. Nothing could answer this check (or
@@ -379,7 +397,9 @@ void LumoBase::validateResult(const std::shared_ptr<MatchResult>& result, const 
 
 void LumoBase::validateResultLocked(SharedState& shared, const std::shared_ptr<MatchResult>& result,
                                     const std::string& tag) {
-  if (result && result->asExpected()) return;
+  if (result && result->asExpected()) {
+    return;
+  }
   // After a mismatch the screen is known to differ: later checks make one attempt only.
   shared.shouldMatchWindowRunOnceOnTimeout = true;
   if (shared.runningSession && !shared.runningSession->isNewSession()) {
@@ -414,7 +434,9 @@ std::shared_ptr<TestResults> LumoBase::closeWithThrow(bool throwException, Error
        startInfo = sessionStartInfo_](std::shared_ptr<TestResults> results,
                                       std::optional<Error> /*error*/) {
         auto shared = weakShared.lock();
-        if (!shared) return;
+        if (!shared) {
+          return;
+        }
         // Applied even after the wait gave up, so that the next test does not reuse the
         // stopped session; a session started since then stays.
         call->complete(shared->mutex, [&](bool inTime) {
@@ -422,8 +444,12 @@ std::shared_ptr<TestResults> LumoBase::closeWithThrow(bool throwException, Error
             shared->testResult = results;
             judge(results, *startInfo, url, throwException, slots->first, slots->second);
           }
-          if (inTime || shared->runningSession == session) shared->lastScreenshot = nullptr;
-          if (shared->runningSession == session) shared->runningSession = nullptr;
+          if (inTime || shared->runningSession == session) {
+            shared->lastScreenshot = nullptr;
+          }
+          if (shared->runningSession == session) {
+            shared->runningSession = nullptr;
+          }
         });
       });
   if (!call->wait(shared_->mutex, waitPolicy_->serverAnswerSeconds())) {
@@ -431,7 +457,9 @@ std::shared_ptr<TestResults> LumoBase::closeWithThrow(bool throwException, Error
     (void)ErrorBuilder::errorWithDescription("--- Time-out");
     throw TestFailedException(kTimeOutReason);
   }
-  if (slots->second) std::rethrow_exception(slots->second);
+  if (slots->second) {
+    std::rethrow_exception(slots->second);
+  }
   if (slots->first) {
     ArgumentGuard::notNil(error, "error");
     *error = *slots->first;
@@ -484,13 +512,17 @@ void LumoBase::abortIfNotClosed() {
       [weakShared = std::weak_ptr<SharedState>(shared_), session](
           std::shared_ptr<TestResults> results, std::optional<Error> error) {
         auto shared = weakShared.lock();
-        if (!shared) return;
+        if (!shared) {
+          return;
+        }
         std::lock_guard lock(shared->mutex);
         shared->testResult = std::move(results);
         shared->lastScreenshot = nullptr;
         Logger::log("--- Test aborted.");
         // A later test may have started its own session meanwhile; that one stays.
-        if (shared->runningSession == session) shared->runningSession = nullptr;
+        if (shared->runningSession == session) {
+          shared->runningSession = nullptr;
+        }
         if (error) {
           Logger::logWithFormat("Failed to abort server session: {}",
                                 error->localizedDescription());

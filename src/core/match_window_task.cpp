@@ -4,17 +4,17 @@
 
 #include <utility>
 
-#include "core/app_output.h"
-#include "core/app_output_with_screenshot.h"
 #include "common/argument_guard.h"
-#include "platform/expectation.h"
 #include "common/logger.h"
-#include "lumo/match_result.h"
 #include "common/match_window_data.h"
 #include "common/options.h"
 #include "connectivity/server_connector.h"
+#include "core/app_output.h"
+#include "core/app_output_with_screenshot.h"
+#include "lumo/match_result.h"
 #include "lumo/system_log.h"
 #include "lumo/test_failed_exception.h"
+#include "platform/expectation.h"
 #include "platform/waiter.h"
 
 namespace lumo {
@@ -43,7 +43,9 @@ class AttemptSlots {
     auto result = result_;
     auto error = error_;
     lock.unlock();
-    if (handler) handler(std::move(screenshot), std::move(result), std::move(error));
+    if (handler) {
+      handler(std::move(screenshot), std::move(result), std::move(error));
+    }
   }
 
  private:
@@ -105,7 +107,9 @@ void MatchWindowTask::matchWindow(const std::optional<Region>& region,
                                   bool ignoreMismatch,
                                   const std::shared_ptr<ImageMatchSettings>& imageMatchSettings,
                                   std::int64_t retryTimeout, CompletionHandler completionHandler) {
-  if (retryTimeout < 0) retryTimeout = defaultRetryTimeout_;
+  if (retryTimeout < 0) {
+    retryTimeout = defaultRetryTimeout_;
+  }
   Logger::logWithFormat("retryTimeout = {}", retryTimeout);
   std::weak_ptr<MatchWindowTask> weakSelf = weak_from_this();
   takeScreenshotRegion(region, tag, shouldMatchWindowRunOnceOnTimeout, ignoreMismatch,
@@ -114,9 +118,13 @@ void MatchWindowTask::matchWindow(const std::optional<Region>& region,
                            std::shared_ptr<LumoScreenshot> screenshot,
                            std::shared_ptr<MatchResult> result, std::optional<Error> error) {
                          if (!ignoreMismatch) {
-                           if (auto self = weakSelf.lock()) self->updateLastScreenshot(screenshot);
+                           if (auto self = weakSelf.lock()) {
+                             self->updateLastScreenshot(screenshot);
+                           }
                          }
-                         if (handler) handler(std::move(result), std::move(error));
+                         if (handler) {
+                           handler(std::move(result), std::move(error));
+                         }
                        });
 }
 
@@ -132,7 +140,9 @@ void MatchWindowTask::takeScreenshotRegion(
   }
   // After a mismatch (or in a new session) the screen gets the whole timeout to settle, then
   // exactly one attempt.
-  if (shouldMatchWindowRunOnceOnTimeout) waitPolicy_->sleepSeconds(retryTimeout);
+  if (shouldMatchWindowRunOnceOnTimeout) {
+    waitPolicy_->sleepSeconds(retryTimeout);
+  }
   tryTakeScreenshotOfRegion(region, tag, ignoreMismatch, imageMatchSetings,
                             std::move(completionHandler));
 }
@@ -146,7 +156,9 @@ void MatchWindowTask::tryTakeScreenshotOfRegion(
   performMatchWithAppOutput(appOutput, tag, ignoreMismatch, imageMatchSetings,
                             [screenshot, handler = std::move(completionHandler)](
                                 std::shared_ptr<MatchResult> result, std::optional<Error> error) {
-                              if (handler) handler(screenshot, std::move(result), std::move(error));
+                              if (handler) {
+                                handler(screenshot, std::move(result), std::move(error));
+                              }
                             });
 }
 
@@ -168,7 +180,9 @@ void MatchWindowTask::retryTakingScreenshotOfRegion(
                                              std::shared_ptr<MatchResult> result,
                                              std::optional<Error> error) {
           if (!state->answer()) {
-            if (*handler) (*handler)(std::move(screenshot), std::move(result), std::move(error));
+            if (*handler) {
+              (*handler)(std::move(screenshot), std::move(result), std::move(error));
+            }
             return;
           }
           slots->store(std::move(screenshot), std::move(result), std::move(error));
@@ -177,7 +191,7 @@ void MatchWindowTask::retryTakingScreenshotOfRegion(
     Waiter::waitForExpectations({expectation},
                                 std::chrono::duration<double>(waitPolicy_->serverAnswerSeconds()));
     // An answer that raced the time-out counts as in time.
-    return state->giveUp() ? WaiterResult::timedOut : WaiterResult::completed;
+    return state->giveUp() ? WaiterResult::TimedOut : WaiterResult::Completed;
   };
 
   const double start = waitPolicy_->nowSeconds();
@@ -186,14 +200,18 @@ void MatchWindowTask::retryTakingScreenshotOfRegion(
     waitPolicy_->sleepSeconds(1);
     // Every round ignores mismatches, so that the server does not record a transient screen.
     const WaiterResult waited = attempt("Take screenshot expectation", true);
-    if (slots->asExpected()) break;
-    if (waited == WaiterResult::timedOut) throw TestFailedException(kTimeOutReason);
+    if (slots->asExpected()) {
+      break;
+    }
+    if (waited == WaiterResult::TimedOut) {
+      throw TestFailedException(kTimeOutReason);
+    }
     elapsed = waitPolicy_->nowSeconds() - start;
     // Goes to the system log untagged and prints the seconds spent, as it always has.
     systemLog(fmt::format("Retry timeout seconds left = {}", static_cast<std::int64_t>(elapsed)));
   }
   if (!slots->asExpected()) {
-    if (attempt("Last attempt expectation", ignoreMismatch) == WaiterResult::timedOut) {
+    if (attempt("Last attempt expectation", ignoreMismatch) == WaiterResult::TimedOut) {
       throw TestFailedException(kTimeOutReason);
     }
   }
@@ -212,7 +230,9 @@ void MatchWindowTask::performMatchWithAppOutput(
 }
 
 void MatchWindowTask::updateLastScreenshot(const std::shared_ptr<LumoScreenshot>& screenshot) {
-  if (!screenshot) return;
+  if (!screenshot) {
+    return;
+  }
   std::lock_guard lock(mutex_);
   lastScreenshot_ = screenshot;
 }

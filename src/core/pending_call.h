@@ -35,7 +35,9 @@ class PendingCall {
   bool wait(std::mutex& mutex, double seconds) {
     Waiter::waitForExpectations({expectation_}, std::chrono::duration<double>(seconds));
     std::lock_guard lock(mutex);
-    if (!done_) abandoned_ = true;
+    if (!done_) {
+      abandoned_ = true;
+    }
     return done_;
   }
 

@@ -3,9 +3,9 @@
 #include <fmt/format.h>
 
 #include "common/argument_guard.h"
-#include "lumo/match_result.h"
-#include "core/fluent/region_provider.h"
 #include "common/scaled_screenshot.h"
+#include "core/fluent/region_provider.h"
+#include "lumo/match_result.h"
 #include "lumo/system_log.h"
 
 namespace lumo {

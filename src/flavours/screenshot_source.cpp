@@ -41,9 +41,13 @@ void MemoryScreenshotSource::push(ImagePtr image) {
 
 ImagePtr MemoryScreenshotSource::capture() {
   std::lock_guard lock(mutex_);
-  if (images_.empty()) throw screenshotError("No screenshot was given to capture");
+  if (images_.empty()) {
+    throw screenshotError("No screenshot was given to capture");
+  }
   ImagePtr image = images_.front();
-  if (images_.size() > 1) images_.pop_front();
+  if (images_.size() > 1) {
+    images_.pop_front();
+  }
   return image;
 }
 
@@ -51,11 +55,17 @@ PngFileScreenshotSource::PngFileScreenshotSource(std::vector<std::filesystem::pa
     : files_(std::move(files)) {}
 
 CapturedScreen PngFileScreenshotSource::captureScreen() {
-  if (files_.empty()) throw screenshotError("No screenshot file was given");
+  if (files_.empty()) {
+    throw screenshotError("No screenshot file was given");
+  }
   const auto& path = files_[std::min(next_, files_.size() - 1)];
-  if (next_ < files_.size()) ++next_;
+  if (next_ < files_.size()) {
+    ++next_;
+  }
   std::ifstream in(path, std::ios::binary);
-  if (!in) throw screenshotError("Cannot read screenshot file " + path.string());
+  if (!in) {
+    throw screenshotError("Cannot read screenshot file " + path.string());
+  }
   std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)),
                                   std::istreambuf_iterator<char>());
   return decodeScreen(std::move(bytes), path.string());
@@ -66,7 +76,9 @@ CommandScreenshotSource::CommandScreenshotSource(std::string command)
 
 CapturedScreen CommandScreenshotSource::captureScreen() {
   FILE* pipe = popen(command_.c_str(), "r");
-  if (pipe == nullptr) throw screenshotError("Cannot run screenshot command: " + command_);
+  if (pipe == nullptr) {
+    throw screenshotError("Cannot run screenshot command: " + command_);
+  }
   std::vector<std::uint8_t> bytes;
   std::array<std::uint8_t, 1 << 16> buffer;
   while (std::size_t n = fread(buffer.data(), 1, buffer.size(), pipe)) {

@@ -15,8 +15,12 @@ constexpr std::uint8_t kInvalid = 0xff;
 
 constexpr std::array<std::uint8_t, 256> decodeTable() {
   std::array<std::uint8_t, 256> table{};
-  for (auto& entry : table) entry = kInvalid;
-  for (std::uint8_t i = 0; i < 64; ++i) table[static_cast<unsigned char>(kAlphabet[i])] = i;
+  for (auto& entry : table) {
+    entry = kInvalid;
+  }
+  for (std::uint8_t i = 0; i < 64; ++i) {
+    table[static_cast<unsigned char>(kAlphabet[i])] = i;
+  }
   return table;
 }
 constexpr auto kDecode = decodeTable();
@@ -65,7 +69,9 @@ std::vector<std::uint8_t> base64Decode(std::string_view text) {
   int padding = 0;  // '=' seen; only data-less groups may follow none
   for (std::size_t at = 0; at < text.size(); ++at) {
     const char c = text[at];
-    if (c == '\r' || c == '\n') continue;
+    if (c == '\r' || c == '\n') {
+      continue;
+    }
     if (c == '=') {
       if (count < 2 || ++padding > 2) {
         throw std::invalid_argument("misplaced '=' at offset " + std::to_string(at));
@@ -82,14 +88,20 @@ std::vector<std::uint8_t> base64Decode(std::string_view text) {
     }
     if (count == 4) {
       out.push_back(static_cast<std::uint8_t>(quad >> 16));
-      if (padding < 2) out.push_back(static_cast<std::uint8_t>(quad >> 8));
-      if (padding < 1) out.push_back(static_cast<std::uint8_t>(quad));
+      if (padding < 2) {
+        out.push_back(static_cast<std::uint8_t>(quad >> 8));
+      }
+      if (padding < 1) {
+        out.push_back(static_cast<std::uint8_t>(quad));
+      }
       quad = 0;
       count = 0;
       if (padding > 0) padding = 3;  // nothing may follow a padded group
     }
   }
-  if (count != 0) throw std::invalid_argument("base64 text ends inside a group of four");
+  if (count != 0) {
+    throw std::invalid_argument("base64 text ends inside a group of four");
+  }
   return out;
 }
 

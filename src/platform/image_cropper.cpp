@@ -20,7 +20,9 @@ ImagePtr PixelCropper::cropRegion(const Region& region, const ImagePtr& image) c
   const auto [left, right] = clip(region.left(), region.width(), image->width());
   const auto [top, bottom] = clip(region.top(), region.height(), image->height());
   Image cropped(static_cast<int>(right - left), static_cast<int>(bottom - top));
-  if (cropped.empty()) return std::make_shared<const Image>();
+  if (cropped.empty()) {
+    return std::make_shared<const Image>();
+  }
   for (int y = 0; y < cropped.height(); ++y) {
     std::memcpy(cropped.row(y), image->row(static_cast<int>(top) + y) + left * Image::kChannels,
                 cropped.stride());

@@ -38,7 +38,9 @@ void putChunk(std::vector<std::uint8_t>& out, const char type[4], const std::uin
   putU32(out, static_cast<std::uint32_t>(size));
   const std::size_t start = out.size();
   out.insert(out.end(), type, type + 4);
-  if (size > 0) out.insert(out.end(), data, data + size);
+  if (size > 0) {
+    out.insert(out.end(), data, data + size);
+  }
   putU32(out, libdeflate_crc32(0, out.data() + start, size + 4));
 }
 
@@ -55,7 +57,9 @@ bool isOpaque(const Image& image) {
     }
     std::uint8_t channels[4];
     std::memcpy(channels, &all, 4);
-    if (channels[3] != 0xff) return false;
+    if (channels[3] != 0xff) {
+      return false;
+    }
   }
   return true;
 }
@@ -95,7 +99,9 @@ void subtractBytes(const std::uint8_t* a, const std::uint8_t* b, std::uint8_t* o
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), _mm_sub_epi8(x, y));
   }
 #endif
-  for (; i < size; ++i) out[i] = static_cast<std::uint8_t>(a[i] - b[i]);
+  for (; i < size; ++i) {
+    out[i] = static_cast<std::uint8_t>(a[i] - b[i]);
+  }
 }
 
 // Each scanline gets the filter, Sub or Up, whose output has the smaller sum of magnitudes:
@@ -109,10 +115,14 @@ void filterRows(const Image& image, std::size_t channels, int begin, int end, st
   // spare byte at its end): one store a pixel instead of three.
   std::vector<std::uint8_t> packed(channels == 4 ? 0 : 2 * (rowBytes + 1)), up(rowBytes);
   const auto pixels = [&](int y) {
-    if (channels == 4) return image.row(y);
+    if (channels == 4) {
+      return image.row(y);
+    }
     const std::uint8_t* rgba = image.row(y);
     std::uint8_t* rgb = packed.data() + (y % 2) * (rowBytes + 1);
-    for (std::size_t x = 0; x < width; ++x) std::memcpy(&rgb[x * 3], rgba + x * 4, 4);
+    for (std::size_t x = 0; x < width; ++x) {
+      std::memcpy(&rgb[x * 3], rgba + x * 4, 4);
+    }
     return static_cast<const std::uint8_t*>(rgb);
   };
   const std::uint8_t* previous = begin > 0 ? pixels(begin - 1) : nullptr;
@@ -164,7 +174,9 @@ struct ReadState {
 
 void readBytes(png_structp png, png_bytep out, png_size_t count) {
   auto* state = static_cast<ReadState*>(png_get_io_ptr(png));
-  if (count > state->bytes.size() - state->offset) png_error(png, "truncated data");
+  if (count > state->bytes.size() - state->offset) {
+    png_error(png, "truncated data");
+  }
   std::memcpy(out, state->bytes.data() + state->offset, count);
   state->offset += count;
 }
@@ -181,7 +193,9 @@ void ignoreWarning(png_structp, png_const_charp) {}
 // high byte (no gamma conversion), palettes and transparency expand to alpha.
 bool readPng(ReadState* state) {
   png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, state, failRead, ignoreWarning);
-  if (png == nullptr) return false;
+  if (png == nullptr) {
+    return false;
+  }
   png_infop info = png_create_info_struct(png);
   if (info == nullptr || setjmp(png_jmpbuf(png))) {
     png_destroy_read_struct(&png, &info, nullptr);
@@ -341,7 +355,9 @@ std::optional<Image> decodeScreenshotPng(std::span<const std::uint8_t> bytes,
 }  // namespace
 
 std::vector<std::uint8_t> encodePng(const Image& image) {
-  if (image.empty()) throw PngError("cannot encode an empty image as PNG");
+  if (image.empty()) {
+    throw PngError("cannot encode an empty image as PNG");
+  }
   const bool opaque = isOpaque(image);
   const std::size_t channels = opaque ? 3 : 4;
   const std::size_t filteredSize =
@@ -350,14 +366,18 @@ std::vector<std::uint8_t> encodePng(const Image& image) {
 
   std::unique_ptr<libdeflate_compressor, CompressorDeleter> compressor(
       libdeflate_alloc_compressor(kCompressionLevel));
-  if (!compressor) throw std::bad_alloc();
+  if (!compressor) {
+    throw std::bad_alloc();
+  }
   // Uninitialised for the same reason as the filtered lines: the bound is megabytes, the
   // output a fraction of it.
   const std::size_t bound = libdeflate_zlib_compress_bound(compressor.get(), filteredSize);
   const std::unique_ptr<std::uint8_t[]> compressed(new std::uint8_t[bound]);
   const std::size_t compressedSize = libdeflate_zlib_compress(
       compressor.get(), filtered.get(), filteredSize, compressed.get(), bound);
-  if (compressedSize == 0) throw PngError("deflate failed");
+  if (compressedSize == 0) {
+    throw PngError("deflate failed");
+  }
 
   std::vector<std::uint8_t> png;
   png.reserve(compressedSize + 64);
@@ -386,7 +406,9 @@ Image decodePng(std::span<const std::uint8_t> bytes, std::uint64_t maxPixels) {
   ReadState state;
   state.bytes = bytes;
   state.maxPixels = maxPixels;
-  if (!readPng(&state)) throw PngError("invalid PNG: " + std::string(state.message));
+  if (!readPng(&state)) {
+    throw PngError("invalid PNG: " + std::string(state.message));
+  }
   return Image(static_cast<int>(state.width), static_cast<int>(state.height),
                std::move(state.pixels));
 }

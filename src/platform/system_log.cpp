@@ -59,7 +59,9 @@ void writeToStderr(std::string_view line) {
   while (left > 0) {
     const ssize_t written = ::write(STDERR_FILENO, data, left);
     if (written < 0) {
-      if (errno == EINTR) continue;
+      if (errno == EINTR) {
+        continue;
+      }
       return;  // Nowhere left to report a failing log.
     }
     data += written;

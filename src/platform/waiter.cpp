@@ -16,14 +16,16 @@ WaiterResult Waiter::waitForExpectations(
 
   // All must be fulfilled, so waiting for each in turn against the one deadline is enough.
   for (const auto& expectation : expectations) {
-    if (!expectation) continue;
+    if (!expectation) {
+      continue;
+    }
     std::unique_lock lock(expectation->mutex_);
     if (!expectation->fulfilled_.wait_until(lock, deadline,
                                             [&] { return expectation->isFulfilled_; })) {
-      return WaiterResult::timedOut;
+      return WaiterResult::TimedOut;
     }
   }
-  return WaiterResult::completed;
+  return WaiterResult::Completed;
 }
 
 }  // namespace lumo

@@ -9,7 +9,7 @@
 namespace lumo {
 
 // How a wait ended. The numbering is fixed: callers compare against it.
-enum class WaiterResult { completed = 1, timedOut = 2 };
+enum class WaiterResult { Completed = 1, TimedOut = 2 };
 
 class Waiter {
  public:

@@ -37,7 +37,9 @@ class CheckUsage : public lumo::test::TestServerFixture {
   void expectUsageError(const std::vector<std::string>& arguments, const std::string& says) {
     const auto outcome = runLumo(arguments);
     std::string line;
-    for (const auto& a : arguments) line += a + " ";
+    for (const auto& a : arguments) {
+      line += a + " ";
+    }
     EXPECT_EQ(outcome.status, kExitUsage) << line;
     EXPECT_EQ(lineCount(outcome.err), 1u) << line << "\n" << outcome.err;
     EXPECT_NE(outcome.err.find(says), std::string::npos) << line << "\n" << outcome.err;

@@ -58,7 +58,9 @@ TEST(ServerCommand, ServesUntilToldToStop) {
   int pageStatus = 0;
   const int status = runServer(options, out, err, [&](lumo::server::Server& server) {
     httplib::Client client("127.0.0.1", server.port());
-    if (auto response = client.Get("/")) pageStatus = response->status;
+    if (auto response = client.Get("/")) {
+      pageStatus = response->status;
+    }
   });
   EXPECT_EQ(status, 0) << err.str();
   EXPECT_EQ(pageStatus, 200);

@@ -82,7 +82,9 @@ inline std::string readFile(const std::filesystem::path& file) {
 
 inline std::size_t lineCount(const std::string& text) {
   std::size_t lines = 0;
-  for (char c : text) lines += c == '\n';
+  for (char c : text) {
+    lines += c == '\n';
+  }
   return lines;
 }
 

@@ -19,13 +19,19 @@ namespace {
 class ScopedEnv {
  public:
   ScopedEnv(const char* name, std::optional<std::string> value) : name_(name) {
-    if (const char* old = ::getenv(name)) old_ = old;
+    if (const char* old = ::getenv(name)) {
+      old_ = old;
+    }
     value ? ::setenv(name, value->c_str(), 1) : ::unsetenv(name);
-    if (name_ == "TZ") ::tzset();
+    if (name_ == "TZ") {
+      ::tzset();
+    }
   }
   ~ScopedEnv() {
     old_ ? ::setenv(name_.c_str(), old_->c_str(), 1) : ::unsetenv(name_.c_str());
-    if (name_ == "TZ") ::tzset();
+    if (name_ == "TZ") {
+      ::tzset();
+    }
   }
 
  private:
@@ -35,11 +41,15 @@ class ScopedEnv {
 
 // Canonical 8-4-4-4-12 upper-case hex with the random-UUID version and variant.
 bool isUpperCaseUuid(const std::string& id) {
-  if (id.size() != 36) return false;
+  if (id.size() != 36) {
+    return false;
+  }
   for (std::size_t i = 0; i < id.size(); ++i) {
     const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
     const char c = id[i];
-    if (dash ? c != '-' : !((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))) return false;
+    if (dash ? c != '-' : !((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))) {
+      return false;
+    }
   }
   return id[14] == '4' && std::string("89AB").find(id[19]) != std::string::npos;
 }

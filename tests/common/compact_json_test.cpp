@@ -14,7 +14,9 @@ std::string longText(const std::string& middle) {
 
 TEST(CompactJson, WritesTheSameBytesAsDump) {
   std::string controls;
-  for (int c = 0; c < 0x20; ++c) controls += static_cast<char>(c);
+  for (int c = 0; c < 0x20; ++c) {
+    controls += static_cast<char>(c);
+  }
   const Json values[] = {
       Json::object(),
       Json::array(),

@@ -7,8 +7,8 @@
 #include <string>
 #include <utility>
 
-#include "lumo/out_of_bounds_exception.h"
 #include "common/scaled_screenshot.h"
+#include "lumo/out_of_bounds_exception.h"
 
 namespace lumo {
 namespace {
@@ -96,7 +96,9 @@ TEST(LumoScreenshot, TheBaseNeitherCropsNorScales) {
 TEST(ScaledScreenshot, AveragesTheAreaEachPointCovers) {
   Image image(4, 2);
   const std::uint8_t values[] = {0, 100, 200, 250, 50, 150, 250, 255};
-  for (int i = 0; i < 8; ++i) std::fill_n(image.data() + i * 4, 4, values[i]);
+  for (int i = 0; i < 8; ++i) {
+    std::fill_n(image.data() + i * 4, 4, values[i]);
+  }
   ScaledScreenshot shot(std::make_shared<const Image>(image));
   auto half = shot.downscale(2)->image();
   ASSERT_EQ(half->width(), 2);

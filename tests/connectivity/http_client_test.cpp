@@ -38,7 +38,7 @@ class Call {
   }
   // The outcome once the handler ran; fails the test if it did not within 10 s.
   const Outcome& outcome() {
-    EXPECT_EQ(Waiter::waitForExpectations({done_}, 10s), WaiterResult::completed);
+    EXPECT_EQ(Waiter::waitForExpectations({done_}, 10s), WaiterResult::Completed);
     return outcome_;
   }
 
@@ -160,7 +160,7 @@ TEST_F(HttpClientTest, AHandlerMayDestroyItsOwnClient) {
                  client.reset();
                  done->fulfill();
                });
-  ASSERT_EQ(Waiter::waitForExpectations({done}, 10s), WaiterResult::completed);
+  ASSERT_EQ(Waiter::waitForExpectations({done}, 10s), WaiterResult::Completed);
   EXPECT_EQ(client, nullptr);
 }
 
@@ -178,7 +178,7 @@ TEST_F(HttpClientTest, HandlersMaySendFurtherRequests) {
                       done->fulfill();
                     });
       });
-  ASSERT_EQ(Waiter::waitForExpectations({done}, 10s), WaiterResult::completed);
+  ASSERT_EQ(Waiter::waitForExpectations({done}, 10s), WaiterResult::Completed);
   EXPECT_EQ(secondStatus, 202);
 }
 

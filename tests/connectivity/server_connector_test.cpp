@@ -37,7 +37,7 @@ class Reply {
   }
   // Waits (bounded) for the handler; fails the test if it did not run.
   Reply& wait() {
-    EXPECT_EQ(Waiter::waitForExpectations({done_}, 10s), WaiterResult::completed);
+    EXPECT_EQ(Waiter::waitForExpectations({done_}, 10s), WaiterResult::Completed);
     EXPECT_NE(thread_, std::this_thread::get_id());
     return *this;
   }

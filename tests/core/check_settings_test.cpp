@@ -10,7 +10,9 @@ namespace {
 
 std::vector<Region> regionsOf(const CheckSettingsInternalProtocol::RegionProviders& providers) {
   std::vector<Region> regions;
-  for (const auto& provider : providers) regions.push_back(*provider->getRegion());
+  for (const auto& provider : providers) {
+    regions.push_back(*provider->getRegion());
+  }
   return regions;
 }
 

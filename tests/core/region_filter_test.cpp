@@ -5,12 +5,12 @@
 #include <cmath>
 #include <limits>
 
-#include "lumo/floating_region_by_rectangle.h"
-#include "lumo/ignore_region_by_element.h"
-#include "lumo/ignore_region_by_rectangle.h"
 #include "common/rectangle_size.h"
 #include "core/fluent/region_provider.h"
 #include "core/simple_property_handler.h"
+#include "lumo/floating_region_by_rectangle.h"
+#include "lumo/ignore_region_by_element.h"
+#include "lumo/ignore_region_by_rectangle.h"
 
 namespace lumo {
 namespace {

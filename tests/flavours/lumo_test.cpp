@@ -87,7 +87,9 @@ class LumoTest : public test::TestServerFixture {
     }
     if (request.method == "POST") {
       bool asExpected = matchAnswers_.empty() ? defaultMatch_ : matchAnswers_.front();
-      if (!matchAnswers_.empty()) matchAnswers_.pop_front();
+      if (!matchAnswers_.empty()) {
+        matchAnswers_.pop_front();
+      }
       return {200, Json{{"asExpected", asExpected}}.dump()};
     }
     return {.status = 200, .body = results_.dump(), .delay = stopDelay_};
@@ -96,7 +98,9 @@ class LumoTest : public test::TestServerFixture {
   // Polls (bounded) for a change that a reply makes on the worker thread.
   static bool eventually(const std::function<bool()>& condition) {
     for (int i = 0; i < 1000; ++i) {
-      if (condition()) return true;
+      if (condition()) {
+        return true;
+      }
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return condition();
@@ -120,7 +124,9 @@ class LumoTest : public test::TestServerFixture {
     std::vector<RecordedRequest> found;
     for (auto& request : server_.requests()) {
       bool isStart = request.path == "/api/sessions/running.json";
-      if (request.method == method && (sessionCalls == isStart)) found.push_back(request);
+      if (request.method == method && (sessionCalls == isStart)) {
+        found.push_back(request);
+      }
     }
     return found;
   }
@@ -377,11 +383,14 @@ std::vector<std::uint8_t> foreignPng(const Image& image) {
   std::uint32_t crc = 0xffffffff;
   for (std::size_t i = 4; i < chunk.size(); ++i) {
     crc ^= chunk[i];
-    for (int bit = 0; bit < 8; ++bit) crc = (crc & 1) ? 0xedb88320 ^ (crc >> 1) : crc >> 1;
+    for (int bit = 0; bit < 8; ++bit) {
+      crc = (crc & 1) ? 0xedb88320 ^ (crc >> 1) : crc >> 1;
+    }
   }
   crc = ~crc;
-  for (int shift = 24; shift >= 0; shift -= 8)
+  for (int shift = 24; shift >= 0; shift -= 8) {
     chunk.push_back(static_cast<std::uint8_t>(crc >> shift));
+  }
   png.insert(png.end() - 12, chunk.begin(), chunk.end());
   return png;
 }

@@ -37,13 +37,17 @@ std::vector<std::uint8_t> libpngWrite(int width, int height, int colorType, int 
       nullptr);
   png_set_IHDR(png, info, width, height, bitDepth, colorType, interlace,
                PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-  if (!palette.empty()) png_set_PLTE(png, info, palette.data(), static_cast<int>(palette.size()));
+  if (!palette.empty()) {
+    png_set_PLTE(png, info, palette.data(), static_cast<int>(palette.size()));
+  }
   if (!transparency.empty()) {
     png_set_tRNS(png, info, transparency.data(), static_cast<int>(transparency.size()), nullptr);
   }
   png_write_info(png, info);
   std::vector<png_bytep> pointers;
-  for (auto& row : rows) pointers.push_back(row.data());
+  for (auto& row : rows) {
+    pointers.push_back(row.data());
+  }
   png_write_image(png, pointers.data());
   png_write_end(png, nullptr);
   png_destroy_write_struct(&png, &info);

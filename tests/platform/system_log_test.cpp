@@ -36,7 +36,9 @@ class StderrToFile {
     std::string text;
     std::rewind(file_);
     char buffer[4096];
-    while (std::size_t n = std::fread(buffer, 1, sizeof buffer, file_)) text.append(buffer, n);
+    while (std::size_t n = std::fread(buffer, 1, sizeof buffer, file_)) {
+      text.append(buffer, n);
+    }
     return text;
   }
 
@@ -58,7 +60,9 @@ TEST(SystemLog, DefaultSinkWritesWholeStampedLinesFromManyThreads) {
       }
     });
   }
-  for (auto& thread : threads) thread.join();
+  for (auto& thread : threads) {
+    thread.join();
+  }
   redirect.restore();
 
   std::istringstream lines(redirect.contents());

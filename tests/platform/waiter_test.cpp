@@ -20,7 +20,7 @@ TEST(Waiter, CompletesWhenAnotherThreadFulfils) {
     second->fulfill();
     first->fulfill();
   });
-  EXPECT_EQ(Waiter::waitForExpectations({first, second}, 60s), WaiterResult::completed);
+  EXPECT_EQ(Waiter::waitForExpectations({first, second}, 60s), WaiterResult::Completed);
   EXPECT_TRUE(first->isFulfilled());
   EXPECT_EQ(first->description(), "first");
 }
@@ -29,33 +29,33 @@ TEST(Waiter, TimesOutWhileAnyExpectationIsUnfulfilled) {
   auto done = std::make_shared<Expectation>();
   auto never = std::make_shared<Expectation>();
   done->fulfill();
-  EXPECT_EQ(Waiter::waitForExpectations({done, never}, 20ms), WaiterResult::timedOut);
-  EXPECT_EQ(Waiter::waitForExpectations({never}, 0s), WaiterResult::timedOut);
-  EXPECT_EQ(Waiter::waitForExpectations({never}, -1s), WaiterResult::timedOut);
+  EXPECT_EQ(Waiter::waitForExpectations({done, never}, 20ms), WaiterResult::TimedOut);
+  EXPECT_EQ(Waiter::waitForExpectations({never}, 0s), WaiterResult::TimedOut);
+  EXPECT_EQ(Waiter::waitForExpectations({never}, -1s), WaiterResult::TimedOut);
 }
 
 TEST(Waiter, FulfilledOrNoExpectationsCompleteWithoutWaiting) {
   auto done = std::make_shared<Expectation>();
   done->fulfill();
   done->fulfill();
-  EXPECT_EQ(Waiter::waitForExpectations({done}, 0s), WaiterResult::completed);
-  EXPECT_EQ(Waiter::waitForExpectations({}, 0s), WaiterResult::completed);
+  EXPECT_EQ(Waiter::waitForExpectations({done}, 0s), WaiterResult::Completed);
+  EXPECT_EQ(Waiter::waitForExpectations({}, 0s), WaiterResult::Completed);
   // A bound far beyond the clock's range must not overflow into the past.
   EXPECT_EQ(Waiter::waitForExpectations({done}, std::chrono::duration<double>(1e300)),
-            WaiterResult::completed);
+            WaiterResult::Completed);
 }
 
 TEST(Waiter, AFulfilmentAfterTheTimeOutIsHarmless) {
   auto late = std::make_shared<Expectation>("late");
   std::jthread fulfiller;
   {
-    EXPECT_EQ(Waiter::waitForExpectations({late}, 1ms), WaiterResult::timedOut);
+    EXPECT_EQ(Waiter::waitForExpectations({late}, 1ms), WaiterResult::TimedOut);
     // The waiter has moved on; the completion still holds the expectation.
     fulfiller = std::jthread([late] { late->fulfill(); });
   }
   fulfiller.join();
   EXPECT_TRUE(late->isFulfilled());
-  EXPECT_EQ(Waiter::waitForExpectations({late}, 0s), WaiterResult::completed);
+  EXPECT_EQ(Waiter::waitForExpectations({late}, 0s), WaiterResult::Completed);
 }
 
 }  // namespace

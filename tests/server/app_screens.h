@@ -148,7 +148,6 @@ class ScreenPainter {
     }
   }
 
-
   // Glyphs of 3 x 5 strokes chosen by the character, so that another letter draws other
   // strokes; `size` is the glyph height in points.
   static double textWidth(const std::string& text, double size) {

@@ -28,7 +28,7 @@ std::shared_ptr<Record> await(Call call) {
     *result = std::move(record);
     done->fulfill();
   });
-  EXPECT_EQ(Waiter::waitForExpectations({done}, kAnswerBound), WaiterResult::completed);
+  EXPECT_EQ(Waiter::waitForExpectations({done}, kAnswerBound), WaiterResult::Completed);
   std::lock_guard lock(*mutex);
   return *result;
 }

@@ -26,7 +26,9 @@ class FastWaitPolicy : public WaitPolicy {
       std::lock_guard lock(mutex_);
       sleeps_.push_back(seconds);
     }
-    if (seconds <= 0) return;
+    if (seconds <= 0) {
+      return;
+    }
     virtualSeconds_ += static_cast<double>(seconds);
     std::this_thread::sleep_for(std::chrono::milliseconds(seconds));
   }

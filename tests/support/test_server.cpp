@@ -26,10 +26,14 @@ bool isPseudoHeader(const std::string& name) {
 
 void writePem(const std::filesystem::path& path, const std::function<int(FILE*)>& write) {
   FILE* file = std::fopen(path.c_str(), "w");
-  if (file == nullptr) throw std::runtime_error("cannot write " + path.string());
+  if (file == nullptr) {
+    throw std::runtime_error("cannot write " + path.string());
+  }
   const int written = write(file);
   std::fclose(file);
-  if (written != 1) throw std::runtime_error("cannot encode " + path.string());
+  if (written != 1) {
+    throw std::runtime_error("cannot encode " + path.string());
+  }
 }
 
 // A P-256 key and a one-day self-signed certificate for 127.0.0.1.
@@ -37,7 +41,9 @@ void writeSelfSignedCertificate(const std::filesystem::path& certificatePath,
                                 const std::filesystem::path& keyPath) {
   std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(EVP_EC_gen("P-256"), EVP_PKEY_free);
   std::unique_ptr<X509, decltype(&X509_free)> certificate(X509_new(), X509_free);
-  if (!key || !certificate) throw std::runtime_error("cannot make a key and certificate");
+  if (!key || !certificate) {
+    throw std::runtime_error("cannot make a key and certificate");
+  }
   X509* x509 = certificate.get();
   X509_set_version(x509, 2);
   ASN1_INTEGER_set(X509_get_serialNumber(x509), 1);
@@ -66,32 +72,42 @@ std::optional<std::string> RecordedRequest::header(std::string_view name) const 
     });
   };
   const auto it = std::ranges::find_if(headers, equal);
-  if (it == headers.end()) return std::nullopt;
+  if (it == headers.end()) {
+    return std::nullopt;
+  }
   return it->second;
 }
 
 TestServer::TestServer(Scheme scheme) : scheme_(scheme) {
-  if (scheme_ == Scheme::http) {
+  if (scheme_ == Scheme::Http) {
     server_ = std::make_unique<httplib::Server>();
   } else {
     std::string pattern = (std::filesystem::temp_directory_path() / "lumo-tls-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot make a temp dir");
+    if (mkdtemp(pattern.data()) == nullptr) {
+      throw std::runtime_error("cannot make a temp dir");
+    }
     directory_ = pattern;
     certificatePath_ = directory_ / "certificate.pem";
     keyPath_ = directory_ / "key.pem";
     writeSelfSignedCertificate(certificatePath_, keyPath_);
     server_ = std::make_unique<httplib::SSLServer>(certificatePath_.c_str(), keyPath_.c_str());
   }
-  if (!server_->is_valid()) throw std::runtime_error("the test server cannot serve");
+  if (!server_->is_valid()) {
+    throw std::runtime_error("the test server cannot serve");
+  }
 
   const auto serve = [this](const httplib::Request& request, httplib::Response& response) {
     RecordedRequest recorded;
     recorded.method = request.method;
     const std::size_t question = request.target.find('?');
     recorded.path = request.target.substr(0, question);
-    if (question != std::string::npos) recorded.query = request.target.substr(question + 1);
+    if (question != std::string::npos) {
+      recorded.query = request.target.substr(question + 1);
+    }
     for (const auto& [name, value] : request.headers) {
-      if (!isPseudoHeader(name)) recorded.headers.emplace_back(name, value);
+      if (!isPseudoHeader(name)) {
+        recorded.headers.emplace_back(name, value);
+      }
     }
     recorded.body = request.body;
     recorded.remotePort = request.remote_port;
@@ -126,10 +142,14 @@ TestServer::~TestServer() {
 
 void TestServer::start() {
   port_ = server_->bind_to_any_port("127.0.0.1");
-  if (port_ < 0) throw std::runtime_error("the test server cannot bind");
+  if (port_ < 0) {
+    throw std::runtime_error("the test server cannot bind");
+  }
   thread_ = std::thread([this] { server_->listen_after_bind(); });
   // The socket already listens; waiting for the accept loop keeps stop() from racing it.
-  while (!server_->is_running()) std::this_thread::yield();
+  while (!server_->is_running()) {
+    std::this_thread::yield();
+  }
 }
 
 void TestServer::stop() {
@@ -145,7 +165,7 @@ void TestServer::stop() {
 }
 
 std::string TestServer::baseURL() const {
-  return (scheme_ == Scheme::http ? "http://127.0.0.1:" : "https://127.0.0.1:") +
+  return (scheme_ == Scheme::Http ? "http://127.0.0.1:" : "https://127.0.0.1:") +
          std::to_string(port_);
 }
 

@@ -54,12 +54,12 @@ struct ScriptedResponse {
 // then from a handler, else with 200 "{}". All members are thread-safe.
 class TestServer {
  public:
-  enum class Scheme { http, https };
+  enum class Scheme { Http, Https };
   using Handler = std::function<ScriptedResponse(const RecordedRequest&)>;
 
   // https: serves TLS with a self-signed certificate for 127.0.0.1, made for this server in a
   // temporary directory that is removed with it.
-  explicit TestServer(Scheme scheme = Scheme::http);
+  explicit TestServer(Scheme scheme = Scheme::Http);
   ~TestServer();
   TestServer(const TestServer&) = delete;
   TestServer& operator=(const TestServer&) = delete;
@@ -127,7 +127,7 @@ class RefusingPort {
 // Fixture: a plain HTTP TestServer started in SetUp and stopped in TearDown.
 class TestServerFixture : public ::testing::Test {
  protected:
-  TestServerFixture() : server_(TestServer::Scheme::http) {}
+  TestServerFixture() : server_(TestServer::Scheme::Http) {}
   explicit TestServerFixture(TestServer::Scheme scheme) : server_(scheme) {}
   void SetUp() override { server_.start(); }
   void TearDown() override { server_.stop(); }
@@ -138,7 +138,7 @@ class TestServerFixture : public ::testing::Test {
 // Fixture: the same over HTTPS with a self-signed certificate.
 class HttpsTestServerFixture : public TestServerFixture {
  protected:
-  HttpsTestServerFixture() : TestServerFixture(TestServer::Scheme::https) {}
+  HttpsTestServerFixture() : TestServerFixture(TestServer::Scheme::Https) {}
 };
 
 }  // namespace lumo::test

@@ -30,25 +30,33 @@ CheckSettings CheckSettings::copyWith(Change&& change) const {
 
 CheckSettings CheckSettings::ignore(const std::vector<Region>& regions) const {
   return copyWith([&](CheckSettings& c) {
-    for (const auto& region : regions) c.ignoreRegion(region);
+    for (const auto& region : regions) {
+      c.ignoreRegion(region);
+    }
   });
 }
 
 CheckSettings CheckSettings::layout(const std::vector<Region>& regions) const {
   return copyWith([&](CheckSettings& c) {
-    for (const auto& region : regions) c.layoutRegion(region);
+    for (const auto& region : regions) {
+      c.layoutRegion(region);
+    }
   });
 }
 
 CheckSettings CheckSettings::strict(const std::vector<Region>& regions) const {
   return copyWith([&](CheckSettings& c) {
-    for (const auto& region : regions) c.strictRegion(region);
+    for (const auto& region : regions) {
+      c.strictRegion(region);
+    }
   });
 }
 
 CheckSettings CheckSettings::content(const std::vector<Region>& regions) const {
   return copyWith([&](CheckSettings& c) {
-    for (const auto& region : regions) c.contentRegion(region);
+    for (const auto& region : regions) {
+      c.contentRegion(region);
+    }
   });
 }
 

@@ -1,7 +1,7 @@
 #include "core/fluent/region_filter.h"
 
-#include "common/truncation.h"
 #include "common/argument_guard.h"
+#include "common/truncation.h"
 
 namespace lumo {
 namespace {
@@ -21,7 +21,9 @@ std::shared_ptr<Region> RegionFilter::filterRegion(const std::shared_ptr<Region>
                                                    double statusBarHeight,
                                                    bool shouldCropStatusBar) {
   ArgumentGuard::notNil(region, "region");
-  if (!shifts(statusBarHeight, shouldCropStatusBar)) return region;
+  if (!shifts(statusBarHeight, shouldCropStatusBar)) {
+    return region;
+  }
   return std::make_shared<Region>(region->left(), shiftedTop(region->top(), statusBarHeight),
                                   region->width(), region->height());
 }
@@ -30,7 +32,9 @@ std::shared_ptr<FloatingMatchSettings> RegionFilter::filterFloatingRegion(
     const std::shared_ptr<FloatingMatchSettings>& region, double statusBarHeight,
     bool shouldCropStatusBar) {
   ArgumentGuard::notNil(region, "region");
-  if (!shifts(statusBarHeight, shouldCropStatusBar)) return region;
+  if (!shifts(statusBarHeight, shouldCropStatusBar)) {
+    return region;
+  }
   return std::make_shared<FloatingMatchSettings>(
       region->left(), shiftedTop(region->top(), statusBarHeight), region->width(), region->height(),
       region->maxUpOffset(), region->maxDownOffset(), region->maxLeftOffset(),
