@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <cstdlib>
 #include <mutex>
@@ -105,7 +106,8 @@ struct Server::Impl {
   std::string baseUrl() const {
     const std::string& host = config.host;
     const bool ipv6 = host.find(':') != std::string::npos;
-    return fmt::format("{}://{}{}{}:{}", scheme(), ipv6 ? "[" : "", host, ipv6 ? "]" : "", port);
+    return fmt::format("{}://{}{}{}:{}", scheme(), ipv6 ? "[" : "", host, ipv6 ? "]" : "",
+                       port.load());
   }
 
   // Links come from the configuration only: a Host header is the client's to choose, and
@@ -264,7 +266,8 @@ struct Server::Impl {
   std::unique_ptr<detail::ReviewPages> pages;
   detail::HttpRouter router;
   std::unique_ptr<detail::HttpFront> front;
-  int port = -1;
+  // Set once the front is bound, which is after its workers may already answer requests.
+  std::atomic<int> port{-1};
 
   std::mutex control;  // serialises start and stop
   std::mutex stateMutex;
