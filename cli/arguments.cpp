@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <CLI/CLI.hpp>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -160,6 +161,24 @@ MatchLevel parseMatchLevel(std::string_view option, std::string_view text) {
     }
   }
   fail(option, text, "None, Layout, Content, Strict or Exact");
+}
+
+void addRegionOptions(CLI::App& command, RegionTexts& texts, std::string_view unit) {
+  const std::string in = fmt::format(", in {} (repeatable)", unit);
+  const std::pair<const char*, std::vector<std::string>*> plain[] = {{"--ignore", &texts.ignore},
+                                                                     {"--layout", &texts.layout},
+                                                                     {"--strict", &texts.strict},
+                                                                     {"--content", &texts.content}};
+  const char* what[] = {"Region to ignore", "Region compared by layout", "Region compared strictly",
+                        "Region compared by content"};
+  for (std::size_t i = 0; i < std::size(plain); ++i) {
+    command.add_option(plain[i].first, *plain[i].second, what[i] + in)
+        ->allow_extra_args(false)
+        ->type_name("L,T,W,H");
+  }
+  command.add_option("--floating", texts.floating, "Region whose content may move" + in)
+      ->allow_extra_args(false)
+      ->type_name("L,T,W,H,UP,DOWN,LEFT,RIGHT");
 }
 
 }  // namespace lumo::cli

@@ -4,12 +4,26 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "lumo/geometry.h"
 #include "lumo/match_level.h"
 #include "lumo/region.h"
 
+namespace CLI {
+class App;
+}
+
 namespace lumo::cli {
+
+// The texts of the region options `check` and `compare` share, one per occurrence.
+struct RegionTexts {
+  std::vector<std::string> ignore, layout, strict, content, floating;
+};
+
+// Declares --ignore, --layout, --strict, --content and --floating on `command`, each
+// repeatable; `unit` ("points" or "pixels") is what their numbers count.
+void addRegionOptions(CLI::App& command, RegionTexts& texts, std::string_view unit);
 
 // A floating region with how far its content may move each way (in points).
 struct FloatingArgument {

@@ -40,21 +40,7 @@ CheckCommand::CheckCommand(CLI::App& parent) {
       ->type_name("SECONDS");
   c->add_option("--region", region_, "Check only this region of every screen")
       ->type_name("L,T,W,H");
-  c->add_option("--ignore", ignore_, "Region to ignore (repeatable)")
-      ->allow_extra_args(false)
-      ->type_name("L,T,W,H");
-  c->add_option("--layout", layout_, "Region compared by layout (repeatable)")
-      ->allow_extra_args(false)
-      ->type_name("L,T,W,H");
-  c->add_option("--strict", strict_, "Region compared strictly (repeatable)")
-      ->allow_extra_args(false)
-      ->type_name("L,T,W,H");
-  c->add_option("--content", content_, "Region compared by content (repeatable)")
-      ->allow_extra_args(false)
-      ->type_name("L,T,W,H");
-  c->add_option("--floating", floating_, "Region whose content may move (repeatable)")
-      ->allow_extra_args(false)
-      ->type_name("L,T,W,H,UP,DOWN,LEFT,RIGHT");
+  addRegionOptions(*c, regions_, "points");
   c->add_option("--scale", scale_, "Pixels per point of the screenshots (default 1)")
       ->type_name("RATIO");
   c->add_option("--status-bar-height", statusBarHeight_, "Status bar height in points")
@@ -133,19 +119,19 @@ CheckOptions CheckCommand::options() const {
   if (given("--region")) {
     o.targetRegion = parseRegion("--region", region_);
   }
-  for (const auto& r : ignore_) {
+  for (const auto& r : regions_.ignore) {
     o.ignore.push_back(parseRegion("--ignore", r));
   }
-  for (const auto& r : layout_) {
+  for (const auto& r : regions_.layout) {
     o.layout.push_back(parseRegion("--layout", r));
   }
-  for (const auto& r : strict_) {
+  for (const auto& r : regions_.strict) {
     o.strict.push_back(parseRegion("--strict", r));
   }
-  for (const auto& r : content_) {
+  for (const auto& r : regions_.content) {
     o.content.push_back(parseRegion("--content", r));
   }
-  for (const auto& f : floating_) {
+  for (const auto& f : regions_.floating) {
     o.floating.push_back(parseFloating("--floating", f));
   }
   if (given("--scale")) {

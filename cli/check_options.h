@@ -80,7 +80,8 @@ class CheckCommand {
  private:
   CLI::App* command_;
   std::string server_, app_, test_, apiKey_, viewport_, matchLevel_, matchTimeout_, region_;
-  std::vector<std::string> ignore_, layout_, strict_, content_, floating_, properties_;
+  RegionTexts regions_;
+  std::vector<std::string> properties_;
   std::string scale_, statusBarHeight_;
   bool cropStatusBar_ = false;
   std::string batch_, branch_, parentBranch_, baselineBranch_, baselineEnv_;

@@ -80,21 +80,7 @@ CompareCommand::CompareCommand(CLI::App& parent) {
   command_ = c;
   c->add_option("--match-level", matchLevel_, "None, Layout, Content, Strict (default) or Exact")
       ->type_name("LEVEL");
-  c->add_option("--ignore", ignore_, "Region to ignore, in pixels (repeatable)")
-      ->allow_extra_args(false)
-      ->type_name("L,T,W,H");
-  c->add_option("--layout", layout_, "Region compared by layout (repeatable)")
-      ->allow_extra_args(false)
-      ->type_name("L,T,W,H");
-  c->add_option("--strict", strict_, "Region compared strictly (repeatable)")
-      ->allow_extra_args(false)
-      ->type_name("L,T,W,H");
-  c->add_option("--content", content_, "Region compared by content (repeatable)")
-      ->allow_extra_args(false)
-      ->type_name("L,T,W,H");
-  c->add_option("--floating", floating_, "Region whose content may move (repeatable)")
-      ->allow_extra_args(false)
-      ->type_name("L,T,W,H,UP,DOWN,LEFT,RIGHT");
+  addRegionOptions(*c, regions_, "pixels");
   c->add_flag("--ignore-caret", ignoreCaret_, "A text caret in one image only does not count");
   c->add_option("--diff", diff_, "Write an image of the differences here")->type_name("OUT.png");
   c->add_flag("--json", json_, "Print the verdict, counts and difference boxes as JSON");
@@ -116,19 +102,19 @@ CompareOptions CompareCommand::options() const {
         matchLevelToString(parseMatchLevel("--match-level", matchLevel_)));
     o.settings.level = level.value_or(MatchLevel::Strict);
   }
-  for (const auto& r : ignore_) {
+  for (const auto& r : regions_.ignore) {
     o.settings.ignore.push_back(pixels(parseRegion("--ignore", r)));
   }
-  for (const auto& r : layout_) {
+  for (const auto& r : regions_.layout) {
     o.settings.layout.push_back(pixels(parseRegion("--layout", r)));
   }
-  for (const auto& r : strict_) {
+  for (const auto& r : regions_.strict) {
     o.settings.strict.push_back(pixels(parseRegion("--strict", r)));
   }
-  for (const auto& r : content_) {
+  for (const auto& r : regions_.content) {
     o.settings.content.push_back(pixels(parseRegion("--content", r)));
   }
-  for (const auto& text : floating_) {
+  for (const auto& text : regions_.floating) {
     const FloatingArgument f = parseFloating("--floating", text);
     o.settings.floating.push_back({pixels(f.region), narrow(f.maxUp), narrow(f.maxDown),
                                    narrow(f.maxLeft), narrow(f.maxRight)});

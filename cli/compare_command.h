@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "arguments.h"
 #include "lumo/server/image_comparer.h"
 
 namespace CLI {
@@ -39,7 +40,7 @@ class CompareCommand {
  private:
   CLI::App* command_;
   std::string matchLevel_;
-  std::vector<std::string> ignore_, layout_, strict_, content_, floating_;
+  RegionTexts regions_;
   bool ignoreCaret_ = false;
   std::string diff_;
   bool json_ = false;

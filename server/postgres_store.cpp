@@ -7,6 +7,7 @@
 #include "content_hash.h"
 #include "postgres_pool.h"
 #include "step_boxes.h"
+#include "store_columns.h"
 
 namespace lumo::server {
 namespace {
@@ -100,20 +101,9 @@ constexpr std::int64_t kMigrationLock = 0x6c756d6f5f736368;  // "lumo_sch"
 
 constexpr int kAttempts = 5;
 
-constexpr const char* kSessionColumns =
-    "id, batch_id, app, test, environment, branch, baseline_branch, start_info, started_at, "
-    "started_ms, state, status, is_new, saved, duration_ms, owner, step_count, last_active_ms, "
-    "expired, rejected";
-
-constexpr const char* kStepColumns =
-    "position, name, outcome, match_level, baseline_image, current_image, diff_image, rejected, "
-    "boxes";
-
-std::int64_t nowMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
+using detail::kSessionColumns;
+using detail::kStepColumns;
+using detail::nowMs;
 
 SessionRecord readSession(const PostgresResult& r, int row) {
   SessionRecord s;

@@ -19,6 +19,7 @@
 #include "json_limits.h"
 #include "lumo/detail/json.h"
 #include "step_boxes.h"
+#include "store_columns.h"
 
 namespace lumo::server {
 namespace {
@@ -102,20 +103,9 @@ UPDATE sessions SET step_count = (SELECT COUNT(*) FROM steps WHERE steps.session
     "ALTER TABLE steps ADD COLUMN boxes TEXT NOT NULL DEFAULT '[]';",
 };
 
-constexpr const char* kSessionColumns =
-    "id, batch_id, app, test, environment, branch, baseline_branch, start_info, started_at, "
-    "started_ms, state, status, is_new, saved, duration_ms, owner, step_count, last_active_ms, "
-    "expired, rejected";
-
-constexpr const char* kStepColumns =
-    "position, name, outcome, match_level, baseline_image, current_image, diff_image, rejected, "
-    "boxes";
-
-std::int64_t nowMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
+using detail::kSessionColumns;
+using detail::kStepColumns;
+using detail::nowMs;
 
 [[noreturn]] void fail(const std::string& what) { throw StoreError(what); }
 
