@@ -13,7 +13,7 @@
 
 #include "lumo/detail/json.h"
 #include "lumo/image.h"
-#include "lumo/server/baseline_store.h"
+#include "lumo/server/sqlite_store.h"
 #include "lumo/server/session_manager.h"
 #include "platform/base64.h"
 #include "platform/png.h"
@@ -61,7 +61,7 @@ class ServerFixture {
   ServerFixture() {
     std::string pattern = (std::filesystem::temp_directory_path() / "lumo-fuzz-XXXXXX").string();
     directory_ = mkdtemp(pattern.data());
-    store_ = std::make_unique<server::BaselineStore>(directory_);
+    store_ = std::make_unique<server::SqliteStore>(directory_);
     // Far below the shipped bound, so that a header claiming a huge image costs nothing.
     sessions_ =
         std::make_unique<server::SessionManager>(*store_, server::ImageComparer(), 1u << 20);
@@ -74,7 +74,7 @@ class ServerFixture {
   }
 
   std::filesystem::path directory_;
-  std::unique_ptr<server::BaselineStore> store_;
+  std::unique_ptr<server::SqliteStore> store_;
   std::unique_ptr<server::SessionManager> sessions_;
 };
 

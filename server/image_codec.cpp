@@ -64,7 +64,8 @@ bool decodeBase64InPlace(std::string& text) {
   const std::size_t rest = in;
   try {
     const std::vector<std::uint8_t> tail = base64Decode(std::string_view(data + rest, size - rest));
-    std::memcpy(data + out, tail.data(), tail.size());
+    // std::copy, not memcpy: an empty tail has no data pointer to pass.
+    std::copy(tail.begin(), tail.end(), data + out);
     out += tail.size();
   } catch (const std::invalid_argument&) {
     return false;
