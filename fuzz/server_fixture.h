@@ -13,8 +13,8 @@
 
 #include "lumo/detail/json.h"
 #include "lumo/image.h"
-#include "lumo/server/sqlite_store.h"
 #include "lumo/server/session_manager.h"
+#include "lumo/server/sqlite_store.h"
 #include "platform/base64.h"
 #include "platform/png.h"
 

@@ -9,20 +9,6 @@
 namespace lumo::server::detail {
 namespace {
 
-struct Bounds {
-  int left = 0, top = 0, right = -1, bottom = -1;  // inclusive; empty while right < left
-
-  bool empty() const { return right < left; }
-  void add(const Bounds& o) {
-    if (empty()) {
-      *this = o;
-      return;
-    }
-    left = std::min(left, o.left), right = std::max(right, o.right);
-    top = std::min(top, o.top), bottom = std::max(bottom, o.bottom);
-  }
-};
-
 // A byte of 8 marks has bit 1 set exactly where a pixel is marked kDiffers.
 constexpr std::uint64_t kDiffersBits = 0x0202020202020202ull;
 static_assert(kDiffers == 2 && kTolerated == 1);
@@ -33,14 +19,14 @@ std::vector<Rect> differenceBoxes(const std::uint8_t* marks, const std::uint8_t*
                                   int width, int height, int gap) {
   const int cell = std::max(gap, 1);
   const int gridW = (width + cell - 1) / cell, gridH = (height + cell - 1) / cell;
-  std::vector<Bounds> cells(static_cast<std::size_t>(gridW) * gridH);
+  std::vector<CellBounds> cells(static_cast<std::size_t>(gridW) * gridH);
   bool any = false;
   for (int y = 0; y < height; ++y) {
     if (!rowMarked[y]) {
       continue;
     }
     const std::uint8_t* row = marks + static_cast<std::size_t>(y) * width;
-    Bounds* gridRow = cells.data() + static_cast<std::size_t>(y / cell) * gridW;
+    CellBounds* gridRow = cells.data() + static_cast<std::size_t>(y / cell) * gridW;
     int x = 0;
     while (x < width) {
       // Eight marks at a time: on a changed screen whole rows are marked, and on a small
@@ -63,7 +49,7 @@ std::vector<Rect> differenceBoxes(const std::uint8_t* marks, const std::uint8_t*
               last = i;
             }
           }
-          Bounds& b = gridRow[first / cell];
+          CellBounds& b = gridRow[first / cell];
           b.add({first, y, last, y});
           any = true;
           const int consumed = cellEnd - x;
@@ -79,18 +65,21 @@ std::vector<Rect> differenceBoxes(const std::uint8_t* marks, const std::uint8_t*
       ++x;
     }
   }
-  std::vector<Rect> boxes;
   if (!any) {
-    return boxes;
+    return {};
   }
-  // Occupied cells that touch, corners included, form one cluster.
+  return mergeTouchingCells(cells, gridW, gridH);
+}
+
+std::vector<Rect> mergeTouchingCells(const std::vector<CellBounds>& cells, int gridW, int gridH) {
+  std::vector<Rect> boxes;
   std::vector<char> seen(cells.size(), 0);
   std::vector<int> stack;
   for (std::size_t start = 0; start < cells.size(); ++start) {
     if (seen[start] || cells[start].empty()) {
       continue;
     }
-    Bounds box = cells[start];
+    CellBounds box = cells[start];
     seen[start] = 1;
     stack.assign(1, static_cast<int>(start));
     while (!stack.empty()) {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "difference_boxes.h"
+
 namespace lumo::server::detail {
 namespace {
 
@@ -85,57 +87,18 @@ std::vector<Rect> layoutElements(const std::vector<std::uint8_t>& edges, int wid
                                  const LevelMap& map, int cell) {
   cell = std::max(cell, 1);
   const int gridW = (width + cell - 1) / cell, gridH = (height + cell - 1) / cell;
-  struct Bounds {
-    int left = 0, top = 0, right = -1, bottom = -1;  // inclusive; empty while right < left
-  };
-  std::vector<Bounds> cells(static_cast<std::size_t>(gridW) * gridH);
+  std::vector<CellBounds> cells(static_cast<std::size_t>(gridW) * gridH);
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width; ++x) {
       const std::size_t index = static_cast<std::size_t>(y) * width + x;
       if (edges[index] != kEdge || map.at(index) != kAtLayout) {
         continue;
       }
-      Bounds& b = cells[static_cast<std::size_t>(y / cell) * gridW + x / cell];
-      if (b.right < b.left) {
-        b = {x, y, x, y};
-      } else {
-        b.left = std::min(b.left, x), b.right = std::max(b.right, x);
-        b.top = std::min(b.top, y), b.bottom = std::max(b.bottom, y);
-      }
+      cells[static_cast<std::size_t>(y / cell) * gridW + x / cell].add({x, y, x, y});
     }
   }
   // Occupied cells that touch, corners included, form one element.
-  std::vector<Rect> elements;
-  std::vector<char> seen(cells.size(), 0);
-  std::vector<int> stack;
-  for (std::size_t start = 0; start < cells.size(); ++start) {
-    if (seen[start] || cells[start].right < cells[start].left) {
-      continue;
-    }
-    Bounds box = cells[start];
-    seen[start] = 1;
-    stack.assign(1, static_cast<int>(start));
-    while (!stack.empty()) {
-      const int current = stack.back();
-      stack.pop_back();
-      const int cx = current % gridW, cy = current / gridW;
-      for (int ny = std::max(cy - 1, 0); ny <= std::min(cy + 1, gridH - 1); ++ny) {
-        for (int nx = std::max(cx - 1, 0); nx <= std::min(cx + 1, gridW - 1); ++nx) {
-          const int n = ny * gridW + nx;
-          const Bounds& b = cells[n];
-          if (seen[n] || b.right < b.left) {
-            continue;
-          }
-          seen[n] = 1;
-          box.left = std::min(box.left, b.left), box.right = std::max(box.right, b.right);
-          box.top = std::min(box.top, b.top), box.bottom = std::max(box.bottom, b.bottom);
-          stack.push_back(n);
-        }
-      }
-    }
-    elements.push_back({box.left, box.top, box.right - box.left + 1, box.bottom - box.top + 1});
-  }
-  return elements;
+  return mergeTouchingCells(cells, gridW, gridH);
 }
 
 std::vector<Rect> unmatchedElements(const std::vector<Rect>& a, const std::vector<Rect>& b,
