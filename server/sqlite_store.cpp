@@ -357,7 +357,9 @@ std::string SqliteStore::putImage(std::string_view png) {
   // for the row that makes it matter (syncImages), off the checkpoint's answer path.
   thread_local std::mt19937_64 random{std::random_device{}()};
   std::filesystem::path temp = path;
-  temp += "." + std::to_string(random()) + std::string(kTempSuffix);
+  temp += '.';
+  temp += std::to_string(random());
+  temp += kTempSuffix;
   const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   if (fd < 0) {
     failErrno("cannot create", temp);
