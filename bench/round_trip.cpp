@@ -24,6 +24,7 @@
 
 #include "common/match_window_data.h"
 #include "common/scaled_screenshot.h"
+#include "content_hash.h"
 #include "image_codec.h"
 #include "json_limits.h"
 #include "lumo/check_settings.h"
@@ -230,7 +231,7 @@ ClientPhases clientPhases(lumo::ScreenshotSource& source) {
 // The server's units one at a time, on the bytes the client sends: base64 and PNG decode,
 // baseline load (read and decode), compare, the diff image, and the store's writes.
 struct ServerPhases {
-  Timing parse, base64, decode, baselineLoad, compareMatching, compareChanged;
+  Timing parse, base64, hash, decode, baselineLoad, compareMatching, verdictChanged, compareChanged;
   Timing diffImage, diffEncode, putImage, addStep;
 };
 
@@ -242,6 +243,7 @@ ServerPhases serverPhases(const std::string& body, const std::string& sent64, co
   std::optional<std::string> png;
   phases.base64 = timed([&] { png = server::detail::decodeBase64(sent64); });
   std::optional<Image> current;
+  phases.hash = timed([&] { keep(server::detail::sha256Hex(*png)); });
   phases.decode = timed([&] { current = server::detail::decodePngImage(*png); });
 
   server::SqliteStore store(dir);
@@ -254,6 +256,7 @@ ServerPhases serverPhases(const std::string& body, const std::string& sent64, co
   const server::CompareSettings settings;
   server::CompareResult same, different;
   phases.compareMatching = timed([&] { same = comparer.compare(*baseline, *current, settings); });
+  phases.verdictChanged = timed([&] { keep(comparer.verdict(*baseline, changed, settings)); });
   phases.compareChanged =
       timed([&] { different = comparer.compare(*baseline, changed, settings); });
   Image diff;
@@ -330,6 +333,8 @@ int main(int argc, char** argv) {
                                std::filesystem::copy_options::overwrite_existing);
   }
 
+  // As `lumo server` does.
+  lumo::server::keepFreedMemoryForReuse();
   lumo::server::ServerConfig config;
   config.dataDir = dir.path() / "data";
   lumo::server::Server server(config);
@@ -383,12 +388,14 @@ int main(int argc, char** argv) {
   std::printf("%-34s %8s %8s\n", "server, each unit on its own", "wall", "cpu");
   row("request body JSON parse", side.parse, "(screenshot lifted out)");
   row("base64 decode", side.base64);
-  row("PNG decode", side.decode);
+  row("SHA-256 of the PNG", side.hash, "(same bytes as the baseline: matched here)");
+  row("PNG decode", side.decode, "(other bytes)");
   row("baseline load (read + decode)", side.baselineLoad);
   row("compare, matching", side.compareMatching);
-  row("compare, changed", side.compareChanged);
-  row("diff image", side.diffImage);
-  row("diff PNG encode", side.diffEncode);
+  row("compare, changed: verdict", side.verdictChanged, "(stops at the first difference)");
+  row("compare, changed: whole", side.compareChanged, "(after the answer)");
+  row("diff image", side.diffImage, "(after the answer)");
+  row("diff PNG encode", side.diffEncode, "(after the answer)");
   row("store image (synced at stop)", side.putImage);
   row("store step row", side.addStep);
   row("whole check, matching", matchingCheck);

@@ -151,6 +151,7 @@ int runServer(const ServerOptions& o, std::ostream& out, std::ostream& err,
   if (!waitUntilStopped) {
     blockStopSignals();
   }
+  lumo::server::keepFreedMemoryForReuse();
   lumo::server::Server server(config);
   try {
     server.start();

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -190,6 +191,16 @@ ImageComparer::ImageComparer(ComparerOptions options) : options_(options) {}
 
 CompareResult ImageComparer::compare(const Image& baseline, const Image& current,
                                      const CompareSettings& settings) const {
+  return compare(baseline, current, settings, false);
+}
+
+CompareResult ImageComparer::verdict(const Image& baseline, const Image& current,
+                                     const CompareSettings& settings) const {
+  return compare(baseline, current, settings, true);
+}
+
+CompareResult ImageComparer::compare(const Image& baseline, const Image& current,
+                                     const CompareSettings& settings, bool verdictOnly) const {
   CompareResult result;
   const bool regions = hasRegions(settings);
   if (settings.level == MatchLevel::None && !regions) {
@@ -257,8 +268,16 @@ CompareResult ImageComparer::compare(const Image& baseline, const Image& current
   std::vector<std::uint8_t> rowMarked(static_cast<std::size_t>(height), 0);
   MarkCounts counts;
   if (atPixels) {
+    std::atomic<bool> differs{false};
     counts += detail::scanPixels(baseline, current, maxDelta, map, options_.threads, marks.get(),
-                                 rowMarked.data());
+                                 rowMarked.data(), verdictOnly ? &differs : nullptr);
+    if (differs) {
+      result.matches = false;
+      result.complete = false;
+      result.differentPixels = counts.differing;
+      result.toleratedPixels = counts.tolerated;
+      return result;
+    }
   }
   if (atContent || atLayout) {
     const auto edgesA = detail::edgeMap(baseline, options_.edgeThreshold);

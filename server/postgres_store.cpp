@@ -472,6 +472,19 @@ Store::Append PostgresStore::appendStep(const std::string& sessionId, const Step
   });
 }
 
+void PostgresStore::completeStep(const std::string& sessionId, int position,
+                                 const std::string& diffImage, const std::vector<Rect>& boxes) {
+  transaction(Commit::Unflushed, [&](PostgresConnection& db) {
+    db.run("UPDATE steps SET diff_image = $1, boxes = $2 WHERE session_id = $3 AND position = $4",
+           PostgresParams()
+               .text(diffImage)
+               .text(detail::boxesToJson(boxes))
+               .text(sessionId)
+               .integer(position));
+    return true;
+  });
+}
+
 void PostgresStore::touchSession(const std::string& sessionId, std::int64_t nowMs) {
   transaction(Commit::Unflushed, [&](PostgresConnection& db) {
     db.run(

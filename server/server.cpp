@@ -1,5 +1,9 @@
 #include "lumo/server/server.h"
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -18,6 +22,15 @@
 #include "review_pages.h"
 
 namespace lumo::server {
+
+void keepFreedMemoryForReuse() {
+#ifdef __GLIBC__
+  // Buffers up to 32 MB (a decoded screen of 8 megapixels) come from the heap, and up to
+  // 256 MB of free heap stays mapped.
+  mallopt(M_MMAP_THRESHOLD, 32 << 20);
+  mallopt(M_TRIM_THRESHOLD, 256 << 20);
+#endif
+}
 namespace {
 
 using detail::Access;

@@ -14,6 +14,7 @@
 #include "json_limits.h"
 #include "session_input.h"
 #include "session_results.h"
+#include "step_finisher.h"
 
 namespace lumo::server {
 
@@ -89,9 +90,25 @@ SessionManager::SessionManager(Store& store, ImageComparer comparer, std::uint64
       comparer_(std::move(comparer)),
       maxImagePixels_(maxImagePixels),
       options_(std::move(options)),
-      cache_(std::make_unique<detail::BaselineCache>(options_.baselineCacheBytes)) {}
+      cache_(std::make_unique<detail::BaselineCache>(options_.baselineCacheBytes)),
+      finisher_(std::make_unique<detail::StepFinisher>()) {}
 
 SessionManager::~SessionManager() = default;
+
+void SessionManager::finishLater(const std::string& sessionId, std::function<void()> work) {
+  auto guarded = [sessionId, work = std::move(work)] {
+    try {
+      work();
+    } catch (const std::exception& e) {
+      // The verdict is recorded already; a page will show the step without its differences.
+      fmt::print(stderr, "lumo server: the differences of a step of session {} were lost: {}\n",
+                 sessionId, e.what());
+    }
+  };
+  if (!finisher_->tryPost(sessionId, guarded)) {
+    guarded();
+  }
+}
 
 std::int64_t SessionManager::nowMs() const { return unixMs(options_.clock()); }
 
@@ -222,9 +239,11 @@ bool SessionManager::match(const std::string& sessionId, Json matchData, std::st
     badRequest("options.imageMatchSettings must be an object");
   }
 
-  // Decode before taking the session: bad input must be refused without touching it.
+  // Checked before taking the session: bad input must be refused without touching it. The
+  // pixels are decoded only when a comparison needs them: a screen sent as the same bytes as
+  // its baseline matches as it is, at every level.
   std::optional<std::string> png;
-  std::optional<Image> current;
+  std::string currentHash;
   if (const Json* shot = member(appOutput, "screenshot64"); shot && !shot->is_string()) {
     badRequest("appOutput.screenshot64 must be a string");
   } else if (shot && !shot->get_ref<const std::string&>().empty()) {
@@ -241,14 +260,22 @@ bool SessionManager::match(const std::string& sessionId, Json matchData, std::st
       throw ApiError(413, fmt::format("the screenshot of {}x{} pixels is over the limit of {}",
                                       size->first, size->second, maxImagePixels_));
     }
-    current = detail::decodePngImage(*png, maxImagePixels_);
-    if (!current) {
-      badRequest("appOutput.screenshot64 is not a valid PNG image");
-    }
+    currentHash = detail::sha256Hex(*png);
   }
+  std::shared_ptr<const Image> current;
+  auto decoded = [&]() -> std::shared_ptr<const Image> {
+    if (!current) {
+      auto image = detail::decodePngImage(*png, maxImagePixels_);
+      if (!image) {
+        badRequest("appOutput.screenshot64 is not a valid PNG image");
+      }
+      current = std::make_shared<const Image>(std::move(*image));
+    }
+    return current;
+  };
 
   std::lock_guard lock(lockOf(sessionId));
-  std::string currentHash;
+  bool stored = false;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     const SessionRecord r = runningSession(sessionId, apiKey);
     const CompareSettings defaults = defaultsOf(r);
@@ -270,22 +297,31 @@ bool SessionManager::match(const std::string& sessionId, Json matchData, std::st
       step.baselineImage = baselineSteps[position].image;
     }
     auto storeCurrent = [&] {
-      if (currentHash.empty()) {
+      if (!stored && currentHash != step.baselineImage) {
         currentHash = store_.putImage(*png);
+        stored = true;
       }
       step.currentImage = currentHash;
     };
 
     bool asExpected = false;
     bool recorded = true;
-    if (!current) {
+    // Set when the step's diff image and boxes are left to finish after the answer.
+    std::function<void()> finish;
+    if (!png) {
       // The client had no screenshot to send: the step cannot be judged.
       step.outcome = StepOutcome::Failed;
       recorded = !ignoreMismatch;
     } else if (!hasBaseline) {
+      decoded();  // a new baseline must be an image the server can read
       storeCurrent();
       step.outcome = StepOutcome::New;
       asExpected = true;
+    } else if (currentHash == step.baselineImage) {
+      asExpected = forceMatch || !forceMismatch;
+      recorded = asExpected || !ignoreMismatch;
+      storeCurrent();
+      step.outcome = asExpected ? StepOutcome::Matched : StepOutcome::Different;
     } else {
       const std::shared_ptr<const Image> baseline =
           cache_->get(step.baselineImage, [&]() -> std::shared_ptr<const Image> {
@@ -294,25 +330,33 @@ bool SessionManager::match(const std::string& sessionId, Json matchData, std::st
             return image ? std::make_shared<const Image>(std::move(*image)) : nullptr;
           });
       if (!baseline) {
+        decoded();
         step.outcome = StepOutcome::Failed;
         recorded = !ignoreMismatch;
         if (recorded) {
           storeCurrent();
         }
       } else {
-        const CompareResult result = comparer_.compare(*baseline, *current, settings);
+        CompareResult result = comparer_.verdict(*baseline, *decoded(), settings);
         asExpected = forceMatch || (result.matches && !forceMismatch);
         recorded = asExpected || !ignoreMismatch;
         if (recorded) {
           storeCurrent();
+          step.boxes = result.boxes;
+          step.outcome = asExpected ? StepOutcome::Matched : StepOutcome::Different;
           // A step with nothing to show needs no differences image: drawing and encoding one
           // costs more than the whole comparison of two identical screens.
           if (!identical(result)) {
-            step.diffImage = store_.putImage(
-                detail::encodePngImage(comparer_.diffImage(*baseline, *current, settings, result)));
+            finish = [this, sessionId, position, baseline, image = current, settings,
+                      result = std::move(result)]() mutable {
+              if (!result.complete) {
+                result = comparer_.compare(*baseline, *image, settings);
+              }
+              const std::string diff = store_.putImage(
+                  detail::encodePngImage(comparer_.diffImage(*baseline, *image, settings, result)));
+              store_.completeStep(sessionId, position, diff, result.boxes);
+            };
           }
-          step.boxes = result.boxes;
-          step.outcome = asExpected ? StepOutcome::Matched : StepOutcome::Different;
         }
       }
     }
@@ -326,6 +370,9 @@ bool SessionManager::match(const std::string& sessionId, Json matchData, std::st
     }
     switch (store_.appendStep(sessionId, step, now)) {
       case Store::Append::Appended:
+        if (finish) {
+          finishLater(sessionId, std::move(finish));
+        }
         return asExpected;
       case Store::Append::NotRunning:
         notRunning(session(sessionId, apiKey));
@@ -340,6 +387,8 @@ bool SessionManager::match(const std::string& sessionId, Json matchData, std::st
 
 Json SessionManager::stop(const std::string& sessionId, bool aborted, bool updateBaseline,
                           std::string_view baseUrl, std::string_view apiKey) {
+  // The results name every step's diff image, and the stop makes them durable.
+  finisher_->waitFor(sessionId);
   std::lock_guard lock(lockOf(sessionId));
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     SessionRecord r = runningSession(sessionId, apiKey);

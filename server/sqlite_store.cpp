@@ -608,6 +608,16 @@ Store::Append SqliteStore::appendStep(const std::string& sessionId, const StepRe
   return Append::Appended;
 }
 
+void SqliteStore::completeStep(const std::string& sessionId, int position,
+                               const std::string& diffImage, const std::vector<Rect>& boxes) {
+  std::lock_guard lock(mutex_);
+  Statement update(db_,
+                   "UPDATE steps SET diff_image = ?, boxes = ? WHERE session_id = ? AND "
+                   "position = ?");
+  update.bind(1, diffImage).bind(2, detail::boxesToJson(boxes)).bind(3, sessionId);
+  update.bind(4, std::int64_t{position}).run();
+}
+
 void SqliteStore::touchSession(const std::string& sessionId, std::int64_t nowMs) {
   std::lock_guard lock(mutex_);
   Statement update(db_,

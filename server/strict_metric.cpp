@@ -187,13 +187,17 @@ bool isDrift(const Image& a, const Image& b, int x, int y) {
 }
 
 MarkCounts scanPixelRows(const Image& a, const Image& b, int y0, int y1, float maxDelta,
-                         const LevelMap& map, std::uint8_t* marks, std::uint8_t* rowMarked) {
+                         const LevelMap& map, std::uint8_t* marks, std::uint8_t* rowMarked,
+                         std::atomic<bool>* differs) {
   const int width = a.width(), height = a.height();
   const std::size_t stride = a.stride();
   const bool uniformExact = map.levels == nullptr && map.uniform == kAtExact;
   std::vector<float> deltas(uniformExact ? 0 : static_cast<std::size_t>(width));
   MarkCounts counts;
   for (int y = y0; y < y1; ++y) {
+    if (differs && differs->load(std::memory_order_relaxed)) {
+      break;
+    }
     const std::uint8_t* ra = a.row(y);
     const std::uint8_t* rb = b.row(y);
     // Screenshots of one screen share most rows byte for byte: settle those with one memcmp.
@@ -240,13 +244,17 @@ MarkCounts scanPixelRows(const Image& a, const Image& b, int y0, int y1, float m
     }
     if (!(counts == before)) {
       rowMarked[y] = 1;
+      if (differs && counts.differing > before.differing) {
+        differs->store(true, std::memory_order_relaxed);
+      }
     }
   }
   return counts;
 }
 
 MarkCounts scanPixels(const Image& a, const Image& b, float maxDelta, const LevelMap& map,
-                      int threads, std::uint8_t* marks, std::uint8_t* rowMarked) {
+                      int threads, std::uint8_t* marks, std::uint8_t* rowMarked,
+                      std::atomic<bool>* differs) {
   const std::size_t pixels = static_cast<std::size_t>(a.width()) * a.height();
   const int parts = static_cast<int>(std::clamp<std::size_t>(
       pixels / kMinPixelsPerThread, 1, static_cast<std::size_t>(std::max(threads, 1))));
@@ -256,10 +264,10 @@ MarkCounts scanPixels(const Image& a, const Image& b, float maxDelta, const Leve
   for (int part = 1; part < parts; ++part) {
     workers.emplace_back([&, part] {
       results[part] = scanPixelRows(a, b, height * part / parts, height * (part + 1) / parts,
-                                    maxDelta, map, marks, rowMarked);
+                                    maxDelta, map, marks, rowMarked, differs);
     });
   }
-  results[0] = scanPixelRows(a, b, 0, height / parts, maxDelta, map, marks, rowMarked);
+  results[0] = scanPixelRows(a, b, 0, height / parts, maxDelta, map, marks, rowMarked, differs);
   for (auto& worker : workers) {
     worker.join();
   }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -93,13 +94,17 @@ bool isDrift(const Image& a, const Image& b, int x, int y);
 // The Strict and Exact pass over rows [y0, y1) of two images of one size. Pixels at kAtExact
 // are marked kDiffers when any byte differs; pixels at kAtStrict when their colour distance
 // exceeds maxDelta, unless anti-aliasing or drift explains it (kTolerated). `marks` has a
-// byte per pixel, zero on entry; `rowMarked[y]` becomes 1 for rows with any mark.
+// byte per pixel, zero on entry; `rowMarked[y]` becomes 1 for rows with any mark. With
+// `differs` the scan is only for a verdict: it stops at the first differing pixel, sets the
+// flag, and stops too once another scan sharing the flag has set it.
 MarkCounts scanPixelRows(const Image& a, const Image& b, int y0, int y1, float maxDelta,
-                         const LevelMap& map, std::uint8_t* marks, std::uint8_t* rowMarked);
+                         const LevelMap& map, std::uint8_t* marks, std::uint8_t* rowMarked,
+                         std::atomic<bool>* differs = nullptr);
 
 // scanPixelRows over the whole image, split across up to `threads` threads for large images.
 MarkCounts scanPixels(const Image& a, const Image& b, float maxDelta, const LevelMap& map,
-                      int threads, std::uint8_t* marks, std::uint8_t* rowMarked);
+                      int threads, std::uint8_t* marks, std::uint8_t* rowMarked,
+                      std::atomic<bool>* differs = nullptr);
 
 // The same Strict verdicts computed the plain way: every pixel's colour distance and every
 // rule in turn, one thread, no shortcuts. The yardstick for the benchmark and the tests.

@@ -99,6 +99,7 @@ TEST(ImageComparer, JudgesEachKindOfChangeAtEachLevel) {
       CompareSettings settings = at(kLevels[i]);
       settings.ignoreCaret = change.ignoreCaret;
       const CompareResult result = ImageComparer().compare(baseScreen(), current, settings);
+      EXPECT_EQ(ImageComparer().verdict(baseScreen(), current, settings).matches, result.matches);
       EXPECT_EQ(result.matches, change.verdicts[i] == 'P')
           << change.name << " at " << matchLevelName(kLevels[i]) << ": " << result.differentPixels
           << " pixels differ, " << result.toleratedPixels << " tolerated, "

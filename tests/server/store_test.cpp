@@ -133,6 +133,7 @@ TEST_P(StoreTest, SessionsStepsAndBatchesSurviveReopening) {
     store->addSession(session("s2", "b1", 20), {});
     store->addSession(s1, {{"home", image}, {"cart", image}});
     EXPECT_EQ(store->appendStep("s1", step(0, "home", image), 50), Store::Append::Appended);
+    store->completeStep("s1", 0, image, {{1, 2, 3, 4}});
   }
   auto store = open();
   EXPECT_EQ(store->recentBatches(10).size(), 2u);
@@ -170,6 +171,8 @@ TEST_P(StoreTest, SessionsStepsAndBatchesSurviveReopening) {
   EXPECT_EQ(steps[1].outcome, StepOutcome::Missing);
   EXPECT_EQ(steps[1].baselineImage, image);
   EXPECT_EQ(steps[0].currentImage, image);
+  EXPECT_EQ(steps[0].diffImage, image);
+  EXPECT_EQ(steps[0].boxes, (std::vector<Rect>{{1, 2, 3, 4}}));
 }
 
 // Each multi-row change checks its precondition inside its transaction and, when it fails,

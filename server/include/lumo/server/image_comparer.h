@@ -61,6 +61,9 @@ struct CompareSettings {
 // The verdict of one comparison and what the diff image shows.
 struct CompareResult {
   bool matches = true;
+  // False when only the verdict was sought (ImageComparer::verdict) and it was found early:
+  // the counts, boxes and marks below then cover only what was scanned.
+  bool complete = true;
   // The two images differ in size; nothing else was compared.
   bool sizeMismatch = false;
   // Pixels that differ at their level.
@@ -109,6 +112,12 @@ class ImageComparer {
   CompareResult compare(const Image& baseline, const Image& current,
                         const CompareSettings& settings) const;
 
+  // compare()'s verdict, found sooner when the images differ: the pixel scan stops at the
+  // first pixel that differs, and the result is then incomplete. Matching images get the
+  // whole result.
+  CompareResult verdict(const Image& baseline, const Image& current,
+                        const CompareSettings& settings) const;
+
   // An image that shows what differs: the current image faded, differing pixels red,
   // tolerated anti-aliasing yellow, differing areas outlined in red, ignored regions shaded.
   // When the sizes differ it has the current image's size and marks in red what the baseline
@@ -120,6 +129,9 @@ class ImageComparer {
   const ComparerOptions& options() const { return options_; }
 
  private:
+  CompareResult compare(const Image& baseline, const Image& current,
+                        const CompareSettings& settings, bool verdictOnly) const;
+
   ComparerOptions options_;
 };
 

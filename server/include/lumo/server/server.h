@@ -19,6 +19,12 @@ inline constexpr std::string_view kDemoApiKey = "lumo-demo-key";
 
 inline constexpr std::size_t kDefaultMaxBodyBytes = std::size_t{64} << 20;
 
+// Has the C library's allocator keep large freed buffers for reuse instead of handing them
+// back to the system after every request, only to fault their pages in again for the next
+// screen (about a quarter of a checkpoint's server time). Process-wide, so the `lumo server`
+// command calls it and an embedding program decides for itself. Does nothing off glibc.
+void keepFreedMemoryForReuse();
+
 struct ServerConfig {
   std::string host = "127.0.0.1";
   int port = 0;  // 0: an ephemeral port, see Server::port()

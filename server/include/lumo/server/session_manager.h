@@ -55,7 +55,8 @@ struct SessionOptions {
 
 namespace detail {
 class BaselineCache;
-}
+class StepFinisher;
+}  // namespace detail
 
 // The protocol's logic: matching windows against baselines, verdicts, saving and approving
 // baselines. Every session's state lives in the store, so a manager keeps nothing but caches:
@@ -128,6 +129,9 @@ class SessionManager {
   bool idleTooLong(const SessionRecord& session, std::int64_t nowMs) const;
   std::int64_t nowMs() const;
   std::mutex& lockOf(const std::string& sessionId) const;
+  // Runs `work` (the diff image and boxes of a step already answered) in the background, or
+  // here when too much is waiting. Its failure loses only those details, and is logged.
+  void finishLater(const std::string& sessionId, std::function<void()> work);
 
   Store& store_;
   ImageComparer comparer_;
@@ -138,6 +142,8 @@ class SessionManager {
   // another manager are ordered by the store). Striped: a fixed set, however many sessions.
   mutable std::array<std::mutex, 64> sessionLocks_;
   std::atomic<std::int64_t> lastSweepMs_{0};
+  // Last: its destructor finishes work that uses the members above.
+  std::unique_ptr<detail::StepFinisher> finisher_;
 };
 
 }  // namespace lumo::server

@@ -39,6 +39,8 @@ class SqliteStore final : public Store {
   std::vector<StoredStep> sessionBaseline(const std::string& sessionId) const override;
   Append appendStep(const std::string& sessionId, const StepRecord& step,
                     std::int64_t nowMs) override;
+  void completeStep(const std::string& sessionId, int position, const std::string& diffImage,
+                    const std::vector<Rect>& boxes) override;
   void touchSession(const std::string& sessionId, std::int64_t nowMs) override;
   bool finishSession(const std::string& sessionId, const SessionEnd& end) override;
   int expireIdleSessions(std::int64_t idleSinceMs) override;

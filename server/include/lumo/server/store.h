@@ -75,6 +75,10 @@ class Store {
   // step count, and marks the session active at `nowMs`.
   virtual Append appendStep(const std::string& sessionId, const StepRecord& step,
                             std::int64_t nowMs) = 0;
+  // Adds what a recorded step's comparison found after its verdict was answered: its diff
+  // image (a hash putImage gave) and difference boxes. A step that is not there is left be.
+  virtual void completeStep(const std::string& sessionId, int position,
+                            const std::string& diffImage, const std::vector<Rect>& boxes) = 0;
   // Marks a running session active at `nowMs`.
   virtual void touchSession(const std::string& sessionId, std::int64_t nowMs) = 0;
   // Ends a running session holding `end.expectedSteps` steps: records the added steps, the
