@@ -5,7 +5,7 @@
 #include "lumo/floating_region_by_rectangle.h"
 #include "lumo/ignore_region_by_rectangle.h"
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 std::vector<Region> regionsOf(const CheckSettingsInternalProtocol::RegionProviders& providers) {
@@ -14,19 +14,6 @@ std::vector<Region> regionsOf(const CheckSettingsInternalProtocol::RegionProvide
     regions.push_back(*provider->getRegion());
   }
   return regions;
-}
-
-TEST(CheckSettings, StartsWithNoneAndNoRetries) {
-  const CheckSettings settings;
-  EXPECT_EQ(settings.getMatchLevel(), MatchLevelNone);
-  EXPECT_EQ(settings.getTimeoutInSeconds(), 0u);
-  EXPECT_TRUE(settings.getTargetRegion()->isEmpty());
-  EXPECT_FALSE(settings.getIgnoreCaret() || settings.getWithStatusBar() ||
-               settings.getStitchContent());
-  EXPECT_TRUE(settings.getIgnoredRegions().empty() && settings.getLayoutRegions().empty() &&
-              settings.getStrictRegions().empty() && settings.getContentRegions().empty() &&
-              settings.getFloatingRegions().empty());
-  EXPECT_EQ(CheckSettings(7).getTimeoutInSeconds(), 7u);
 }
 
 TEST(CheckSettings, FluentOperationsLeaveTheReceiverUntouched) {
@@ -47,6 +34,8 @@ TEST(CheckSettings, FluentOperationsLeaveTheReceiverUntouched) {
   EXPECT_TRUE(refined.getIgnoreCaret() && refined.getWithStatusBar() && refined.getStitchContent());
   EXPECT_EQ(regionsOf(refined.getIgnoredRegions()),
             (std::vector<Region>{Region(1, 2, 3, 4), Region(5, 6, 7, 8)}));
+  EXPECT_EQ(refined.exact().matchLevel(MatchLevelNone).getMatchLevel(), MatchLevelNone);
+  EXPECT_FALSE(refined.ignoreCaret(false).getIgnoreCaret());
 }
 
 TEST(CheckSettings, CopiesShareProvidersAndRegionsButNotLists) {
@@ -69,17 +58,15 @@ TEST(CheckSettings, EachKindLandsInItsOwnListInOrder) {
   EXPECT_EQ(regionsOf(settings.getLayoutRegions()),
             (std::vector<Region>{Region(1, 0, 1, 1), Region(2, 0, 1, 1), Region(4, 0, 1, 1)}));
   EXPECT_EQ(regionsOf(settings.getContentRegions()), std::vector<Region>{Region(3, 0, 1, 1)});
-  EXPECT_TRUE(settings.getIgnoredRegions().empty());
-  EXPECT_TRUE(settings.getStrictRegions().empty());
+  EXPECT_TRUE(settings.getIgnoredRegions().empty() && settings.getStrictRegions().empty());
 }
 
+// The builder takes up, down, right, left; the region's offsets read up, down, left, right.
 TEST(CheckSettings, FloatingOffsetsArePassedByMeaning) {
-  // The builder takes up, down, right, left; the region's offsets read up, down, left, right.
   const CheckSettings settings = CheckSettings().floating(Region(10, 20, 30, 40), 1, 2, 3, 4);
   ASSERT_EQ(settings.getFloatingRegions().size(), 1u);
   EXPECT_EQ(*settings.getFloatingRegions()[0]->getRegion(),
             FloatingMatchSettings(10, 20, 30, 40, 1, 2, 4, 3));
-
   const CheckSettings many =
       CheckSettings().floating({Region(0, 0, 1, 1), Region(1, 1, 1, 1), Region(2, 2, 1, 1)}, 5);
   ASSERT_EQ(many.getFloatingRegions().size(), 3u);
@@ -87,9 +74,12 @@ TEST(CheckSettings, FloatingOffsetsArePassedByMeaning) {
             FloatingMatchSettings(2, 2, 1, 1, 5, 5, 5, 5));
 }
 
+// An element's region is its frame when asked, truncated to whole points.
 TEST(CheckSettings, ElementRegionsFollowTheElement) {
-  auto button = std::make_shared<MovableElement>(Rect(10.7, 20.2, 30, 40));
+  auto button = std::make_shared<MovableElement>(Rect(0.9, -0.9, 10.99, 5.5));
   const CheckSettings settings = CheckSettings().ignore(button).floating(button, 1, 2, 3, 4);
+  EXPECT_EQ(settings.getIgnoredRegions()[0]->getRegion()->dictionary(),
+            Region(0, 0, 10, 5).dictionary());
   button->setFrame(Rect(50, 60, 70, 80.9));
   EXPECT_EQ(settings.getIgnoredRegions()[0]->getRegion()->dictionary(),
             Region(50, 60, 70, 80).dictionary());
@@ -97,14 +87,5 @@ TEST(CheckSettings, ElementRegionsFollowTheElement) {
             FloatingMatchSettings(50, 60, 70, 80, 1, 2, 4, 3));
 }
 
-TEST(CheckSettings, MatchLevelShortcuts) {
-  const CheckSettings settings;
-  EXPECT_EQ(settings.exact().getMatchLevel(), MatchLevelExact);
-  EXPECT_EQ(settings.strict().getMatchLevel(), MatchLevelStrict);
-  EXPECT_EQ(settings.content().getMatchLevel(), MatchLevelContent);
-  EXPECT_EQ(settings.exact().matchLevel(MatchLevelNone).getMatchLevel(), MatchLevelNone);
-  EXPECT_FALSE(settings.ignoreCaret().ignoreCaret(false).getIgnoreCaret());
-}
-
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

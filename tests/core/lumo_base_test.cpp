@@ -9,7 +9,7 @@
 #include "support/log_capture.h"
 #include "support/scoped_env.h"
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 class Flavour : public LumoBase {
@@ -19,14 +19,12 @@ class Flavour : public LumoBase {
   std::string sdkBundleIdentifier() const override { return "com.brixtel.lumo"; }
 };
 
-TEST(LumoBase, DefaultsAfterConstruction) {
+TEST(LumoBase, ShippedDefaults) {
   LumoBase lumo("https://example");
-  EXPECT_EQ(lumo.serverURL(), "https://example");
   EXPECT_EQ(lumo.matchTimeout(), 2u);
   EXPECT_EQ(lumo.matchLevel(), MatchLevelStrict);
   EXPECT_TRUE(lumo.saveNewTests());
   EXPECT_FALSE(lumo.saveFailedTests());
-  EXPECT_FALSE(lumo.isOpen());
   EXPECT_EQ(lumo.title(), "Base title");
   EXPECT_EQ(LumoBase::defaultServerURL().back(), 'm') << "no trailing slash";
 }
@@ -34,7 +32,6 @@ TEST(LumoBase, DefaultsAfterConstruction) {
 TEST(LumoBase, MatchTimeoutRejectsOneSecondQuotingTheValue) {
   LumoBase lumo("https://example");
   lumo.setMatchTimeout(0);
-  EXPECT_EQ(lumo.matchTimeout(), 0u);
   try {
     lumo.setMatchTimeout(1);
     FAIL();
@@ -43,16 +40,18 @@ TEST(LumoBase, MatchTimeoutRejectsOneSecondQuotingTheValue) {
     EXPECT_EQ(e.reason(), "Match timeout must be set in seconds, and must be > 1");
   }
   EXPECT_EQ(lumo.matchTimeout(), 0u);
-  lumo.setMatchTimeout(2);
-  EXPECT_EQ(lumo.matchTimeout(), 2u);
 }
 
-TEST(LumoBase, BaselineEnvNameLosesItsBlanks) {
+// The base-line environment name loses its blanks; an empty one is none. Properties need both
+// a name and a value.
+TEST(LumoBase, BaselineEnvNameAndPropertiesAreNormalisedOrGuarded) {
   LumoBase lumo("https://example");
   lumo.setBaselineEnvName("my big phone");
   EXPECT_EQ(lumo.baselineEnvName(), "mybigphone");
   lumo.setBaselineEnvName("");
   EXPECT_FALSE(lumo.baselineEnvName());
+  EXPECT_THROW(lumo.addProperty("", "v"), Exception);
+  EXPECT_THROW(lumo.addProperty("n", std::nullopt), Exception);
 }
 
 TEST(LumoBase, AgentIdPutsTheUsersIdFirst) {
@@ -71,15 +70,14 @@ TEST(LumoBase, EnvironmentPrefersTheUsersOverrides) {
   EXPECT_EQ(detected->osInfo()->rfind("iOS", 0), std::string::npos) << "this is not iOS";
   lumo.setOsInfo("Android 14");
   lumo.setDeviceInfo("Pixel 8");
-  auto chosen = lumo.appEnvironment();
-  EXPECT_EQ(chosen->osInfo(), "Android 14");
-  EXPECT_EQ(chosen->deviceInfo(), "Pixel 8");
+  EXPECT_EQ(lumo.appEnvironment()->osInfo(), "Android 14");
+  EXPECT_EQ(lumo.appEnvironment()->deviceInfo(), "Pixel 8");
 }
 
 TEST(LumoBase, OpenNeedsTheControllersOwnApiKey) {
-  test::ScopedEnv key("BRIXTEL_API_KEY", "from-environment");
+  ScopedEnv key("BRIXTEL_API_KEY", "from-environment");
   LumoBase lumo("https://example");
-  test::LogCapture log;
+  LogCapture log;
   EXPECT_THROW(lumo.openBase("App", "Test", {1, 1}), Exception);
   EXPECT_EQ(log.lines().back(),
             "[BrixtelLumo] API key is missing! Please set it using setApiKey()");
@@ -93,24 +91,16 @@ TEST(LumoBase, OpeningTwiceWithoutACheckKeepsFailing) {
   EXPECT_EQ(lumo.appName(), "Application name");
   EXPECT_EQ(lumo.testName(), "Test name");
   for (int attempt = 0; attempt < 2; ++attempt) {
-    test::LogCapture log;
+    LogCapture log;
     EXPECT_THROW(lumo.openBase("App", "Test", {1, 1}), Exception);
-    auto lines = log.lines();
+    const auto lines = log.lines();
     EXPECT_EQ(lines.front(), "[BrixtelLumo] Closed") << "no session: the abort only logs";
     EXPECT_EQ(lines.back(), "[BrixtelLumo] A test is already running");
   }
-  auto results = lumo.close(nullptr);
-  EXPECT_TRUE(results->isPassed());
+  EXPECT_TRUE(lumo.close(nullptr)->isPassed());
   lumo.openBase("App", "Test", {1, 1});
   EXPECT_TRUE(lumo.isOpen());
 }
 
-TEST(LumoBase, PropertiesAreGuarded) {
-  LumoBase lumo("https://example");
-  EXPECT_THROW(lumo.addProperty("", "v"), Exception);
-  EXPECT_THROW(lumo.addProperty("n", std::nullopt), Exception);
-  lumo.addProperty("n", "v");
-}
-
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

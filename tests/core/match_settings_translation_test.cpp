@@ -4,7 +4,7 @@
 
 #include "lumo/check_settings.h"
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 // Every list is moved up by the status bar exactly once; "None" takes the default level.
@@ -38,4 +38,4 @@ TEST(MatchSettingsTranslation, ShiftsEachRegionOnceAndFillsEveryList) {
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

@@ -14,7 +14,7 @@
 #include "support/log_capture.h"
 #include "support/test_server.h"
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 // Hands out a new screenshot for every capture, so the task's last screenshot tells which
@@ -43,13 +43,13 @@ struct Case {
   bool asExpected;
 };
 
-class MatchWindowTaskTest : public test::TestServerFixture {
+class MatchWindowTaskTest : public TestServerFixture {
  protected:
   void SetUp() override {
     TestServerFixture::SetUp();
-    server_.setHandler([this](const test::RecordedRequest&) {
+    server_.setHandler([this](const RecordedRequest&) {
       const int post = ++posts_;
-      return test::ScriptedResponse{200, Json{{"asExpected", post >= matchesFrom_}}.dump()};
+      return ScriptedResponse{200, Json{{"asExpected", post >= matchesFrom_}}.dump()};
     });
     task_ = MatchWindowTask::create(
         ServerConnector::connectorWithServerURL(server_.baseURL(), "key"),
@@ -84,7 +84,7 @@ class MatchWindowTaskTest : public test::TestServerFixture {
 
   std::atomic<int> posts_{0};
   std::atomic<int> matchesFrom_{1};
-  std::shared_ptr<test::FastWaitPolicy> policy_ = std::make_shared<test::FastWaitPolicy>(0.3);
+  std::shared_ptr<FastWaitPolicy> policy_ = std::make_shared<FastWaitPolicy>(0.3);
   std::shared_ptr<ImageMatchSettings> settings_ = std::make_shared<ImageMatchSettings>();
   Provider provider_;
   std::shared_ptr<MatchWindowTask> task_;
@@ -102,20 +102,13 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"RunOnceSleepsTheTimeoutFirst", 5, true, true, 9, {5}, {true}, false},
         Case{"MatchInTheSecondRound", 5, false, false, 2, {1, 1}, {true, true}, true},
         Case{"OneSecondIsOneRoundAndTheLastAttempt", 1, false, false, 9, {1}, {true, false}, false},
-        Case{"NegativeUsesTheDefault",
-             -1,
-             false,
-             false,
-             9,
-             {1, 1, 1},
-             {true, true, true, false},
-             false},
+        Case{"NegativeIsDefault", -1, false, false, 9, {1, 1, 1}, {true, true, true, false}, false},
         Case{"LastAttemptMatches", 2, false, true, 3, {1, 1}, {true, true, true}, true}),
     [](const auto& p) { return std::string(p.param.name); });
 
 TEST_P(MatchWindowTaskCases, PostsSleepsAndFlags) {
   const Case& c = GetParam();
-  test::LogCapture log;
+  LogCapture log;
   auto result = check(c);
   ASSERT_TRUE(result);
   EXPECT_EQ(result->asExpected(), c.asExpected);
@@ -126,7 +119,7 @@ TEST_P(MatchWindowTaskCases, PostsSleepsAndFlags) {
 }
 
 TEST_F(MatchWindowTaskTest, RoundsLogTheSecondsSpentWithoutTheTag) {
-  test::LogCapture log;
+  LogCapture log;
   check({"", 3, false, false, 9, {}, {}, false});
   std::vector<std::string> untagged;
   for (const auto& line : log.lines()) {
@@ -190,4 +183,4 @@ TEST(MatchWindowTask, GuardsItsCollaboratorsInOrder) {
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

@@ -9,7 +9,7 @@
 #include "server/temp_dir.h"
 #include "support/fast_wait_policy.h"
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 using gtest::Verdict;
@@ -98,7 +98,7 @@ TEST_F(VisualTestTest, AnUnreachableServerFailsTheTest) {
   auto unreachable = config(screen(90));
   unreachable.serverUrl = "http://127.0.0.1:1";  // nothing listens there
   unreachable.configure = [](Lumo& lumo) {
-    lumo.setWaitPolicy(std::make_shared<test::FastWaitPolicy>());
+    lumo.setWaitPolicy(std::make_shared<FastWaitPolicy>());
   };
   EXPECT_NONFATAL_FAILURE(
       {
@@ -137,4 +137,4 @@ TEST_F(Checkout, ASkippedTestIsAbortedNotJudged) {
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

@@ -24,7 +24,7 @@
 #include <stdexcept>
 #include <vector>
 
-namespace lumo::testing {
+namespace lumo::test {
 namespace {
 
 // Who runs the cluster's programs; nullopt: ourselves.
@@ -298,4 +298,4 @@ std::string PostgresCluster::database(const std::string& name) {
   return url(name);
 }
 
-}  // namespace lumo::testing
+}  // namespace lumo::test

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-namespace lumo::testing {
+namespace lumo::test {
 
 // A throwaway PostgreSQL cluster from the installed server programs: initdb and pg_ctl on a
 // fresh temporary directory, listening on a free loopback port only, trusting every local
@@ -55,4 +55,9 @@ class PostgresCluster {
   bool running_ = false;
 };
 
+}  // namespace lumo::test
+
+// The cluster's former namespace, still used by the store tests and the throughput benchmark.
+namespace lumo::testing {
+using test::PostgresCluster;
 }  // namespace lumo::testing
