@@ -12,7 +12,7 @@
 #include "lumo/internal_inconsistency_exception.h"
 #include "platform/assertion_handler.h"
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 struct GuardCase {
@@ -88,4 +88,4 @@ TEST(AssertionHandler, ReplacementSeesFailuresAndDefaultComesBack) {
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 // Long enough to take the fast path, with every byte that needs care somewhere in it.
@@ -38,4 +38,4 @@ TEST(CompactJson, RefusesTextThatIsNotUtf8AsDumpDoes) {
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 TEST(Rect, NegativeSizesAreStandardisedForEveryOperation) {
@@ -56,4 +56,4 @@ TEST(Rect, TextFormUsesShortestNumbers) {
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 TEST(MatchLevel, NamesKnownLevelsAndFallsBackToStrict) {
@@ -66,4 +66,4 @@ TEST(FloatingMatchSettings, CopyKeepsAllEightValues) {
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

@@ -12,20 +12,20 @@
 #include "common/general_utils.h"
 #include "support/log_capture.h"
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 using ::testing::ElementsAre;
 
 TEST(Logger, LogPrefixesTheTagAndOneBlank) {
-  test::LogCapture capture;
+  LogCapture capture;
   Logger::log("abc");
   Logger::log("");
   EXPECT_THAT(capture.lines(), ElementsAre("[BrixtelLumo] abc", "[BrixtelLumo] "));
 }
 
 TEST(Logger, LogWithFormatFormatsThenLogsOneLine) {
-  test::LogCapture capture;
+  LogCapture capture;
   std::optional<std::string> nil;
   Logger::logWithFormat("Lumo server URL is {} ({}, {}, {})", "https://x", 42, textOrNull(nil),
                         yesNo(true));
@@ -68,4 +68,4 @@ TEST(GeneralUtils, SleepCountsWholeSeconds) {
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

@@ -10,7 +10,7 @@
 #include "common/scaled_screenshot.h"
 #include "lumo/out_of_bounds_exception.h"
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 ImagePtr filled(int width, int height, std::uint8_t value = 0) {
@@ -114,4 +114,4 @@ TEST(ScaledScreenshot, AveragesTheAreaEachPointCovers) {
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

@@ -7,7 +7,7 @@
 #include "lumo/exception.h"
 #include "lumo/match_result.h"
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 std::shared_ptr<ImageMatchSettings> settings() {
@@ -93,4 +93,4 @@ TEST(MatchResult, CannotBeWrittenWithoutAScreenshotValue) {
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

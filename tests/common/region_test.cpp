@@ -9,7 +9,7 @@
 #include "common/rectangle_size.h"
 #include "support/log_capture.h"
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 void expectIntegers(const Region& r, std::int64_t left, std::int64_t top, std::int64_t width,
@@ -82,7 +82,7 @@ TEST(Region, ContainsAndInsideAreMirrors) {
 }
 
 TEST(Region, IntersectionLogsAndUsesIntegerViews) {
-  test::LogCapture capture;
+  LogCapture capture;
   const Region a(Rect(0.5, 0.5, 10.9, 10.9));
   const Region b(5, 5, 20, 20);
   EXPECT_TRUE(Region::regionIsIntersectedWithRegion(a, b));
@@ -94,7 +94,7 @@ TEST(Region, IntersectionLogsAndUsesIntegerViews) {
 }
 
 TEST(Region, DisjointOrMissingRegionsIntersectToTheZeroRegion) {
-  test::LogCapture capture;
+  LogCapture capture;
   const Region a(0, 0, 10, 10);
   const Region far(50, 50, 10, 10);
   EXPECT_FALSE(Region::regionIsIntersectedWithRegion(a, far));
@@ -114,7 +114,7 @@ TEST(Region, UnrepresentableDoublesSaturateAndNaNTruncatesToZero) {
 }
 
 TEST(Region, IntersectionWhoseIntegerViewIsEmptyIsTheZeroRegion) {
-  test::LogCapture capture;
+  LogCapture capture;
   // Below one point wide after scaling: the doubles overlap, the integers do not.
   const Region thin = Region::scaledRegionFromRegion(Region(10, 10, 1, 1), 0.5);
   const Region bounds(0, 0, 100, 100);
@@ -137,4 +137,4 @@ TEST(RectangleSize, EqualityAndEmptiness) {
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

@@ -4,7 +4,7 @@
 
 #include <numeric>
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 std::vector<std::uint8_t> bytes(std::size_t n) {
@@ -59,4 +59,4 @@ TEST(Base64, RejectsWhatIsNotBase64) {
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

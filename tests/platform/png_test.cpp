@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <png.h>
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 Image pattern(int width, int height, bool translucent) {
@@ -126,4 +126,4 @@ TEST(Png, RefusesCorruptTruncatedAndOversizedData) {
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

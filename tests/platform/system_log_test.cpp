@@ -12,7 +12,7 @@
 
 #include "support/log_capture.h"
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 // Points stderr at a temporary file for its lifetime.
@@ -116,10 +116,10 @@ TEST(SystemLog, SinkCanBeReplacedAndRestored) {
 }
 
 TEST(SystemLog, CaptureSeesLinesFromOtherThreads) {
-  test::LogCapture capture;
+  LogCapture capture;
   std::thread([] { systemLog("from a worker"); }).join();
   EXPECT_EQ(capture.lines(), std::vector<std::string>{"from a worker"});
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

@@ -8,7 +8,7 @@
 
 #include "platform/expectation.h"
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -59,4 +59,4 @@ TEST(Waiter, AFulfilmentAfterTheTimeOutIsHarmless) {
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test
