@@ -27,23 +27,31 @@ TEST(MatchWindowData, WritesExactlyAppOutputTagAndOptions) {
                         {"forceMatch", false},
                         {"imageMatchSettings", settings()->dictionary()}}}};
   EXPECT_EQ(data.dictionary(), expected);
+  // An empty or nil title or screenshot is left out.
+  EXPECT_EQ(AppOutput("", "AAAA").dictionary(), Json({{"screenshot64", "AAAA"}}));
+  EXPECT_EQ(AppOutput("T", std::nullopt).dictionary(), Json({{"title", "T"}}));
+  EXPECT_EQ(AppOutput(std::nullopt, "").dictionary(), Json::object());
 }
 
-TEST(MatchWindowData, AnEmptyOrNilTagIsWrittenAsTheEmptyString) {
-  const MatchWindowData empty(AppOutput(), "", Options("", false, false, false, false, settings()));
-  EXPECT_EQ(empty.dictionary()["tag"], "");
-  EXPECT_EQ(empty.dictionary()["options"]["name"], "");
-  const MatchWindowData nil(AppOutput(), std::nullopt,
-                            Options("x", false, false, false, false, settings()));
-  EXPECT_EQ(nil.dictionary()["tag"], "");
+// The hand-written compact form is byte for byte what dump() writes; a nil tag is "".
+TEST(MatchWindowData, CompactJsonIsTheDictionaryAsDumpWritesIt) {
+  const std::string base64 = std::string(6000, 'Q') + "\r\n" + std::string(64, '+');
+  using Text = std::optional<std::string>;
+  for (const Text& title : {Text("Home \"1\""), Text(), Text("")}) {
+    for (const Text& screenshot : {Text(base64), Text("AAAA"), Text()}) {
+      const MatchWindowData data(AppOutput(title, screenshot), std::nullopt,
+                                 Options("n", true, false, false, true, settings()));
+      EXPECT_EQ(data.compactJson(), data.dictionary().dump());
+      EXPECT_EQ(data.dictionary()["tag"], "");
+    }
+  }
 }
 
 TEST(MatchWindowData, OptionsWithoutNameOrSettingsCannotBeWritten) {
-  const Options noName(std::nullopt, false, false, false, false, settings());
-  const Options noSettings("n", false, false, false, false, nullptr);
-  for (const Options* options : {&noName, &noSettings}) {
+  for (const Options& options : {Options(std::nullopt, false, false, false, false, settings()),
+                                 Options("n", false, false, false, false, nullptr)}) {
     try {
-      MatchWindowData(AppOutput(), "t", *options).dictionary();
+      MatchWindowData(AppOutput(), "t", options).dictionary();
       ADD_FAILURE() << "written without a required value";
     } catch (const Exception& e) {
       EXPECT_EQ(e.name(), kIllegalArgumentExceptionName);
@@ -51,45 +59,17 @@ TEST(MatchWindowData, OptionsWithoutNameOrSettingsCannotBeWritten) {
   }
 }
 
-TEST(MatchWindowData, CompactJsonIsTheDictionaryAsDumpWritesIt) {
-  const std::string base64 = std::string(6000, 'Q') + "\r\n" + std::string(64, '+');
-  for (const auto& title : {std::optional<std::string>("Home \"1\""), std::optional<std::string>(),
-                            std::optional<std::string>("")}) {
-    for (const auto& screenshot :
-         {std::optional<std::string>(base64), std::optional<std::string>("AAAA"),
-          std::optional<std::string>()}) {
-      const MatchWindowData data(AppOutput(title, screenshot), std::nullopt,
-                                 Options("n", true, false, false, true, settings()));
-      EXPECT_EQ(data.compactJson(), data.dictionary().dump());
-    }
-  }
-}
-
-TEST(AppOutput, LeavesOutAnEmptyOrNilTitleAndScreenshot) {
-  EXPECT_EQ(AppOutput("", "AAAA").dictionary(), Json({{"screenshot64", "AAAA"}}));
-  EXPECT_EQ(AppOutput("T", std::nullopt).dictionary(), Json({{"title", "T"}}));
-  EXPECT_EQ(AppOutput(std::nullopt, "").dictionary(), Json::object());
-}
-
 TEST(MatchResult, ReadsAsExpectedAndKeepsTheScreenshotValue) {
-  EXPECT_TRUE(MatchResult(Json{{"asExpected", true}}).asExpected());
-  EXPECT_TRUE(MatchResult(Json{{"asExpected", 2}}).asExpected());
-  EXPECT_FALSE(MatchResult(Json{{"asExpected", 0}}).asExpected());
-  EXPECT_FALSE(MatchResult(Json::object()).asExpected());
-  EXPECT_FALSE(MatchResult(Json::array()).asExpected());
-
-  const MatchResult onlyFlag(Json{{"asExpected", true}});
-  EXPECT_EQ(onlyFlag.screenshotValue(), std::nullopt);
-  EXPECT_EQ(onlyFlag.screenshot(), nullptr);
+  for (const auto& [json, expected] :
+       {std::pair{Json{{"asExpected", true}}, true}, std::pair{Json{{"asExpected", 2}}, true},
+        std::pair{Json{{"asExpected", 0}}, false}, std::pair{Json::object(), false},
+        std::pair{Json::array(), false}}) {
+    EXPECT_EQ(MatchResult(json).asExpected(), expected) << json;
+  }
   EXPECT_EQ(MatchResult(Json{{"screenshot", nullptr}}).screenshotValue(), std::nullopt);
-
-  const MatchResult full(Json{{"screenshot", "abc"}, {"asExpected", true}, {"other", 1}});
-  EXPECT_EQ(full.screenshot(), nullptr);
-  EXPECT_EQ(full.dictionary(), Json({{"screenshot", "abc"}, {"asExpected", true}}));
-}
-
-TEST(MatchResult, CannotBeWrittenWithoutAScreenshotValue) {
   EXPECT_THROW(MatchResult(Json{{"asExpected", true}}).dictionary(), Exception);
+  const MatchResult full(Json{{"screenshot", "abc"}, {"asExpected", true}, {"other", 1}});
+  EXPECT_EQ(full.dictionary(), Json({{"screenshot", "abc"}, {"asExpected", true}}));
 }
 
 }  // namespace
