@@ -10,9 +10,10 @@
 #include "check_command.h"
 #include "lumo/detail/json.h"
 #include "run_lumo.h"
+#include "support/fast_wait_policy.h"
 #include "support/test_server.h"
 
-namespace lumo::cli::testing {
+namespace lumo::test {
 namespace {
 
 using CheckEndToEnd = EmbeddedServerTest;
@@ -76,11 +77,10 @@ TEST_F(CheckEndToEnd, TheBatchIsNamedAfterAppTestAndLocalTimeUnlessGiven) {
     const auto outcome = check(std::move(extra), {home_});
     const auto at = outcome.out.find("/sessions/");
     EXPECT_NE(at, std::string::npos) << outcome.out;
-    const std::string id = outcome.out.substr(at + 10, 32);
     httplib::Client client("127.0.0.1", server_->port());
-    auto res = client.Get("/api/sessions/" + id +
-                          ".json?apiKey=" + std::string(lumo::server::kDemoApiKey));
-    return res ? lumo::Json::parse(res->body).value("batchName", "") : std::string("no answer");
+    auto res = client.Get("/api/sessions/" + outcome.out.substr(at + 10, 32) +
+                          ".json?apiKey=" + std::string(server::kDemoApiKey));
+    return res ? Json::parse(res->body).value("batchName", "") : std::string("no answer");
   };
   EXPECT_THAT(batchName({}),
               ::testing::MatchesRegex("Shop Browse [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}"));
@@ -88,8 +88,7 @@ TEST_F(CheckEndToEnd, TheBatchIsNamedAfterAppTestAndLocalTimeUnlessGiven) {
 }
 
 TEST_F(CheckEndToEnd, WrongApiKeyIsNoVerdict) {
-  const auto outcome = runLumo({"check", "--server", server_->baseUrl(), "--app", "Shop", "--test",
-                                "Browse", "--api-key", "wrong", home_});
+  const auto outcome = check({}, {home_}, "wrong");
   EXPECT_EQ(outcome.status, kExitUnreachable);
   EXPECT_TRUE(contains(outcome.err, "did not start a session")) << outcome.err;
   EXPECT_EQ(outcome.out, "");
@@ -98,7 +97,7 @@ TEST_F(CheckEndToEnd, WrongApiKeyIsNoVerdict) {
 TEST(CheckUnreachable, RefusedConnectionIsExitFourWithTheReasonAndItsReport) {
   server::testing::TempDir files;
   const auto image = writePng(files.path() / "home.png", screen(20, 20, 50));
-  lumo::test::RefusingPort refusing;
+  RefusingPort refusing;
   const auto outcome = runLumo({"check", "--server", refusing.baseURL(), "--app", "Shop", "--test",
                                 "Home", "--api-key", "key", "--report",
                                 (files.path() / "down.json").string(), image.string()});
@@ -111,13 +110,8 @@ TEST(CheckUnreachable, RefusedConnectionIsExitFourWithTheReasonAndItsReport) {
   EXPECT_EQ(report["checkpoints"][0]["verdict"], "not checked");
 }
 
-// Stands in for the 60-second bound, which the shipped command keeps.
-class ShortWaits : public WaitPolicy {
- public:
-  double serverAnswerSeconds() const override { return 0.3; }
-};
-
-// One checkpoint held in memory, against the server at `url`, with short waits.
+// One checkpoint held in memory against the server at `url`; the 0.3-second answer bound
+// stands in for the 60 seconds the shipped command keeps.
 int checkInMemory(const std::string& url, std::ostringstream& out, std::ostringstream& err) {
   CheckOptions options;
   options.serverURL = url;
@@ -126,12 +120,12 @@ int checkInMemory(const std::string& url, std::ostringstream& out, std::ostrings
   options.apiKey = "key";
   options.matchTimeout = 0;
   options.checkpoints.push_back({"home", {}, std::make_shared<const Image>(screen(20, 20, 50))});
-  options.waitPolicy = std::make_shared<ShortWaits>();
+  options.waitPolicy = std::make_shared<FastWaitPolicy>(0.3);
   return runCheck(options, out, err);
 }
 
 TEST(CheckUnreachable, SilentServerIsExitFourAfterTheBound) {
-  lumo::test::TestServer server;
+  TestServer server;
   server.start();
   server.hold();
   std::ostringstream out, err;
@@ -145,13 +139,13 @@ TEST(CheckUnreachable, SilentServerIsExitFourAfterTheBound) {
 TEST(CheckVerdict, StopAnswerThatIsNoObjectIsExitFour) {
   for (const char* stopBody : {"[]", "\"Passed\"", "0", "<html></html>"}) {
     SCOPED_TRACE(stopBody);
-    lumo::test::TestServer server;
-    server.setHandler([&](const lumo::test::RecordedRequest& request) {
-      if (request.method == "DELETE") return lumo::test::ScriptedResponse{200, stopBody};
+    TestServer server;
+    server.setHandler([&](const RecordedRequest& request) {
+      if (request.method == "DELETE") return ScriptedResponse{200, stopBody};
       if (request.path == "/api/sessions/running.json") {
-        return lumo::test::ScriptedResponse{200, R"({"id":"s1","url":"http://results/s1"})"};
+        return ScriptedResponse{200, R"({"id":"s1","url":"http://results/s1"})"};
       }
-      return lumo::test::ScriptedResponse{200, R"({"asExpected":true})"};
+      return ScriptedResponse{200, R"({"asExpected":true})"};
     });
     server.start();
     std::ostringstream out, err;
@@ -163,4 +157,4 @@ TEST(CheckVerdict, StopAnswerThatIsNoObjectIsExitFour) {
 }
 
 }  // namespace
-}  // namespace lumo::cli::testing
+}  // namespace lumo::test

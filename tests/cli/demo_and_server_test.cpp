@@ -11,10 +11,8 @@
 #include "server/temp_dir.h"
 #include "server_command.h"
 
-namespace lumo::cli {
+namespace lumo::test {
 namespace {
-
-using testing::runLumo;
 
 Image readPng(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
@@ -38,7 +36,7 @@ TEST(Demo, GivesNewTestThenPassedThenDifferences) {
 }
 
 TEST(Demo, WritesItsScreensForLumoCheck) {
-  lumo::server::testing::TempDir dir;
+  server::testing::TempDir dir;
   ASSERT_EQ(runLumo({"demo", "--write-screens", dir.path().string()}).status, 0);
   const Image login = readPng(dir.path() / "Login.png");
   EXPECT_EQ(login.width(), 360);
@@ -50,7 +48,7 @@ TEST(Demo, WritesItsScreensForLumoCheck) {
 }
 
 TEST(ServerCommand, ServesUntilToldToStop) {
-  lumo::server::testing::TempDir dir;
+  server::testing::TempDir dir;
   ServerOptions options;
   options.port = 0;
   options.dataDir = dir.path() / "data";
@@ -83,9 +81,9 @@ TEST(ServerCommand, BadArgumentsAreUsageErrors) {
                                              {"demo", "--port", "-1"}}) {
     const auto outcome = runLumo(args);
     EXPECT_EQ(outcome.status, kExitUsage) << args[1];
-    EXPECT_EQ(testing::lineCount(outcome.err), 1u) << outcome.err;
+    EXPECT_EQ(lineCount(outcome.err), 1u) << outcome.err;
   }
 }
 
 }  // namespace
-}  // namespace lumo::cli
+}  // namespace lumo::test

@@ -8,11 +8,8 @@
 #include "lumo/version.h"
 #include "run_lumo.h"
 
-namespace lumo::cli {
+namespace lumo::test {
 namespace {
-
-using testing::count;
-using testing::runLumo;
 
 TEST(Report, JUnitXmlEscapesTheUsersTextAndCountsEachKindOfCheckpoint) {
   TestReport report{"Shop & Co",          "Log<in>", "Nightly \"7\"", {},
@@ -54,4 +51,4 @@ TEST(Version, IsTheProjectsVersion) {
 }
 
 }  // namespace
-}  // namespace lumo::cli
+}  // namespace lumo::test
