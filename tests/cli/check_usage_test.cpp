@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -38,7 +39,7 @@ class CheckUsage : public TestServerFixture {
     const std::string line = ::testing::PrintToString(arguments);
     EXPECT_EQ(outcome.status, kExitUsage) << line;
     EXPECT_EQ(lineCount(outcome.err), 1u) << line << "\n" << outcome.err;
-    EXPECT_TRUE(contains(outcome.err, says)) << line << "\n" << outcome.err;
+    EXPECT_THAT(outcome.err, ::testing::HasSubstr(says)) << line;
     EXPECT_EQ(outcome.out, "") << line;
     EXPECT_TRUE(server_.requests().empty()) << line;
   }
@@ -104,16 +105,16 @@ TEST_F(CheckUsage, ApiKeyDefaultsToTheEnvironment) {
   ScopedEnv set("BRIXTEL_API_KEY", "from-env");
   const auto outcome = runLumo(keyless);
   EXPECT_EQ(outcome.status, kExitUnreachable) << outcome.err;
-  EXPECT_TRUE(contains(outcome.err, "did not start a session")) << outcome.err;
+  EXPECT_THAT(outcome.err, ::testing::HasSubstr("did not start a session"));
   ASSERT_FALSE(server_.requests().empty());
-  EXPECT_TRUE(contains(server_.requests().front().query, "apiKey=from-env"));
+  EXPECT_THAT(server_.requests().front().query, ::testing::HasSubstr("apiKey=from-env"));
 }
 
 TEST(CheckHelp, HelpListsTheOptionsAndExitsZero) {
   const auto outcome = runLumo({"check", "--help"});
   EXPECT_EQ(outcome.status, 0);
-  EXPECT_TRUE(contains(outcome.out, "--floating") && contains(outcome.out, "--capture"))
-      << outcome.out;
+  EXPECT_THAT(outcome.out, ::testing::AllOf(::testing::HasSubstr("--floating"),
+                                            ::testing::HasSubstr("--capture")));
 }
 
 }  // namespace

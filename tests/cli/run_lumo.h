@@ -60,10 +60,6 @@ inline std::filesystem::path writePng(const std::filesystem::path& path, const I
   return path;
 }
 
-inline bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 // How often `part` occurs in `text`, overlapping occurrences included.
 inline std::size_t count(const std::string& text, const std::string& part) {
   std::size_t found = 0;
