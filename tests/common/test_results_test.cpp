@@ -139,9 +139,7 @@ TEST(StepInfo, ReadsAndWritesItsLinksAndFlags) {
   EXPECT_EQ(
       StepInfo(Json::parse("7")).dictionary(),
       Json::parse(R"({"hasBaselineImage":false,"hasCurrentImage":false,"isDifferent":false})"));
-}
-
-TEST(UrlRecords, WriteOnlyWhatIsSet) {
+  // Link records write only what is set.
   EXPECT_EQ(AppUrls().dictionary(), Json::object());
   EXPECT_EQ(SessionUrls(Json::parse(R"({"batch":"b","session":null})")).dictionary(),
             Json::parse(R"({"batch":"b"})"));
@@ -163,13 +161,11 @@ TEST(DefaultMatchSettings, ReadsFlagsAndKeepsTheRemainderSpelling) {
                   {"scale", static_cast<double>(0.1f)},
                   {"splitBottomHeight", false},
                   {"splitTopHeight", true}}));
-}
-
-TEST(DefaultMatchSettings, FloatingRegionsLoseTheirOffsetsAndEveryEntryCounts) {
-  const DefaultMatchSettings s(Json::parse(R"({"floating": [
+  // Floating regions lose their offsets, and every entry counts.
+  const DefaultMatchSettings floating(Json::parse(R"({"floating": [
       {"left": 1, "top": 2, "width": 3, "height": 4, "maxUpOffset": 9},
       "not an object", {"left": "5"}], "content": [], "layout": null})"));
-  EXPECT_EQ(s.dictionary(), Json::parse(R"({"content": [], "floating": [
+  EXPECT_EQ(floating.dictionary(), Json::parse(R"({"content": [], "floating": [
       {"left":1,"top":2,"width":3,"height":4}, {"left":0,"top":0,"width":0,"height":0},
       {"left":0,"top":0,"width":0,"height":0}], "ignoreCaret": false, "remainder": false,
       "scale": 0, "splitBottomHeight": false, "splitTopHeight": false})"));

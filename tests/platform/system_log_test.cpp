@@ -1,9 +1,9 @@
 #include "lumo/system_log.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -15,38 +15,10 @@
 namespace lumo::test {
 namespace {
 
-// Points stderr at a temporary file until restore(), which gives what was written.
-class StderrToFile {
- public:
-  StderrToFile() { ::dup2(::fileno(file_), STDERR_FILENO); }
-  ~StderrToFile() {
-    restore();
-    std::fclose(file_);
-  }
-  std::string restore() {
-    if (saved_ >= 0) {
-      ::dup2(saved_, STDERR_FILENO);
-      ::close(saved_);
-      saved_ = -1;
-    }
-    std::string text;
-    std::rewind(file_);
-    char buffer[4096];
-    while (std::size_t n = std::fread(buffer, 1, sizeof buffer, file_)) {
-      text.append(buffer, n);
-    }
-    return text;
-  }
-
- private:
-  std::FILE* file_ = std::tmpfile();
-  int saved_ = ::dup(STDERR_FILENO);
-};
-
 TEST(SystemLog, DefaultSinkWritesWholeStampedLinesFromManyThreads) {
   constexpr int kThreads = 4;
   constexpr int kLinesEach = 200;
-  StderrToFile redirect;
+  ::testing::internal::CaptureStderr();
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([t] {
@@ -62,7 +34,7 @@ TEST(SystemLog, DefaultSinkWritesWholeStampedLinesFromManyThreads) {
   // "YYYY-MM-DD HH:MM:SS.mmm name[pid:tid] [BrixtelLumo] thread T line N xxx..."
   const std::regex stamped(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} [^[]+\[(\d+):\d+\] )"
                            R"(\[BrixtelLumo\] thread ([0-3]) line (\d+) x{300})");
-  std::istringstream lines(redirect.restore());
+  std::istringstream lines(::testing::internal::GetCapturedStderr());
   std::vector<int> nextLine(kThreads, 0);
   int count = 0;
   for (std::string line; std::getline(lines, line); ++count) {
@@ -90,11 +62,11 @@ TEST(SystemLog, SinkCanBeReplacedAndRestoredAndSeesOtherThreads) {
   EXPECT_EQ(second, (std::vector<std::string>{"two"}));
 
   // An empty sink restores the default stderr writer.
-  StderrToFile redirect;
+  ::testing::internal::CaptureStderr();
   setSystemLogSink([](std::string_view) {});
   setSystemLogSink({});
   systemLog("back to stderr");
-  EXPECT_NE(redirect.restore().find("] back to stderr\n"), std::string::npos);
+  EXPECT_THAT(::testing::internal::GetCapturedStderr(), ::testing::HasSubstr("] back to stderr\n"));
 }
 
 }  // namespace
