@@ -6,7 +6,8 @@
 
 #include "exit_status.h"
 
-namespace lumo::cli {
+namespace lumo::test {
+using namespace lumo::cli;
 namespace {
 
 TEST(Arguments, EachFormTakesItsGoodTexts) {
@@ -66,4 +67,4 @@ TEST(Arguments, EachFormRefusesItsBadTextsNamingOptionAndText) {
 }
 
 }  // namespace
-}  // namespace lumo::cli
+}  // namespace lumo::test

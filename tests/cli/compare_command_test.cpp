@@ -5,7 +5,7 @@
 #include "run_lumo.h"
 #include "server/temp_dir.h"
 
-namespace lumo::cli::testing {
+namespace lumo::test {
 namespace {
 
 class CompareCommandTest : public ::testing::Test {
@@ -13,7 +13,7 @@ class CompareCommandTest : public ::testing::Test {
   std::string png(const std::string& name, const Image& image) {
     return writePng(dir_.path() / name, image).string();
   }
-  lumo::server::testing::TempDir dir_;
+  server::testing::TempDir dir_;
 };
 
 TEST_F(CompareCommandTest, ExitStatusSaysWhetherTheImagesMatch) {
@@ -61,4 +61,4 @@ TEST_F(CompareCommandTest, JsonGivesTheVerdictCountsAndBoxes) {
 }
 
 }  // namespace
-}  // namespace lumo::cli::testing
+}  // namespace lumo::test

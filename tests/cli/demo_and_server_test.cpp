@@ -1,44 +1,40 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 
-#include <fstream>
-#include <iterator>
 #include <vector>
 
 #include "lumo/server/server.h"
+#include "lumo/version.h"
 #include "platform/png.h"
 #include "run_lumo.h"
 #include "server/temp_dir.h"
 #include "server_command.h"
 
-namespace lumo::cli {
+namespace lumo::test {
 namespace {
 
-using testing::runLumo;
+using ::testing::HasSubstr;
 
 Image readPng(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  const std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(in), {}};
-  return decodePng(bytes);
+  const std::string bytes = readFile(path);
+  return decodePng(std::vector<std::uint8_t>(bytes.begin(), bytes.end()));
 }
 
 TEST(Demo, GivesNewTestThenPassedThenDifferences) {
   const auto outcome = runLumo({"demo"});
-  EXPECT_EQ(outcome.status, 0) << outcome.out << outcome.err;
-  const auto at = [&](const std::string& text) { return outcome.out.find(text); };
-  ASSERT_NE(at("Exit status 2: new test"), std::string::npos) << outcome.out;
-  ASSERT_NE(at("Exit status 0: passed"), std::string::npos) << outcome.out;
-  ASSERT_NE(at("Exit status 1: differences found"), std::string::npos) << outcome.out;
-  EXPECT_LT(at("Exit status 2"), at("Exit status 0"));
-  EXPECT_LT(at("Exit status 0"), at("Exit status 1"));
-  EXPECT_NE(at("Login: did not match"), std::string::npos) << outcome.out;
-  EXPECT_NE(at("Results pages: http://127.0.0.1:"), std::string::npos) << outcome.out;
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_THAT(outcome.out,
+              ::testing::ContainsRegex("Exit status 2: new test(.|\n)*Exit status 0: "
+                                       "passed(.|\n)*Exit status 1: differences found"));
+  EXPECT_THAT(outcome.out, HasSubstr("Login: did not match"));
+  EXPECT_THAT(outcome.out, HasSubstr("Results pages: http://127.0.0.1:"));
   // The library's log lines stay out of the demo's output unless asked for.
-  EXPECT_EQ(at("[BrixtelLumo]"), std::string::npos);
+  EXPECT_THAT(outcome.out, ::testing::Not(HasSubstr("[BrixtelLumo]")));
 }
 
 TEST(Demo, WritesItsScreensForLumoCheck) {
-  lumo::server::testing::TempDir dir;
+  server::testing::TempDir dir;
   ASSERT_EQ(runLumo({"demo", "--write-screens", dir.path().string()}).status, 0);
   const Image login = readPng(dir.path() / "Login.png");
   EXPECT_EQ(login.width(), 360);
@@ -50,7 +46,7 @@ TEST(Demo, WritesItsScreensForLumoCheck) {
 }
 
 TEST(ServerCommand, ServesUntilToldToStop) {
-  lumo::server::testing::TempDir dir;
+  server::testing::TempDir dir;
   ServerOptions options;
   options.port = 0;
   options.dataDir = dir.path() / "data";
@@ -64,9 +60,8 @@ TEST(ServerCommand, ServesUntilToldToStop) {
   });
   EXPECT_EQ(status, 0) << err.str();
   EXPECT_EQ(pageStatus, 200);
-  EXPECT_NE(out.str().find("Lumo server listening at http://127.0.0.1:"), std::string::npos)
-      << out.str();
-  EXPECT_NE(out.str().find(std::string(lumo::server::kDemoApiKey)), std::string::npos);
+  EXPECT_THAT(out.str(), HasSubstr("Lumo server listening at http://127.0.0.1:"));
+  EXPECT_THAT(out.str(), HasSubstr(std::string(server::kDemoApiKey)));
 }
 
 TEST(ServerCommand, BadArgumentsAreUsageErrors) {
@@ -83,9 +78,15 @@ TEST(ServerCommand, BadArgumentsAreUsageErrors) {
                                              {"demo", "--port", "-1"}}) {
     const auto outcome = runLumo(args);
     EXPECT_EQ(outcome.status, kExitUsage) << args[1];
-    EXPECT_EQ(testing::lineCount(outcome.err), 1u) << outcome.err;
+    EXPECT_EQ(lineCount(outcome.err), 1u) << outcome.err;
   }
 }
 
+TEST(Version, IsTheProjectsVersion) {
+  const auto outcome = runLumo({"--version"});
+  EXPECT_EQ(outcome.status, kExitPassed) << outcome.err;
+  EXPECT_EQ(outcome.out, std::string("lumo ") + kVersion + "\n");
+}
+
 }  // namespace
-}  // namespace lumo::cli
+}  // namespace lumo::test

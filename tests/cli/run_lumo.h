@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -17,7 +18,9 @@
 #include "run.h"
 #include "server/temp_dir.h"
 
-namespace lumo::cli::testing {
+namespace lumo::test {
+
+using namespace lumo::cli;
 
 // What one `lumo` command line gave.
 struct Outcome {
@@ -29,11 +32,8 @@ struct Outcome {
 inline Outcome runLumo(const std::vector<std::string>& args) {
   std::ostringstream out;
   std::ostringstream err;
-  Outcome outcome;
-  outcome.status = run(args, out, err);
-  outcome.out = out.str();
-  outcome.err = err.str();
-  return outcome;
+  const int status = run(args, out, err);
+  return {status, out.str(), err.str()};
 }
 
 // A width x height screen of one colour with a `mark` square of another at its top left.
@@ -60,10 +60,6 @@ inline std::filesystem::path writePng(const std::filesystem::path& path, const I
   return path;
 }
 
-inline bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 // How often `part` occurs in `text`, overlapping occurrences included.
 inline std::size_t count(const std::string& text, const std::string& part) {
   std::size_t found = 0;
@@ -74,18 +70,13 @@ inline std::size_t count(const std::string& text, const std::string& part) {
 }
 
 inline std::string readFile(const std::filesystem::path& file) {
-  std::ifstream in(file);
   std::stringstream text;
-  text << in.rdbuf();
+  text << std::ifstream(file).rdbuf();
   return text.str();
 }
 
 inline std::size_t lineCount(const std::string& text) {
-  std::size_t lines = 0;
-  for (char c : text) {
-    lines += c == '\n';
-  }
-  return lines;
+  return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
 }
 
 // The embedded server on a loopback port and three screens: home, cart, and cart with a mark.
@@ -102,12 +93,12 @@ class EmbeddedServerTest : public ::testing::Test {
   }
   void TearDown() override { server_->stop(); }
 
-  // `lumo check` of test "Browse" with the demo key, checking each screen once.
-  Outcome check(std::vector<std::string> extra, const std::vector<std::string>& images) const {
-    std::vector<std::string> a = {"check",           "--server",  server_->baseUrl(),
-                                  "--app",           "Shop",      "--test",
-                                  "Browse",          "--api-key", std::string(server::kDemoApiKey),
-                                  "--match-timeout", "0"};
+  // `lumo check` of test "Browse", checking each screen once; the demo key unless `key` is given.
+  Outcome check(std::vector<std::string> extra, const std::vector<std::string>& images,
+                std::string key = std::string(server::kDemoApiKey)) const {
+    std::vector<std::string> a = {
+        "check",     "--server", server_->baseUrl(), "--app", "Shop", "--test", "Browse",
+        "--api-key", key,        "--match-timeout",  "0"};
     a.insert(a.end(), extra.begin(), extra.end());
     a.insert(a.end(), images.begin(), images.end());
     return runLumo(a);
@@ -119,4 +110,4 @@ class EmbeddedServerTest : public ::testing::Test {
   std::string home_, cart_, changed_;
 };
 
-}  // namespace lumo::cli::testing
+}  // namespace lumo::test

@@ -11,7 +11,7 @@
 #include "lumo/out_of_bounds_exception.h"
 #include "lumo/test_failed_exception.h"
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 class OutcomeTest : public ::testing::Test {
@@ -28,35 +28,25 @@ class OutcomeTest : public ::testing::Test {
   SessionStartInfo info_;
 };
 
+// The message of each outcome, with "(null)" for what is missing; unknown types say nothing.
 TEST_F(OutcomeTest, ErrorsCarryTheDomainCodeAndMessageOfEachType) {
-  const Error diffs = ErrorBuilder::errorWithTestResults(results_, info_, TestErrorTypeDiffsFound);
-  EXPECT_EQ(diffs.domain(), "com.brixtel.lumo");
-  EXPECT_EQ(diffs.code(), 1);
-  EXPECT_EQ(diffs.localizedDescription(),
-            "Test Login of Shop detected differences! See details at: U");
-  EXPECT_EQ(ErrorBuilder::errorWithTestResults(results_, info_, TestErrorTypeFailed)
-                .localizedDescription(),
-            "Login of Shop. See details at U");
-  EXPECT_EQ(ErrorBuilder::errorWithTestResults(results_, info_, TestErrorTypeNewTest)
-                .localizedDescription(),
-            "Login of Shop. Please approve the new baseline at U");
-  for (auto unknown : {0, 4, -1}) {
-    const Error e =
-        ErrorBuilder::errorWithTestResults(results_, info_, static_cast<TestErrorType>(unknown));
-    EXPECT_EQ(e, Error("com.brixtel.lumo", 1, ""));
+  const auto error = [](const char* text) { return Error("com.brixtel.lumo", 1, text); };
+  const auto built = [](std::shared_ptr<TestResults> r, const SessionStartInfo& i, int type) {
+    return ErrorBuilder::errorWithTestResults(r, i, static_cast<TestErrorType>(type));
+  };
+  EXPECT_EQ(built(results_, info_, TestErrorTypeDiffsFound),
+            error("Test Login of Shop detected differences! See details at: U"));
+  EXPECT_EQ(built(results_, info_, TestErrorTypeFailed), error("Login of Shop. See details at U"));
+  EXPECT_EQ(built(results_, info_, TestErrorTypeNewTest),
+            error("Login of Shop. Please approve the new baseline at U"));
+  for (int unknown : {0, 4, -1}) {
+    EXPECT_EQ(built(results_, info_, unknown), error(""));
   }
-}
-
-TEST_F(OutcomeTest, MissingValuesPrintAsNull) {
-  EXPECT_EQ(ErrorBuilder::errorWithTestResults(std::make_shared<TestResults>(), info_,
-                                               TestErrorTypeFailed)
-                .localizedDescription(),
-            "Login of Shop. See details at (null)");
-  EXPECT_EQ(ErrorBuilder::errorWithTestResults(nullptr, SessionStartInfo(), TestErrorTypeNewTest)
-                .localizedDescription(),
-            "(null) of (null). Please approve the new baseline at (null)");
-  EXPECT_EQ(ErrorBuilder::errorWithDescription("--- Time-out"),
-            Error("com.brixtel.lumo", 1, "--- Time-out"));
+  EXPECT_EQ(built(std::make_shared<TestResults>(), info_, TestErrorTypeFailed),
+            error("Login of Shop. See details at (null)"));
+  EXPECT_EQ(built(nullptr, SessionStartInfo(), TestErrorTypeNewTest),
+            error("(null) of (null). Please approve the new baseline at (null)"));
+  EXPECT_EQ(ErrorBuilder::errorWithDescription("--- Time-out"), error("--- Time-out"));
 }
 
 // Each kind's name, reason and results; an outcome's exception says the words of its error.
@@ -71,6 +61,8 @@ TEST_F(OutcomeTest, ExceptionsAreNamedForTheirClassAndSayTheirReason) {
   const LumoException running("A test is already running");
   const OutOfBoundsException outside(Region(Rect(4.5, 7.5, 10.5, 13.5)), Region(0, 0, 100, 100));
   const Exception illegal = illegalArgumentException("must be > 0");
+  const LumoException nil(std::nullopt);
+  const TestFailedException timeout("--- Time-out exception");
   struct Case {
     const Exception& e;
     const char* name;
@@ -92,6 +84,8 @@ TEST_F(OutcomeTest, ExceptionsAreNamedForTheirClassAndSayTheirReason) {
                 "{100, 100}}]",
                 nullptr},
            Case{illegal, "IllegalArgumentException", "must be > 0", nullptr},
+           Case{nil, "LumoException", "", nullptr},
+           Case{timeout, "TestFailedException", "--- Time-out exception", nullptr},
        }) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(c.e.name(), c.name);
@@ -105,20 +99,13 @@ TEST_F(OutcomeTest, ExceptionsAreNamedForTheirClassAndSayTheirReason) {
   EXPECT_NE(dynamic_cast<const LumoException*>(&outside), nullptr);
 }
 
-TEST(Exception, MissingReasonsAreEmptyAndTimeOutsCarryNoResults) {
-  EXPECT_EQ(LumoException(std::nullopt).reason(), "");
-  EXPECT_EQ(LumoException("").reason(), "");
-  const TestFailedException timeout("--- Time-out exception");
-  EXPECT_EQ(timeout.reason(), "--- Time-out exception");
-  EXPECT_EQ(timeout.testResults(), nullptr);
-  auto results = std::make_shared<TestResults>();
-  EXPECT_EQ(TestFailedException(results, "").testResults(), results);
+TEST(Exception, CatchingTheBaseSeesTheConcreteKind) {
   try {
-    throw DiffsFoundException(results, SessionStartInfo());
+    throw DiffsFoundException(nullptr, SessionStartInfo());
   } catch (const Exception& e) {
-    EXPECT_EQ(e.name(), "DiffsFoundException") << "catching the base sees the concrete kind";
+    EXPECT_EQ(e.name(), "DiffsFoundException");
   }
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

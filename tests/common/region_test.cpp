@@ -5,31 +5,76 @@
 
 #include <cmath>
 #include <limits>
+#include <vector>
 
 #include "common/rectangle_size.h"
+#include "lumo/geometry.h"
 #include "support/log_capture.h"
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
-void expectIntegers(const Region& r, std::int64_t left, std::int64_t top, std::int64_t width,
-                    std::int64_t height) {
-  EXPECT_EQ(r.left(), left);
-  EXPECT_EQ(r.top(), top);
-  EXPECT_EQ(r.width(), width);
-  EXPECT_EQ(r.height(), height);
+using Ints = std::vector<std::int64_t>;
+
+Ints integers(const Region& r) { return {r.left(), r.top(), r.width(), r.height()}; }
+
+// Negative sizes are standardised first; shared edges count as inside, touching edges do not
+// intersect, and a missing intersection is the null rectangle.
+TEST(Rect, ContainsAndIntersectionAfterStandardising) {
+  const Rect flipped(10, 10, -10, -10);
+  EXPECT_EQ(flipped, Rect(0, 0, 10, 10));
+  EXPECT_EQ(flipped.standardized().origin, (Point{0, 0}));
+  EXPECT_EQ((std::vector<double>{flipped.minX(), flipped.minY(), flipped.maxX(), flipped.maxY()}),
+            (std::vector<double>{0, 0, 10, 10}));
+  const struct {
+    Rect a, b;
+    bool contains;
+    Rect intersection;
+  } cases[] = {{Rect(0, 0, 20, 20), flipped, true, Rect(0, 0, 10, 10)},
+               {flipped, Rect(2, 2, 3, 3), true, Rect(2, 2, 3, 3)},
+               {flipped, Rect(5, 5, 10, 10), false, Rect(5, 5, 5, 5)},
+               {Rect(0, 0, 100, 100), Rect(0, 0, 100, 50), true, Rect(0, 0, 100, 50)},
+               {Rect(0, 0, 100, 100), Rect(50, 50, 50.5, 10), false, Rect(50, 50, 50, 10)},
+               {Rect(10, 10, 5, 5), Rect(0, 0, 100, 100), false, Rect(10, 10, 5, 5)},
+               {Rect(0, 0, 10, 10), Rect(10, 0, 10, 10), false, Rect::null()},
+               {Rect(0, 0, 10, 10), Rect(20, 20, 1, 1), false, Rect::null()},
+               {Rect(0, 0, 10, 10), Rect::null(), false, Rect::null()},
+               {Rect(), Rect(0, 0, 10, 10), false, Rect::null()}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(toString(c.a) + " and " + toString(c.b));
+    EXPECT_EQ(c.a.contains(c.b), c.contains);
+    EXPECT_EQ(c.a.intersects(c.b), !c.intersection.isNull());
+    EXPECT_EQ(c.a.intersection(c.b), c.intersection);
+  }
+  EXPECT_FALSE(Rect(0, 0, 100, 100).contains(Rect(-0.1, 0, 10, 10)));
+  EXPECT_FALSE(Rect::null() == Rect());
+  EXPECT_EQ(toString(Rect(-1, 0.1, 1e6, 2.5)), "{{-1, 0.1}, {1000000, 2.5}}");
+  EXPECT_TRUE(Rect(5, 5, 0, 3).isEmpty());
+  EXPECT_FALSE(Rect(5, 5, 1, 3).isEmpty());
 }
 
+// The integer view truncates toward zero, saturates where a double is out of range and takes
+// NaN as zero; the rect keeps the fractions.
 TEST(Region, IntegersTruncateTowardZeroAndRectKeepsFractions) {
+  constexpr double kInf = std::numeric_limits<double>::infinity();
+  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
   const Region r(Rect(0.9, -0.9, 10.99, 5.5));
-  expectIntegers(r, 0, 0, 10, 5);
+  EXPECT_EQ(integers(r), (Ints{0, 0, 10, 5}));
   EXPECT_EQ(r.rect(), Rect(0.9, -0.9, 10.99, 5.5));
-  expectIntegers(Region(Rect(-3.7, -0.2, -1.5, 2.999)), -3, 0, -1, 2);
-}
-
-TEST(Region, EqualityComparesTheDoubleViews) {
+  EXPECT_EQ(integers(Region(Rect(-3.7, -0.2, -1.5, 2.999))), (Ints{-3, 0, -1, 2}));
+  EXPECT_EQ(integers(Region(Rect(std::nan(""), kInf, -kInf, 1e300))), (Ints{0, kMax, kMin, kMax}));
+  // Scaling multiplies the integers, not a fractional rect, and truncates the exact products.
+  const Region scaled = Region::scaledRegionFromRegion(Region(3, 5, 7, 9), 1.5);
+  EXPECT_EQ(scaled.rect(), Rect(4.5, 7.5, 10.5, 13.5));
+  EXPECT_EQ(integers(scaled), (Ints{4, 7, 10, 13}));
+  EXPECT_EQ(Region::scaledRegionFromRegion(Region(Rect(1.9, 0, 1.9, 1)), 2).rect(),
+            Rect(2, 0, 2, 2));
+  EXPECT_EQ(integers(Region::scaledRegionFromRegion(Region(0, 1, -1, 2), kInf)),
+            (Ints{0, kMax, kMin, kMax}));
+  EXPECT_EQ(integers(Region::scaledRegionFromRegion(Region(1, 1, 1, 1), std::nan(""))), Ints(4));
+  // Equality compares the rects.
   EXPECT_FALSE(Region(0, 0, 10, 10) == Region(Rect(0.5, 0, 10, 10)));
-  EXPECT_EQ(Region(0, 0, 10, 10), Region(Rect(0, 0, 10, 10)));
 }
 
 TEST(Region, EmptyMeansTheAllZeroRectangleOnly) {
@@ -38,39 +83,28 @@ TEST(Region, EmptyMeansTheAllZeroRectangleOnly) {
   EXPECT_FALSE(Region(5, 5, 0, 0).isEmpty());
   Region r(1, 2, 3, 4);
   r.makeEmpty();
-  EXPECT_TRUE(r.isEmpty());
-  expectIntegers(r, 0, 0, 0, 0);
+  EXPECT_EQ(integers(r), Ints(4));
+  EXPECT_TRUE(RectangleSize::emptySize().isEmpty());
+  EXPECT_FALSE(RectangleSize(Size{0, 1}).isEmpty());
 }
 
-TEST(Region, SetRectLeavesTheIntegersAndTheWireFormAlone) {
+// setRect changes only the rect (the wire form writes the integers); setLocation keeps the
+// double size while setSize keeps the integer origin.
+TEST(Region, SettersChangeOnlyTheirOwnView) {
   Region r(1, 2, 3, 4);
   r.setRect(Rect(10.5, 20, 30, 40));
-  expectIntegers(r, 1, 2, 3, 4);
+  EXPECT_EQ(integers(r), (Ints{1, 2, 3, 4}));
   EXPECT_EQ(r.dictionary(), Json::parse(R"({"left":1,"top":2,"width":3,"height":4})"));
   EXPECT_EQ(r.description(), "{{10.5, 20}, {30, 40}}");
   r.updateWithRect(r.rect());
-  expectIntegers(r, 10, 20, 30, 40);
-}
+  EXPECT_EQ(integers(r), (Ints{10, 20, 30, 40}));
 
-TEST(Region, SetLocationKeepsDoubleSizeWhileSetSizeKeepsIntegerOrigin) {
-  Region r(Rect(1.5, 2.5, 3.5, 4.5));
-  r.setLocation(Point{7.25, 8.75});
-  EXPECT_EQ(r.rect(), Rect(7.25, 8.75, 3.5, 4.5));
-  expectIntegers(r, 7, 8, 3, 4);
-  r.setSize(Size{9.5, 10.5});
-  EXPECT_EQ(r.rect(), Rect(7, 8, 9.5, 10.5));
-  EXPECT_EQ(r.location(), (Point{7, 8}));
-  EXPECT_EQ(r.size(), (Size{9.5, 10.5}));
-}
-
-TEST(Region, ScalingTruncatesTheExactProducts) {
-  const Region scaled = Region::scaledRegionFromRegion(Region(3, 5, 7, 9), 1.5);
-  EXPECT_EQ(scaled.rect(), Rect(4.5, 7.5, 10.5, 13.5));
-  expectIntegers(scaled, 4, 7, 10, 13);
-  EXPECT_EQ(scaled.description(), "{{4.5, 7.5}, {10.5, 13.5}}");
-  // Scaling starts from the integers, not from a fractional rect.
-  Region fractional(Rect(1.9, 0, 1.9, 1));
-  EXPECT_EQ(Region::scaledRegionFromRegion(fractional, 2).rect(), Rect(2, 0, 2, 2));
+  Region moved(Rect(1.5, 2.5, 3.5, 4.5));
+  moved.setLocation(Point{7.25, 8.75});
+  EXPECT_EQ(moved.rect(), Rect(7.25, 8.75, 3.5, 4.5));
+  EXPECT_EQ(integers(moved), (Ints{7, 8, 3, 4}));
+  moved.setSize(Size{9.5, 10.5});
+  EXPECT_EQ(moved.rect(), Rect(7, 8, 9.5, 10.5));
 }
 
 TEST(Region, ContainsAndInsideAreMirrors) {
@@ -81,60 +115,33 @@ TEST(Region, ContainsAndInsideAreMirrors) {
   EXPECT_FALSE(r.containsRect(Rect(90, 90, 20, 20)));
 }
 
+// Intersections use the integer views: a region below one point wide after scaling, or NaN,
+// overlaps nothing there and gives the zero region.
 TEST(Region, IntersectionLogsAndUsesIntegerViews) {
-  test::LogCapture capture;
-  const Region a(Rect(0.5, 0.5, 10.9, 10.9));
-  const Region b(5, 5, 20, 20);
-  EXPECT_TRUE(Region::regionIsIntersectedWithRegion(a, b));
-  const Region i = Region::intersectionBetweenRegion(a, b);
-  EXPECT_EQ(i.rect(), Rect(5, 5, 5, 5));
-  EXPECT_THAT(capture.lines(),
-              ::testing::ElementsAre("[BrixtelLumo] intersecting this region "
-                                     "({{0.5, 0.5}, {10.9, 10.9}}) with {{5, 5}, {20, 20}} ..."));
-}
-
-TEST(Region, DisjointOrMissingRegionsIntersectToTheZeroRegion) {
-  test::LogCapture capture;
-  const Region a(0, 0, 10, 10);
-  const Region far(50, 50, 10, 10);
-  EXPECT_FALSE(Region::regionIsIntersectedWithRegion(a, far));
-  EXPECT_TRUE(Region::intersectionBetweenRegion(a, far).isEmpty());
-  EXPECT_FALSE(Region::regionIsIntersectedWithRegion(Region(), a));
-  EXPECT_TRUE(Region::intersectionBetweenRegion(Region(), a).isEmpty());
-}
-
-// Heights and scales may be NaN or infinite; their integer views must still be defined.
-TEST(Region, UnrepresentableDoublesSaturateAndNaNTruncatesToZero) {
-  constexpr double kInf = std::numeric_limits<double>::infinity();
-  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
-  constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
-  expectIntegers(Region(Rect(std::nan(""), kInf, -kInf, 1e300)), 0, kMax, kMin, kMax);
-  expectIntegers(Region::scaledRegionFromRegion(Region(0, 1, -1, 2), kInf), 0, kMax, kMin, kMax);
-  expectIntegers(Region::scaledRegionFromRegion(Region(1, 1, 1, 1), std::nan("")), 0, 0, 0, 0);
-}
-
-TEST(Region, IntersectionWhoseIntegerViewIsEmptyIsTheZeroRegion) {
-  test::LogCapture capture;
-  // Below one point wide after scaling: the doubles overlap, the integers do not.
-  const Region thin = Region::scaledRegionFromRegion(Region(10, 10, 1, 1), 0.5);
   const Region bounds(0, 0, 100, 100);
-  EXPECT_TRUE(Region::regionIsIntersectedWithRegion(thin, bounds));
-  EXPECT_TRUE(Region::intersectionBetweenRegion(thin, bounds).isEmpty());
+  const Region thin = Region::scaledRegionFromRegion(Region(10, 10, 1, 1), 0.5);
   const Region nan = Region::scaledRegionFromRegion(Region(10, 10, 20, 20), std::nan(""));
-  EXPECT_FALSE(Region::regionIsIntersectedWithRegion(nan, bounds));
-  EXPECT_TRUE(Region::intersectionBetweenRegion(nan, bounds).isEmpty());
-}
-
-TEST(RectangleSize, EqualityAndEmptiness) {
-  const RectangleSize s(Size{375, 667});
-  EXPECT_DOUBLE_EQ(s.width(), 375);
-  EXPECT_DOUBLE_EQ(s.height(), 667);
-  EXPECT_EQ(s.size(), (Size{375, 667}));
-  EXPECT_EQ(s, RectangleSize(Size{375, 667}));
-  EXPECT_FALSE(s == RectangleSize(Size{667, 375}));
-  EXPECT_TRUE(RectangleSize::emptySize().isEmpty());
-  EXPECT_FALSE(RectangleSize(Size{0, 1}).isEmpty());
+  const struct {
+    Region a, b;
+    bool intersected;
+    Region intersection;
+  } cases[] = {{Region(Rect(0.5, 0.5, 10.9, 10.9)), Region(5, 5, 20, 20), true, Region(5, 5, 5, 5)},
+               {Region(0, 0, 10, 10), Region(50, 50, 10, 10), false, Region()},
+               {Region(), Region(0, 0, 10, 10), false, Region()},
+               {thin, bounds, true, Region()},
+               {nan, bounds, false, Region()}};
+  LogCapture capture;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.a.description());
+    EXPECT_EQ(Region::regionIsIntersectedWithRegion(c.a, c.b), c.intersected);
+    EXPECT_EQ(Region::intersectionBetweenRegion(c.a, c.b), c.intersection);
+  }
+  EXPECT_THAT(
+      capture.lines(),
+      ::testing::Contains(
+          "[BrixtelLumo] intersecting this region ({{0.5, 0.5}, {10.9, 10.9}}) with {{5, 5}, "
+          "{20, 20}} ..."));
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

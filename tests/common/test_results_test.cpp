@@ -4,34 +4,33 @@
 
 #include <limits>
 #include <string>
+#include <vector>
 
-namespace lumo {
+namespace lumo::test {
 namespace {
+
+using Counts = std::vector<std::int64_t>;
+using Texts = std::vector<std::optional<std::string>>;
 
 TestResults read(const char* text) { return TestResults(Json::parse(text)); }
 
+// Only the exact texts count: "Unresolved", wrong case and the empty text are unresolved, never
+// passed; a missing status counts as passed.
 TEST(TestResults, StatusComesFromTheExactText) {
-  EXPECT_EQ(read(R"({"status":"Passed"})").status(), TestResultsStatusPassed);
-  EXPECT_TRUE(read(R"({"status":"Passed"})").isPassed());
-  EXPECT_EQ(read(R"({"status":"Failed"})").status(), TestResultsStatusFailed);
-  for (const char* text : {R"({"status":"passed"})", R"({"status":"FAILED"})", R"({"status":""})",
-                           R"({"status":"Unresolved"})"}) {
-    const TestResults results = read(text);
-    EXPECT_EQ(results.status(), TestResultsStatusUnresolved) << text;
-    EXPECT_FALSE(results.isPassed()) << text;
+  const std::pair<const char*, TestResultsStatus> cases[] = {
+      {R"({"status":"Passed"})", TestResultsStatusPassed},
+      {R"({"status":"Failed"})", TestResultsStatusFailed},
+      {R"({"status":"Unresolved"})", TestResultsStatusUnresolved},
+      {R"({"status":"passed"})", TestResultsStatusUnresolved},
+      {R"({"status":"FAILED"})", TestResultsStatusUnresolved},
+      {R"({"status":""})", TestResultsStatusUnresolved},
+      {R"({"status":null})", TestResultsStatusPassed}};
+  for (const auto& [text, status] : cases) {
+    EXPECT_EQ(read(text).status(), status) << text;
+    EXPECT_EQ(read(text).isPassed(), status == TestResultsStatusPassed) << text;
   }
   EXPECT_EQ(TestResults::statusFromString(std::nullopt), TestResultsStatusUnresolved);
-}
 
-TEST(TestResults, MissingStatusCountsAsPassedAndIsNotWritten) {
-  for (const TestResults& results : {TestResults(), read("{}"), read(R"({"status":null})")}) {
-    EXPECT_TRUE(results.isPassed());
-    EXPECT_EQ(results.statusString(), std::nullopt);
-    EXPECT_FALSE(results.dictionary().contains("status"));
-  }
-}
-
-TEST(TestResults, StatusStringCanChangeWithoutChangingStatus) {
   TestResults results = read(R"({"status":"Failed"})");
   results.setStatusString("Passed");
   EXPECT_EQ(results.status(), TestResultsStatusFailed);
@@ -42,7 +41,6 @@ TEST(TestResults, UrlIsTheApiSessionLinkOnlyWhenAppUrlsArePresent) {
   EXPECT_EQ(read(R"({"apiUrls":{"session":"S"},"appUrls":{}})").url(), "S");
   EXPECT_EQ(read(R"({"apiUrls":{"session":"S"}})").url(), std::nullopt);
   EXPECT_EQ(read(R"({"appUrls":{"session":"A"}})").url(), std::nullopt);
-  EXPECT_EQ(read(R"({"appUrls":{"session":"A"},"apiUrls":{"session":"S"}})").url(), "S");
   EXPECT_FALSE(read(R"({"apiUrls":{"session":"S"},"appUrls":{}})").dictionary().contains("url"));
 }
 
@@ -59,40 +57,27 @@ TEST(TestResults, ReadsEveryField) {
     "defaultMatchSettings": {"matchLevel": "Strict"},
     "stepsInfo": [{"name": "one"}, {"name": "two", "isDifferent": true}],
     "unknown": {"ignored": true}})");
-  EXPECT_EQ(r.steps(), 3);
-  EXPECT_EQ(r.matches(), 2);
-  EXPECT_EQ(r.mismatches(), 1);
-  EXPECT_EQ(r.missing(), 4);
-  EXPECT_EQ(r.exactMatches(), 5);
-  EXPECT_EQ(r.strictMatches(), 6);
-  EXPECT_EQ(r.contentMatches(), 7);
-  EXPECT_EQ(r.layoutMatches(), 8);
-  EXPECT_EQ(r.noneMatches(), 9);
-  EXPECT_TRUE(r.isNew());
+  EXPECT_EQ((Counts{r.steps(), r.matches(), r.mismatches(), r.missing(), r.exactMatches(),
+                    r.strictMatches(), r.contentMatches(), r.layoutMatches(), r.noneMatches(),
+                    r.duration()}),
+            (Counts{3, 2, 1, 4, 5, 6, 7, 8, 9, 12}));
+  EXPECT_EQ((Texts{r.name(), r.secretToken(), r.resultsId(), r.appName(), r.batchName(),
+                   r.batchId(), r.branchName(), r.hostOS(), r.hostApp(), r.startedAt(), r.url()}),
+            (Texts{"Login", "tok", "r1", "Shop", "nightly", "b1", "main", "Linux", "app",
+                   "2026-11-22T11:21:53Z", "ps"}));
+  EXPECT_TRUE(r.isNew() && r.isDifferent() && r.isAborted());
   EXPECT_EQ(r.status(), TestResultsStatusUnresolved);
-  EXPECT_EQ(r.name(), "Login");
-  EXPECT_EQ(r.secretToken(), "tok");
-  EXPECT_EQ(r.resultsId(), "r1");
-  EXPECT_EQ(r.appName(), "Shop");
-  EXPECT_EQ(r.batchName(), "nightly");
-  EXPECT_EQ(r.batchId(), "b1");
-  EXPECT_EQ(r.branchName(), "main");
-  EXPECT_EQ(r.hostOS(), "Linux");
-  EXPECT_EQ(r.hostApp(), "app");
   EXPECT_EQ(r.hostDisplaySize(), (Size{375, 667}));
-  EXPECT_EQ(r.startedAt(), "2026-11-22T11:21:53Z");
-  EXPECT_EQ(r.duration(), 12);
-  EXPECT_TRUE(r.isDifferent());
-  EXPECT_TRUE(r.isAborted());
   EXPECT_EQ(r.appUrls()->session(), "as");
   EXPECT_EQ(r.apiUrls()->batch(), "pb");
-  EXPECT_EQ(r.url(), "ps");
   EXPECT_EQ(r.defaultMatchSettings()->matchLevel(), "Strict");
   ASSERT_EQ(r.stepsInfo()->size(), 2u);
   EXPECT_EQ((*r.stepsInfo())[1].name(), "two");
   EXPECT_TRUE((*r.stepsInfo())[1].isDifferent());
 }
 
+// The application links go under "appName", the host app and most texts are never written,
+// and the display size goes through single precision.
 TEST(TestResults, WriterKeepsItsDeliberateAsymmetries) {
   const TestResults r = read(R"({
     "appName": "Shop", "appUrls": {"batch": "ab"}, "apiUrls": {"session": "ps"},
@@ -109,53 +94,27 @@ TEST(TestResults, WriterKeepsItsDeliberateAsymmetries) {
   EXPECT_EQ(Json::parse(r.description()), expected);
 }
 
-TEST(TestResults, DefaultRecordWritesOnlyTheAlwaysPresentEntries) {
-  const Json expected = Json::parse(R"({
+// Servers that send nulls, the wrong JSON types or no object at all must never crash the
+// reader: such values keep their defaults, and a missing status is neither kept nor written.
+TEST(TestResults, MissingAndBadValuesKeepDefaults) {
+  const Json defaults = Json::parse(R"({
     "contentMatches": 0, "duration": 0, "exactMatches": 0,
     "hostDisplaySize": {"width": 0, "height": 0}, "isAborted": false, "isDifferent": false,
     "isNew": false, "layoutMatches": 0, "matches": 0, "mismatches": 0, "missing": 0,
     "noneMatches": 0, "steps": 0, "strictMatches": 0})");
-  EXPECT_EQ(TestResults().dictionary(), expected);
-  EXPECT_EQ(TestResults().stepsInfo(), std::nullopt);
-}
-
-TEST(TestResults, HostDisplaySizeGoesThroughSinglePrecision) {
-  const Size size = TestResults::hostDisplaySizeFromDictionary(Json::parse(R"({"width":1125.7})"));
-  EXPECT_EQ(size.width, 1125.699951171875);
-  EXPECT_EQ(size.height, 0);
-  EXPECT_EQ(TestResults::dictionaryFromHostDisplaySize(Size{1.5, 2}),
-            Json::parse(R"({"width":1.5,"height":2})"));
-}
-
-// Servers that send nulls or the wrong JSON types must never crash the reader: such values
-// keep their defaults.
-TEST(TestResults, BadValuesKeepDefaults) {
-  const TestResults r = read(R"({
+  const char* badTypes = R"({
     "steps": "3", "matches": null, "mismatches": [1], "isNew": "true", "status": 2,
     "name": 7, "appName": null, "hostDisplaySize": [375, 667], "duration": {"s": 1},
     "apiUrls": "S", "appUrls": [], "defaultMatchSettings": true, "stepsInfo": {"0": {}},
-    "isDifferent": null})");
-  EXPECT_EQ(r.steps(), 0);
-  EXPECT_EQ(r.matches(), 0);
-  EXPECT_EQ(r.mismatches(), 0);
-  EXPECT_FALSE(r.isNew());
-  EXPECT_TRUE(r.isPassed());
-  EXPECT_EQ(r.statusString(), std::nullopt);
-  EXPECT_EQ(r.name(), std::nullopt);
-  EXPECT_EQ(r.appName(), std::nullopt);
-  EXPECT_EQ(r.hostDisplaySize(), (Size{0, 0}));
-  EXPECT_EQ(r.duration(), 0);
-  EXPECT_EQ(r.apiUrls(), std::nullopt);
-  EXPECT_EQ(r.appUrls(), std::nullopt);
-  EXPECT_EQ(r.url(), std::nullopt);
-  EXPECT_EQ(r.defaultMatchSettings(), std::nullopt);
-  EXPECT_EQ(r.stepsInfo(), std::nullopt);
-  EXPECT_EQ(r.dictionary(), TestResults().dictionary());
-}
-
-TEST(TestResults, NonObjectAnswersGiveDefaultRecords) {
-  for (const char* text : {"null", "[]", "\"Passed\"", "42", "[{\"status\":\"Failed\"}]"}) {
-    EXPECT_EQ(read(text).dictionary(), TestResults().dictionary()) << text;
+    "isDifferent": null})";
+  EXPECT_EQ(TestResults().dictionary(), defaults);
+  for (const char* text : {badTypes, "{}", R"({"status":null})", "null", "[]", "\"Passed\"", "42",
+                           "[{\"status\":\"Failed\"}]"}) {
+    const TestResults r = read(text);
+    EXPECT_EQ(r.dictionary(), defaults) << text;
+    EXPECT_TRUE(r.isPassed()) << text;
+    EXPECT_EQ((Texts{r.statusString(), r.name(), r.appName(), r.url()}), Texts(4)) << text;
+    EXPECT_FALSE(r.defaultMatchSettings() || r.stepsInfo() || r.apiUrls()) << text;
   }
 }
 
@@ -163,11 +122,9 @@ TEST(TestResults, NumbersConvertLikeThePlatform) {
   const TestResults r = read(R"({"steps": 3.9, "matches": -2.7, "missing": true,
       "mismatches": 1e300, "noneMatches": 18446744073709551615, "isNew": 0.5,
       "isAborted": 0})");
-  EXPECT_EQ(r.steps(), 3);
-  EXPECT_EQ(r.matches(), -2);
-  EXPECT_EQ(r.missing(), 1);
-  EXPECT_EQ(r.mismatches(), std::numeric_limits<std::int64_t>::max());
-  EXPECT_EQ(r.noneMatches(), std::numeric_limits<std::int64_t>::max());
+  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  EXPECT_EQ((Counts{r.steps(), r.matches(), r.missing(), r.mismatches(), r.noneMatches()}),
+            (Counts{3, -2, 1, kMax, kMax}));
   EXPECT_TRUE(r.isNew());
   EXPECT_FALSE(r.isAborted());
 }
@@ -176,36 +133,26 @@ TEST(StepInfo, ReadsAndWritesItsLinksAndFlags) {
   const StepInfo step(Json::parse(R"({"apiUrls": {"baselineImage": "b", "diffImage": "d"},
       "appUrls": {"step": "s"}, "name": "one", "hasBaselineImage": true,
       "hasCurrentImage": 1, "isDifferent": false})"));
-  EXPECT_EQ(step.apiUrls()->currentImage(), std::nullopt);
-  EXPECT_EQ(step.appUrls()->step(), "s");
   EXPECT_EQ(step.dictionary(), Json::parse(R"({"apiUrls": {"baselineImage": "b", "diffImage": "d"},
       "appUrls": {"step": "s"}, "hasBaselineImage": true, "hasCurrentImage": true,
       "isDifferent": false, "name": "one"})"));
   EXPECT_EQ(
       StepInfo(Json::parse("7")).dictionary(),
       Json::parse(R"({"hasBaselineImage":false,"hasCurrentImage":false,"isDifferent":false})"));
-}
-
-TEST(UrlRecords, WriteOnlyWhatIsSet) {
+  // Link records write only what is set.
   EXPECT_EQ(AppUrls().dictionary(), Json::object());
-  EXPECT_EQ(AppUrls(Json::parse(R"({"step":"s"})")).dictionary(), Json::parse(R"({"step":"s"})"));
   EXPECT_EQ(SessionUrls(Json::parse(R"({"batch":"b","session":null})")).dictionary(),
             Json::parse(R"({"batch":"b"})"));
   EXPECT_EQ(ApiUrls(Json::parse(R"({"currentImage":"c","x":"y"})")).dictionary(),
             Json::parse(R"({"currentImage":"c"})"));
 }
 
+// The flag is read and written as "remainder"; the scale goes through single precision.
 TEST(DefaultMatchSettings, ReadsFlagsAndKeepsTheRemainderSpelling) {
   const DefaultMatchSettings s(Json::parse(R"({"remainder": true, "splitTopHeight": 40,
       "splitBottomHeight": 0, "scale": 0.1, "ignoreCaret": true, "matchLevel": "Layout2",
       "ignore": [{"left": 5, "width": 10}]})"));
   EXPECT_TRUE(s.reminder());
-  EXPECT_TRUE(s.splitTopHeight());
-  EXPECT_FALSE(s.splitBottomHeight());
-  EXPECT_EQ(s.scale(), static_cast<double>(0.1f));
-  EXPECT_EQ(s.matchLevel(), "Layout2");
-  ASSERT_EQ(s.ignore()->size(), 1u);
-  EXPECT_EQ((*s.ignore())[0], Region(5, 0, 10, 0));
   EXPECT_EQ(s.dictionary(),
             (Json{{"ignore", Json::parse(R"([{"left":5,"top":0,"width":10,"height":0}])")},
                   {"ignoreCaret", true},
@@ -214,29 +161,15 @@ TEST(DefaultMatchSettings, ReadsFlagsAndKeepsTheRemainderSpelling) {
                   {"scale", static_cast<double>(0.1f)},
                   {"splitBottomHeight", false},
                   {"splitTopHeight", true}}));
-}
-
-TEST(DefaultMatchSettings, FloatingRegionsLoseTheirOffsetsAndEveryEntryCounts) {
-  const DefaultMatchSettings s(Json::parse(R"({"floating": [
+  // Floating regions lose their offsets, and every entry counts.
+  const DefaultMatchSettings floating(Json::parse(R"({"floating": [
       {"left": 1, "top": 2, "width": 3, "height": 4, "maxUpOffset": 9},
-      "not an object", {"left": "5"}, {}], "content": [], "layout": null})"));
-  ASSERT_EQ(s.floating()->size(), 4u);
-  EXPECT_EQ(s.dictionary()["floating"], Json::parse(R"([
+      "not an object", {"left": "5"}], "content": [], "layout": null})"));
+  EXPECT_EQ(floating.dictionary(), Json::parse(R"({"content": [], "floating": [
       {"left":1,"top":2,"width":3,"height":4}, {"left":0,"top":0,"width":0,"height":0},
-      {"left":0,"top":0,"width":0,"height":0}, {"left":0,"top":0,"width":0,"height":0}])"));
-  EXPECT_EQ(s.content(), std::vector<Region>{});
-  EXPECT_EQ(s.layout(), std::nullopt);
-  EXPECT_FALSE(s.dictionary().contains("layout"));
-  EXPECT_EQ(s.dictionary()["content"], Json::array());
-}
-
-TEST(DefaultMatchSettings, RegionListHelpersRoundTrip) {
-  const std::vector<Region> regions{Region(1, 2, 3, 4), Region(-1, 0, 0, 7)};
-  EXPECT_EQ(DefaultMatchSettings::regionsFromDictionaries(
-                DefaultMatchSettings::dictionariesFromRegions(regions)),
-            regions);
-  EXPECT_TRUE(DefaultMatchSettings::regionsFromDictionaries(Json::object()).empty());
+      {"left":0,"top":0,"width":0,"height":0}], "ignoreCaret": false, "remainder": false,
+      "scale": 0, "splitBottomHeight": false, "splitTopHeight": false})"));
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace lumo {
+namespace lumo::test {
 namespace {
 
 ImagePtr numbered(int width, int height) {
@@ -40,4 +40,4 @@ TEST(PixelCropper, NegativeEmptyOrOutsideCropsGiveAnEmptyImage) {
 }
 
 }  // namespace
-}  // namespace lumo
+}  // namespace lumo::test
