@@ -154,8 +154,8 @@ std::optional<Image> decodePngImage(std::string_view png, std::uint64_t maxPixel
   }
 }
 
-std::string encodePngImage(const Image& image) {
-  const std::vector<std::uint8_t> bytes = encodePng(image);
+std::string encodePngImage(const Image& image, PngCompression compression) {
+  const std::vector<std::uint8_t> bytes = encodePng(image, compression);
   return std::string(bytes.begin(), bytes.end());
 }
 

@@ -30,6 +30,8 @@ bool pngDataCanFill(std::string_view png);
 std::optional<Image> decodePngImage(std::string_view png,
                                     std::uint64_t maxPixels = kDefaultMaxPngPixels);
 
-std::string encodePngImage(const Image& image);
+// A PNG of `image`; `compression` Fast for images made for review pages.
+std::string encodePngImage(const Image& image,
+                           PngCompression compression = PngCompression::Balanced);
 
 }  // namespace lumo::server::detail

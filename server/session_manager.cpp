@@ -352,8 +352,8 @@ bool SessionManager::match(const std::string& sessionId, Json matchData, std::st
               if (!result.complete) {
                 result = comparer_.compare(*baseline, *image, settings);
               }
-              const std::string diff = store_.putImage(
-                  detail::encodePngImage(comparer_.diffImage(*baseline, *image, settings, result)));
+              const std::string diff = store_.putImage(detail::encodePngImage(
+                  comparer_.diffImage(*baseline, *image, settings, result), PngCompression::Fast));
               store_.completeStep(sessionId, position, diff, result.boxes);
             };
           }

@@ -75,6 +75,13 @@ inline float colourDelta(const std::uint8_t* p, const std::uint8_t* q) {
 
 // Signed brightness difference of two RGBA pixels.
 inline float brightnessDelta(const std::uint8_t* p, const std::uint8_t* q) {
+  if ((p[3] & q[3]) == 255) {
+    // Both opaque, as screens are: composing over white keeps each channel as it is, so the
+    // integer differences give the same value without the conversions.
+    return static_cast<float>(p[0] - q[0]) * 0.29889531f +
+           static_cast<float>(p[1] - q[1]) * 0.58662247f +
+           static_cast<float>(p[2] - q[2]) * 0.11448223f;
+  }
   const float dr = onWhite(p[0], p[3]) - onWhite(q[0], q[3]);
   const float dg = onWhite(p[1], p[3]) - onWhite(q[1], q[3]);
   const float db = onWhite(p[2], p[3]) - onWhite(q[2], q[3]);

@@ -18,9 +18,14 @@ class PngError : public std::runtime_error {
 
 inline constexpr std::uint64_t kDefaultMaxPngPixels = 100'000'000;
 
+// How hard the PNG encoder compresses: the size a checkpoint sends, or the time of an image
+// only a person looks at later.
+enum class PngCompression { Balanced, Fast };
+
 // Encodes a standard 8-bit PNG: RGB when every pixel is opaque, RGBA otherwise. Tuned for
 // screenshots (flat areas, text): the checkpoint's hot path.
-std::vector<std::uint8_t> encodePng(const Image& image);
+std::vector<std::uint8_t> encodePng(const Image& image,
+                                    PngCompression compression = PngCompression::Balanced);
 
 // Decodes any valid PNG (palette, grey, 16-bit, interlaced, transparency) to RGBA. Throws
 // PngError for corrupt or truncated data and for images of more than `maxPixels` pixels.
