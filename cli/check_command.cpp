@@ -42,7 +42,7 @@ class CheckpointSource : public ScreenshotSource {
   CapturedScreen screen_;
 };
 
-// The file's pixels with its bytes, which a checkpoint that keeps the pixels sends as they are.
+// The file's bytes, which a checkpoint that keeps the screen as it is sends as they are.
 CapturedScreen readPng(const std::filesystem::path& file) {
   std::ifstream in(file, std::ios::binary);
   if (!in) {
@@ -54,17 +54,27 @@ CapturedScreen readPng(const std::filesystem::path& file) {
     throw UsageError(fmt::format("cannot read image {}", file.string()));
   }
   try {
-    auto image = std::make_shared<const Image>(decodePng(bytes));
-    return {std::move(image), std::make_shared<const std::vector<std::uint8_t>>(std::move(bytes))};
+    checkPng(bytes);
   } catch (const PngError& e) {
     throw UsageError(fmt::format("cannot read image {}: {}", file.string(), e.what()));
   }
+  // Decoded only if the checkpoint needs the pixels (a region, a status-bar cut, a scale).
+  return {nullptr, std::make_shared<const std::vector<std::uint8_t>>(std::move(bytes))};
+}
+
+// A screen's size in pixels, from its header when it is not decoded.
+Size pixelSize(const CapturedScreen& screen) {
+  if (screen.image) {
+    return {static_cast<double>(screen.image->width()),
+            static_cast<double>(screen.image->height())};
+  }
+  const auto [width, height] = checkPng(*screen.png);
+  return {static_cast<double>(width), static_cast<double>(height)};
 }
 
 // The target region must lie on every screen, or the library would fail mid-test.
-void checkRegionFits(const Region& region, const Image& image, double scale,
-                     std::string_view screen) {
-  const Rect bounds(0, 0, image.width() / scale, image.height() / scale);
+void checkRegionFits(const Region& region, Size pixels, double scale, std::string_view screen) {
+  const Rect bounds(0, 0, pixels.width / scale, pixels.height / scale);
   if (!bounds.contains(region.rect())) {
     throw UsageError(fmt::format("--region {},{},{},{} does not lie on {} ({}x{} points)",
                                  region.left(), region.top(), region.width(), region.height(),
@@ -187,13 +197,13 @@ int runTest(const CheckOptions& o, std::ostream& out, std::ostream& err, TestRep
       const std::string screen = o.captureCommand || o.checkpoints[i].image
                                      ? fmt::format("the screen \"{}\"", o.checkpoints[i].tag)
                                      : o.checkpoints[i].file.string();
-      checkRegionFits(*o.targetRegion, *screens[i].image, o.scale, screen);
+      checkRegionFits(*o.targetRegion, pixelSize(screens[i]), o.scale, screen);
     }
   }
   source->setScaleRatio(o.scale);
   source->setStatusBarHeight(o.statusBarHeight);
-  const Size viewport = o.viewport.value_or(
-      Size{screens.front().image->width() / o.scale, screens.front().image->height() / o.scale});
+  const Size first = pixelSize(screens.front());
+  const Size viewport = o.viewport.value_or(Size{first.width / o.scale, first.height / o.scale});
 
   Lumo lumo(o.serverURL, source);
   configure(lumo, o);

@@ -11,12 +11,12 @@
 
 namespace lumo {
 
-// One capture: the screen's pixels and, when the source read them from a PNG, that PNG's bytes.
-// The bytes decode to exactly these pixels, so a checkpoint that keeps the pixels as they are
-// sends them instead of encoding the image again.
+// One capture: the screen's pixels, its PNG's bytes, or both (then the bytes decode to exactly
+// those pixels). A checkpoint that keeps the screen as it is sends the PNG instead of encoding
+// the pixels again, and decodes a PNG given alone only when it needs the pixels.
 struct CapturedScreen {
-  ImagePtr image;
-  PngBytes png;  // null when the source had no PNG
+  ImagePtr image;  // null when the source gives only the PNG
+  PngBytes png;    // null when the source had no PNG
 };
 
 // Where the `Lumo` flavour gets the screen: captures it as an image in pixels and knows its
@@ -28,7 +28,7 @@ class ScreenshotSource {
 
   // The current screen. Throws lumo::Exception ("ScreenshotException") when it cannot be had.
   virtual ImagePtr capture() = 0;
-  // The current screen with the PNG it came as; the default has no PNG. Throws as capture().
+  // The current screen, with the PNG it came as; the default has no PNG. Throws as capture().
   virtual CapturedScreen captureScreen() { return {capture(), nullptr}; }
 
   double scaleRatio() const { return scaleRatio_; }
@@ -69,7 +69,8 @@ class PngFileScreenshotSource : public ScreenshotSource {
   explicit PngFileScreenshotSource(std::vector<std::filesystem::path> files);
 
   // Throws when the file cannot be read or is not a valid PNG.
-  ImagePtr capture() override { return captureScreen().image; }
+  ImagePtr capture() override;
+  // The file's bytes alone, their structure checked (chunks and CRCs); not decoded.
   CapturedScreen captureScreen() override;
 
  private:
@@ -84,7 +85,8 @@ class CommandScreenshotSource : public ScreenshotSource {
   explicit CommandScreenshotSource(std::string command);
 
   // Throws when the command fails or prints no valid PNG; the message quotes the command.
-  ImagePtr capture() override { return captureScreen().image; }
+  ImagePtr capture() override;
+  // The printed bytes alone, their structure checked (chunks and CRCs); not decoded.
   CapturedScreen captureScreen() override;
 
   const std::string& command() const { return command_; }

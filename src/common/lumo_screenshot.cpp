@@ -5,8 +5,21 @@
 
 namespace lumo {
 
+const ImagePtr& LumoScreenshot::image() const {
+  if (!image_ && png_) {
+    image_ = std::make_shared<const Image>(decodePng(*png_));
+  }
+  return image_;
+}
+
 Size LumoScreenshot::size() const {
-  if (!image_) return {};
+  if (!image_ && png_) {
+    const auto [width, height] = checkPng(*png_);
+    return {static_cast<double>(width), static_cast<double>(height)};
+  }
+  if (!image_) {
+    return {};
+  }
   return {static_cast<double>(image_->width()), static_cast<double>(image_->height())};
 }
 
@@ -28,20 +41,20 @@ void LumoScreenshot::cropStatusBarWithHeight(double height, double scale) {
 }
 
 std::shared_ptr<LumoScreenshot> LumoScreenshot::downscale(double /*scale*/) {
-  return std::make_shared<LumoScreenshot>(image_, png_);
+  return std::make_shared<LumoScreenshot>(image_, png_);  // still undecoded, if it was
 }
 
 void LumoScreenshot::replaceWithCrop(const Region& region) {
   // Nothing to cut: the image stays, and so do the bytes that can be sent for it.
   const Size bounds = size();
   const Rect& rect = region.rect();
-  if (image_ && rect.origin.x == 0 && rect.origin.y == 0 && rect.size.width == bounds.width &&
-      rect.size.height == bounds.height) {
+  if ((image_ || png_) && rect.origin.x == 0 && rect.origin.y == 0 &&
+      rect.size.width == bounds.width && rect.size.height == bounds.height) {
     return;
   }
-  png_ = nullptr;
   auto cropper = imageCropper();
-  image_ = cropper ? cropper->cropRegion(region, image_) : nullptr;
+  image_ = cropper ? cropper->cropRegion(region, image()) : nullptr;
+  png_ = nullptr;
 }
 
 }  // namespace lumo

@@ -16,12 +16,15 @@ namespace lumo {
 // supplies. Held as std::shared_ptr<LumoScreenshot>; used on the test thread.
 class LumoScreenshot {
  public:
-  // `png`, when given, must decode to exactly `image`.
+  // `png`, when given, must decode to exactly `image`. With a PNG and no image, the PNG is
+  // decoded when the pixels are first needed: a checkpoint that sends the PNG as it is never
+  // needs them.
   explicit LumoScreenshot(ImagePtr image, PngBytes png = nullptr)
       : image_(std::move(image)), png_(std::move(png)) {}
   virtual ~LumoScreenshot() = default;
 
-  const ImagePtr& image() const { return image_; }
+  // The pixels, decoded now if the capture gave only a PNG (PngError if it does not decode).
+  const ImagePtr& image() const;
   // The PNG the image was decoded from, while the image is still exactly that; null once a
   // crop or a downscale has changed it.
   const PngBytes& png() const { return png_; }
@@ -42,13 +45,15 @@ class LumoScreenshot {
   virtual std::shared_ptr<LumoScreenshot> downscale(double scale);
 
  protected:
+  // The pixels if they are at hand, without decoding the PNG; null otherwise.
+  const ImagePtr& decodedImage() const { return image_; }
   // The cropper the crops use; none here, so crops leave no image.
   virtual std::shared_ptr<const ImageCropper> imageCropper() const { return nullptr; }
 
  private:
   void replaceWithCrop(const Region& region);
 
-  ImagePtr image_;
+  mutable ImagePtr image_;
   PngBytes png_;
 };
 

@@ -35,6 +35,9 @@ Taps areaTaps(int inSize, int outSize) {
 }  // namespace
 
 std::shared_ptr<LumoScreenshot> ScaledScreenshot::downscale(double scale) {
+  if (!(scale > 1.0)) {
+    return std::make_shared<ScaledScreenshot>(decodedImage(), png());
+  }
   ImagePtr scaled = areaAverage(image(), scale);
   PngBytes png = scaled == image() ? this->png() : nullptr;
   return std::make_shared<ScaledScreenshot>(std::move(scaled), std::move(png));

@@ -20,12 +20,23 @@ Exception screenshotError(std::string reason) {
   return Exception(kScreenshotException, std::move(reason));
 }
 
-CapturedScreen decodeScreen(std::vector<std::uint8_t> bytes, const std::string& origin) {
+// The PNG as it came: its structure is checked here, its pixels decoded only if a checkpoint
+// needs them (one that sends the PNG as it is does not).
+CapturedScreen checkedScreen(std::vector<std::uint8_t> bytes, const std::string& origin) {
   try {
-    auto image = std::make_shared<const Image>(decodePng(bytes));
-    return {std::move(image), std::make_shared<const std::vector<std::uint8_t>>(std::move(bytes))};
+    checkPng(bytes);
   } catch (const std::exception& error) {
     throw screenshotError(origin + " is not a valid PNG: " + error.what());
+  }
+  return {nullptr, std::make_shared<const std::vector<std::uint8_t>>(std::move(bytes))};
+}
+
+// The pixels of a capture that gave only its PNG.
+ImagePtr decoded(const CapturedScreen& screen) {
+  try {
+    return std::make_shared<const Image>(decodePng(*screen.png));
+  } catch (const std::exception& error) {
+    throw screenshotError(std::string("The screenshot is not a valid PNG: ") + error.what());
   }
 }
 
@@ -54,6 +65,8 @@ ImagePtr MemoryScreenshotSource::capture() {
 PngFileScreenshotSource::PngFileScreenshotSource(std::vector<std::filesystem::path> files)
     : files_(std::move(files)) {}
 
+ImagePtr PngFileScreenshotSource::capture() { return decoded(captureScreen()); }
+
 CapturedScreen PngFileScreenshotSource::captureScreen() {
   if (files_.empty()) {
     throw screenshotError("No screenshot file was given");
@@ -68,11 +81,13 @@ CapturedScreen PngFileScreenshotSource::captureScreen() {
   }
   std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)),
                                   std::istreambuf_iterator<char>());
-  return decodeScreen(std::move(bytes), path.string());
+  return checkedScreen(std::move(bytes), path.string());
 }
 
 CommandScreenshotSource::CommandScreenshotSource(std::string command)
     : command_(std::move(command)) {}
+
+ImagePtr CommandScreenshotSource::capture() { return decoded(captureScreen()); }
 
 CapturedScreen CommandScreenshotSource::captureScreen() {
   FILE* pipe = popen(command_.c_str(), "r");
@@ -92,7 +107,7 @@ CapturedScreen CommandScreenshotSource::captureScreen() {
                                : std::string("did not exit normally")) +
                           "): " + command_);
   }
-  return decodeScreen(std::move(bytes), "The output of '" + command_ + "'");
+  return checkedScreen(std::move(bytes), "The output of '" + command_ + "'");
 }
 
 }  // namespace lumo

@@ -420,4 +420,53 @@ Image decodePng(std::span<const std::uint8_t> bytes, std::uint64_t maxPixels) {
                std::move(state.pixels));
 }
 
+std::pair<int, int> checkPng(std::span<const std::uint8_t> bytes, std::uint64_t maxPixels) {
+  if (bytes.size() < sizeof kSignature ||
+      std::memcmp(bytes.data(), kSignature, sizeof kSignature) != 0) {
+    throw PngError("not a PNG file (bad signature)");
+  }
+  auto u32 = [&](std::size_t at) {
+    const std::uint8_t* p = bytes.data() + at;
+    return std::uint32_t{p[0]} << 24 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[2]} << 8 |
+           std::uint32_t{p[3]};
+  };
+  std::size_t at = sizeof kSignature;
+  std::uint32_t width = 0, height = 0;
+  bool hasData = false;
+  for (;;) {
+    if (at + 12 > bytes.size() || u32(at) > bytes.size() - at - 12) {
+      throw PngError("invalid PNG: the file is truncated");
+    }
+    const std::size_t length = u32(at);
+    const std::uint8_t* type = bytes.data() + at + 4;
+    if (libdeflate_crc32(0, type, length + 4) != u32(at + 8 + length)) {
+      throw PngError("invalid PNG: a chunk's CRC does not match its data");
+    }
+    if (at == sizeof kSignature) {
+      const std::uint8_t* data = type + 4;
+      if (std::memcmp(type, "IHDR", 4) != 0 || length != 13) {
+        throw PngError("invalid PNG: it does not start with its header");
+      }
+      width = u32(at + 8), height = u32(at + 12);
+      if (width == 0 || height == 0 || width > 0x7fffffff || height > 0x7fffffff || data[10] != 0 ||
+          data[11] != 0 || data[12] > 1) {
+        throw PngError("invalid PNG: its header is not valid");
+      }
+      if (std::uint64_t{width} * height > maxPixels) {
+        throw PngError("invalid PNG: " + std::to_string(width) + "x" + std::to_string(height) +
+                       " pixels exceed the limit of " + std::to_string(maxPixels));
+      }
+    } else if (std::memcmp(type, "IDAT", 4) == 0) {
+      hasData = true;
+    } else if (std::memcmp(type, "IEND", 4) == 0) {
+      break;
+    }
+    at += length + 12;
+  }
+  if (!hasData) {
+    throw PngError("invalid PNG: it has no image data");
+  }
+  return {static_cast<int>(width), static_cast<int>(height)};
+}
+
 }  // namespace lumo

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <limits>
+#include <numeric>
 #include <string>
 #include <utility>
 
@@ -100,6 +101,22 @@ TEST(ScaledScreenshot, AveragesTheAreaEachPointCovers) {
   auto third = ScaledScreenshot::areaAverage(filled(1170, 2532, 9), 3);
   ASSERT_EQ(std::pair(third->width(), third->height()), std::pair(390, 844));
   EXPECT_EQ(third->row(843)[389 * 4], 9);
+}
+
+// A screen given as PNG bytes alone is decoded only for an edit; one kept as it is keeps them.
+TEST(ScaledScreenshot, DecodesAPngGivenAloneOnlyForAnEdit) {
+  Image image(4, 2);
+  std::iota(image.data(), image.data() + image.pixels().size(), std::uint8_t{0});
+  const auto png = std::make_shared<const std::vector<std::uint8_t>>(encodePng(image));
+  ScaledScreenshot kept(nullptr, png);
+  kept.cropRegion(Region(0, 0, 4, 2), 1);
+  EXPECT_EQ(kept.size(), (Size{4, 2}));
+  EXPECT_EQ(kept.downscale(1)->png(), png);
+  ScaledScreenshot cut(nullptr, png);
+  cut.cropStatusBarWithHeight(1, 1);
+  EXPECT_EQ(cut.png(), nullptr);
+  EXPECT_EQ(*cut.image(),
+            *PixelCropper().cropRegion(Region(0, 1, 4, 1), std::make_shared<const Image>(image)));
 }
 
 }  // namespace

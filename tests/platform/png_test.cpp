@@ -103,22 +103,32 @@ TEST(Png, DecodesGreyPalette16BitAndInterlacedToRgba) {
             image);
 }
 
+// checkPng, which reads only the chunks, refuses what decodePng refuses for these faults.
 TEST(Png, RefusesCorruptTruncatedAndOversizedData) {
   auto png = encodePng(pattern(20, 20, false));
-  EXPECT_THROW(decodePng(std::vector<std::uint8_t>{1, 2, 3}), PngError);
-  EXPECT_THROW(decodePng(std::span(png).first(png.size() / 2)), PngError);
-  auto badCrc = png;
-  badCrc[30] ^= 0xff;  // inside IHDR's data: its CRC no longer matches
-  EXPECT_THROW(decodePng(badCrc), PngError);
+  EXPECT_EQ(checkPng(png), std::pair(20, 20));
+  auto badCrc = png, badData = png, absurd = png;
+  badCrc[30] ^= 0xff;                // inside IHDR's data: its CRC no longer matches
+  badData[png.size() - 20] ^= 0xff;  // inside IDAT's data
+  absurd[16] = 0x7f;                 // width of two billion pixels
+  const std::vector<std::uint8_t> garbage{1, 2, 3};
+  const std::vector<std::span<const std::uint8_t>> faulty{garbage,
+                                                          std::span(png).first(png.size() / 2),
+                                                          std::span(png).first(png.size() - 12),
+                                                          badCrc,
+                                                          badData,
+                                                          absurd};
+  for (std::span<const std::uint8_t> bytes : faulty) {
+    EXPECT_THROW(decodePng(bytes), PngError) << bytes.size();
+    EXPECT_THROW(checkPng(bytes), PngError) << bytes.size();
+  }
   EXPECT_THROW(decodePng(png, 399), PngError);
+  EXPECT_THROW(checkPng(png, 399), PngError);
   try {
     decodePng(png, 10);
   } catch (const PngError& e) {
     EXPECT_NE(std::string(e.what()).find("limit"), std::string::npos) << e.what();
   }
-  auto absurd = png;
-  absurd[16] = 0x7f;  // width of two billion pixels
-  EXPECT_THROW(decodePng(absurd), PngError);
   EXPECT_THROW(encodePng(Image()), PngError);
 }
 
