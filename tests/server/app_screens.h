@@ -12,7 +12,7 @@
 // gradient, list rows with round avatars, two lines of text and hairline separators, a photo
 // card, a text field with its caret and a rounded button. Every drawing choice a comparison
 // must see through or catch is a field of ScreenLook.
-namespace lumo::server::testing {
+namespace lumo::test {
 
 struct Rgb {
   double r = 0, g = 0, b = 0;
@@ -196,4 +196,4 @@ class ScreenPainter {
 
 inline Image drawScreen(const ScreenLook& look) { return ScreenPainter(look).draw(); }
 
-}  // namespace lumo::server::testing
+}  // namespace lumo::test

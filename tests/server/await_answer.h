@@ -11,7 +11,7 @@
 #include "platform/expectation.h"
 #include "platform/waiter.h"
 
-namespace lumo::server::testing {
+namespace lumo::test {
 
 // Long enough for a sanitizer build on a busy machine; every answer comes far sooner.
 constexpr std::chrono::seconds kAnswerBound{20};
@@ -33,4 +33,4 @@ std::shared_ptr<Record> await(Call call) {
   return *result;
 }
 
-}  // namespace lumo::server::testing
+}  // namespace lumo::test

@@ -10,10 +10,10 @@
 #include "strict_metric.h"
 #include "test_images.h"
 
-namespace lumo::server {
+namespace lumo::test {
 namespace {
 
-using namespace lumo::server::testing;
+using namespace lumo::server;
 
 CompareSettings at(MatchLevel level) {
   CompareSettings settings;
@@ -153,15 +153,16 @@ TEST(ImageComparer, FastStrictScanMarksWhatThePlainOneMarks) {
   const std::pair<Image, Image> pairs[] = {{noise(700, 500, 3), noisy},
                                            {baseScreen(), drawScreen(drift)},
                                            {baseScreen(), drawScreen(dark)}};
-  const float maxDelta = detail::maxDeltaFor(0.1f);
+  const float maxDelta = server::detail::maxDeltaFor(0.1f);
   for (const auto& [a, b] : pairs) {
     const std::size_t pixels = static_cast<std::size_t>(a.width()) * a.height();
     std::vector<std::uint8_t> plain(pixels), rows(static_cast<std::size_t>(a.height()));
-    const detail::MarkCounts expected = detail::scanPixelsReference(a, b, maxDelta, plain.data());
+    const server::detail::MarkCounts expected =
+        server::detail::scanPixelsReference(a, b, maxDelta, plain.data());
     EXPECT_GT(expected.differing + expected.tolerated, 1000u);
     for (int threads : {1, 2, 3}) {
       std::vector<std::uint8_t> fast(pixels);
-      EXPECT_EQ(detail::scanPixels(a, b, maxDelta, {}, threads, fast.data(), rows.data()),
+      EXPECT_EQ(server::detail::scanPixels(a, b, maxDelta, {}, threads, fast.data(), rows.data()),
                 expected);
       EXPECT_EQ(fast, plain) << threads;
     }
@@ -314,4 +315,4 @@ TEST(ImageComparer, DiffImageMarksDifferencesAndOutlinesAreas) {
 }
 
 }  // namespace
-}  // namespace lumo::server
+}  // namespace lumo::test

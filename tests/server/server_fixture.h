@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <sqlite3.h>
 
 #include <memory>
 #include <string>
@@ -14,7 +15,9 @@
 #include "temp_dir.h"
 #include "test_images.h"
 
-namespace lumo::server::testing {
+namespace lumo::test {
+
+using namespace lumo::server;
 
 // The screenshot as the client sends it: PNG in base64 with CR LF after every 64 characters.
 inline std::string screenshot64(const Image& image) { return base64Encode(encodePng(image)); }
@@ -51,7 +54,7 @@ inline Json startInfo(const std::string& test, const std::string& branch = "",
   return info;
 }
 
-// A match-window record as the client writes it.
+// A match-window record as the client writes it; no screenshot when `screenshot` is empty.
 inline Json matchData(const std::string& screenshot, const std::string& tag,
                       bool ignoreMismatch = false, const Json& imageMatchSettings = settings()) {
   Json appOutput = Json::object();
@@ -69,11 +72,18 @@ inline Json matchData(const std::string& screenshot, const std::string& tag,
             {"imageMatchSettings", imageMatchSettings}}}};
 }
 
+// Runs SQL on the SQLite database under `dataDir`, as someone editing the file by hand would.
+inline void execSql(const std::filesystem::path& dataDir, const std::string& sql) {
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((dataDir / "lumo.db").c_str(), &db), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
+  sqlite3_close(db);
+}
+
 // A server on an ephemeral loopback port with its data in a fresh directory, and a client.
 class ServerTest : public ::testing::Test {
  protected:
   void SetUp() override { startServer(); }
-  void TearDown() override { stopServer(); }
 
   void startServer(ServerConfig config = {}) {
     config.dataDir = dir_.path();
@@ -83,69 +93,53 @@ class ServerTest : public ::testing::Test {
     // Sanitized builds parse the tests' 30 MB bodies many times slower than the 5 s default.
     client_->set_read_timeout(std::chrono::seconds(60));
   }
-  void stopServer() {
-    client_.reset();
-    if (server_) {
-      server_->stop();
-    }
+  void restartServer(ServerConfig config = {}) {
     server_.reset();
+    startServer(std::move(config));
   }
 
   static std::string keyQuery(const std::string& key = std::string(kDemoApiKey)) {
     return "apiKey=" + key;
   }
-
   httplib::Result post(const std::string& path, const Json& body,
                        const std::string& key = std::string(kDemoApiKey)) {
     return client_->Post(path + "?" + keyQuery(key), body.dump(), "application/json");
   }
-
-  httplib::Result startSession(const Json& info) {
-    return post("/api/sessions/running.json", {{"startInfo", info}});
+  httplib::Result startSession(const Json& info,
+                               const std::string& key = std::string(kDemoApiKey)) {
+    return post("/api/sessions/running.json", {{"startInfo", info}}, key);
   }
-
-  // Starts a session and returns its id, checking the status (201 new, 200 with baseline).
-  std::string start(const Json& info, int expectedStatus) {
-    auto res = startSession(info);
-    EXPECT_TRUE(res);
-    if (!res) {
-      return {};
-    }
-    EXPECT_EQ(res->status, expectedStatus) << res->body;
-    return Json::parse(res->body).value("id", "");
+  httplib::Result matchWindow(const std::string& id, const Json& data,
+                              const std::string& key = std::string(kDemoApiKey)) {
+    return post("/api/sessions/running/" + id + ".json", data, key);
   }
-
-  httplib::Result matchWindow(const std::string& id, const Json& data) {
-    return post("/api/sessions/running/" + id + ".json", data);
-  }
-
-  // Sends one checkpoint and returns asExpected (false on any error answer).
-  bool check(const std::string& id, const Image& image, const std::string& tag,
-             bool ignoreMismatch = false, const Json& imageMatchSettings = settings()) {
-    auto res =
-        matchWindow(id, matchData(screenshot64(image), tag, ignoreMismatch, imageMatchSettings));
-    EXPECT_TRUE(res);
-    if (!res) {
-      return false;
-    }
-    EXPECT_EQ(res->status, 200) << res->body;
-    return Json::parse(res->body).value("asExpected", false);
-  }
-
   httplib::Result stopSession(const std::string& id, bool aborted, bool update,
                               const std::string& key = std::string(kDemoApiKey)) {
     return client_->Delete("/api/sessions/running/" + id + ".json?" + keyQuery(key) + "&aborted=" +
                            (aborted ? "1" : "0") + "&updateBaseline=" + (update ? "1" : "0"));
   }
 
-  Json stop(const std::string& id, bool update, bool aborted = false) {
-    auto res = stopSession(id, aborted, update);
+  // The answer's JSON after checking its status; an empty object when there is no answer.
+  static Json answer(const httplib::Result& res, int expectedStatus) {
     EXPECT_TRUE(res);
     if (!res) {
       return Json::object();
     }
-    EXPECT_EQ(res->status, 200) << res->body;
+    EXPECT_EQ(res->status, expectedStatus) << res->body;
     return Json::parse(res->body);
+  }
+  // Starts a session and returns its id, checking the status (201 new, 200 with baseline).
+  std::string start(const Json& info, int expectedStatus) {
+    return answer(startSession(info), expectedStatus).value("id", "");
+  }
+  // Sends one checkpoint and returns asExpected (false on any error answer).
+  bool check(const std::string& id, const Image& image, const std::string& tag,
+             bool ignoreMismatch = false, const Json& imageMatchSettings = settings()) {
+    const auto data = matchData(screenshot64(image), tag, ignoreMismatch, imageMatchSettings);
+    return answer(matchWindow(id, data), 200).value("asExpected", false);
+  }
+  Json stop(const std::string& id, bool update, bool aborted = false) {
+    return answer(stopSession(id, aborted, update), 200);
   }
 
   TempDir dir_;
@@ -153,4 +147,4 @@ class ServerTest : public ::testing::Test {
   std::unique_ptr<httplib::Client> client_;
 };
 
-}  // namespace lumo::server::testing
+}  // namespace lumo::test

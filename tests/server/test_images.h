@@ -7,7 +7,7 @@
 
 // Builders of the images the server tests compare: flat backgrounds, boxes, and glyph-like
 // strokes that stand in for text.
-namespace lumo::server::testing {
+namespace lumo::test {
 
 struct Colour {
   std::uint8_t r = 0, g = 0, b = 0, a = 255;
@@ -18,17 +18,6 @@ inline constexpr Colour kBlack{0, 0, 0};
 inline constexpr Colour kRed{220, 30, 30};
 inline constexpr Colour kBlue{30, 60, 220};
 
-inline Image solid(int width, int height, Colour c = kWhite) {
-  Image image(width, height);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      std::uint8_t* p = image.row(y) + x * 4;
-      p[0] = c.r, p[1] = c.g, p[2] = c.b, p[3] = c.a;
-    }
-  }
-  return image;
-}
-
 inline void fill(Image& image, int left, int top, int width, int height, Colour c) {
   for (int y = top; y < top + height; ++y) {
     for (int x = left; x < left + width; ++x) {
@@ -38,8 +27,15 @@ inline void fill(Image& image, int left, int top, int width, int height, Colour 
   }
 }
 
+inline Image solid(int width, int height, Colour c = kWhite) {
+  Image image(width, height);
+  fill(image, 0, 0, width, height, c);
+  return image;
+}
+
 // A line of "text": vertical strokes 2 px wide, spaced by 4 px, whose heights follow `seed`,
-// so that two seeds give two different words of the same extent.
+// so that two seeds give two different words of the same extent. Every word starts and ends
+// at full height, as capitals and ascenders make it.
 inline void text(Image& image, int left, int top, int width, int height, unsigned seed,
                  Colour c = kBlack) {
   std::mt19937 random(seed);
@@ -47,7 +43,6 @@ inline void text(Image& image, int left, int top, int width, int height, unsigne
     const int h = height / 2 + static_cast<int>(random() % (height / 2 + 1));
     fill(image, x, top + height - h, 2, h, c);
   }
-  // Every word starts and ends at full height, as capitals and ascenders make it.
   fill(image, left, top, 2, height, c);
   fill(image, left + width - 2, top, 2, height, c);
 }
@@ -78,4 +73,4 @@ inline Image screen(unsigned word = 1, Colour buttonColour = kRed, int buttonTop
   return image;
 }
 
-}  // namespace lumo::server::testing
+}  // namespace lumo::test
