@@ -24,26 +24,23 @@ inline std::string screenshot64(const Image& image) { return base64Encode(encode
 
 // Match settings as the client writes them.
 inline Json settings(const std::string& level = "Strict") {
-  return {{"matchLevel", level},      {"ignoreCaret", false},    {"Ignore", Json::array()},
-          {"Layout", Json::array()},  {"Strict", Json::array()}, {"Content", Json::array()},
-          {"Floating", Json::array()}};
+  Json settings = Json::parse(R"({"matchLevel": "", "ignoreCaret": false, "Ignore": [],
+      "Layout": [], "Strict": [], "Content": [], "Floating": []})");
+  settings["matchLevel"] = level;
+  return settings;
 }
 
 // A start record as the client writes it.
 inline Json startInfo(const std::string& test, const std::string& branch = "",
                       const std::string& baselineEnvName = "") {
-  Json info = {
-      {"appIdOrName", "Shop"},
-      {"scenarioIdOrName", test},
-      {"batchInfo", {{"name", "Nightly"}, {"startedAt", "2026-01-01T10:00:00Z"}, {"id", "B1"}}},
-      {"environment",
-       {{"displaySize", {{"width", 200}, {"height", 240}}},
-        {"OSInfo", "iOS 17.2"},
-        {"DeviceInfo", "iPhone 15"}}},
-      {"defaultMatchSettings", settings()},
-      {"agentId", "lumo-tests"},
-      {"saveDiffs", false},
-      {"properties", Json::array()}};
+  Json info = Json::parse(R"({"appIdOrName": "Shop", "scenarioIdOrName": "",
+      "batchInfo": {"name": "Nightly", "startedAt": "2026-01-01T10:00:00Z", "id": "B1"},
+      "environment": {"displaySize": {"width": 200, "height": 240}, "OSInfo": "iOS 17.2",
+                      "DeviceInfo": "iPhone 15"},
+      "defaultMatchSettings": null, "agentId": "lumo-tests", "saveDiffs": false,
+      "properties": []})");
+  info["scenarioIdOrName"] = test;
+  info["defaultMatchSettings"] = settings();
   if (!branch.empty()) {
     info["branchName"] = branch;
     info["parentBranchName"] = branch;
@@ -57,19 +54,16 @@ inline Json startInfo(const std::string& test, const std::string& branch = "",
 // A match-window record as the client writes it; no screenshot when `screenshot` is empty.
 inline Json matchData(const std::string& screenshot, const std::string& tag,
                       bool ignoreMismatch = false, const Json& imageMatchSettings = settings()) {
-  Json appOutput = Json::object();
+  Json data = Json::parse(R"({"appOutput": {}, "tag": "", "options": {"name": "",
+      "ignoreMismatch": false, "ignoreMatch": false, "forceMismatch": false,
+      "forceMatch": false, "imageMatchSettings": null}})");
   if (!screenshot.empty()) {
-    appOutput["screenshot64"] = screenshot;
+    data["appOutput"]["screenshot64"] = screenshot;
   }
-  return {{"appOutput", appOutput},
-          {"tag", tag},
-          {"options",
-           {{"name", tag},
-            {"ignoreMismatch", ignoreMismatch},
-            {"ignoreMatch", false},
-            {"forceMismatch", false},
-            {"forceMatch", false},
-            {"imageMatchSettings", imageMatchSettings}}}};
+  data["tag"] = data["options"]["name"] = tag;
+  data["options"]["ignoreMismatch"] = ignoreMismatch;
+  data["options"]["imageMatchSettings"] = imageMatchSettings;
+  return data;
 }
 
 // Runs SQL on the SQLite database under `dataDir`, as someone editing the file by hand would.

@@ -1,11 +1,7 @@
 #include <gtest/gtest.h>
-#include <openssl/ec.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
-
-#include <cstdio>
 
 #include "server_fixture.h"
+#include "support/test_server.h"
 
 namespace lumo::test {
 namespace {
@@ -129,31 +125,6 @@ TEST_F(ServerTest, BodiesAndImagesOverTheLimitsAreRefused) {
   EXPECT_EQ(stop(id, false)["steps"], 1);
 }
 
-// A self-signed certificate for 127.0.0.1 and its key, written as PEM files.
-void writeCertificate(const std::filesystem::path& cert, const std::filesystem::path& key) {
-  EVP_PKEY* pkey = EVP_EC_gen("P-256");
-  ASSERT_NE(pkey, nullptr);
-  X509* x509 = X509_new();
-  X509_set_version(x509, 2);
-  ASN1_INTEGER_set(X509_get_serialNumber(x509), 1);
-  X509_gmtime_adj(X509_getm_notBefore(x509), 0);
-  X509_gmtime_adj(X509_getm_notAfter(x509), 3600);
-  X509_set_pubkey(x509, pkey);
-  X509_NAME* name = X509_get_subject_name(x509);
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                             reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
-  X509_set_issuer_name(x509, name);
-  ASSERT_GT(X509_sign(x509, pkey, EVP_sha256()), 0);
-  FILE* out = std::fopen(cert.c_str(), "w");
-  PEM_write_X509(out, x509);
-  std::fclose(out);
-  out = std::fopen(key.c_str(), "w");
-  PEM_write_PrivateKey(out, pkey, nullptr, nullptr, 0, nullptr, nullptr);
-  std::fclose(out);
-  X509_free(x509);
-  EVP_PKEY_free(pkey);
-}
-
 TEST(ServerHttps, ServesTheApiOverTlsWithTheGivenCertificateAndNeedsIt) {
   TempDir dir;
   ServerConfig config;
@@ -162,9 +133,10 @@ TEST(ServerHttps, ServesTheApiOverTlsWithTheGivenCertificateAndNeedsIt) {
   config.keyFile = dir.path() / "none.key";
   EXPECT_THROW(Server(config).start(), std::runtime_error);
 
-  config.certFile = dir.path() / "cert.pem";
-  config.keyFile = dir.path() / "key.pem";
-  writeCertificate(config.certFile, config.keyFile);
+  // The support server's self-signed certificate for 127.0.0.1, with its key beside it.
+  const TestServer certified(TestServer::Scheme::Https);
+  config.certFile = certified.certificatePath();
+  config.keyFile = certified.certificatePath().parent_path() / "key.pem";
   Server server(config);
   server.start();
   EXPECT_EQ(server.baseUrl(), "https://127.0.0.1:" + std::to_string(server.port()));

@@ -223,36 +223,6 @@ TEST_P(StoreTest, OnlySessionsIdleSinceTheBoundExpire) {
   EXPECT_EQ(store->expireIdleSessions(500), 0);
 }
 
-TEST_P(StoreTest, ConcurrentWritersKeepEveryBaselineAndStep) {
-  auto store = open();
-  store->addSession(session("shared", "b", 0), {});
-  std::vector<std::thread> writers;
-  for (int t = 0; t < 4; ++t) {
-    writers.emplace_back([&store, t] {
-      for (int i = 0; i < 20; ++i) {
-        const BaselineKey key = keyOf("test " + std::to_string(t) + "/" + std::to_string(i));
-        const std::string image = store->putImage("shared image");
-        store->saveBaseline(key, {{"step", image}, {"own", store->putImage(key.test)}}, "s");
-        // Every thread appends at the next free position until one is taken by it.
-        while (store->appendStep("shared", step(store->findSession("shared")->stepCount, key.test),
-                                 1) != Store::Append::Appended) {
-        }
-      }
-    });
-  }
-  for (auto& writer : writers) {
-    writer.join();
-  }
-  EXPECT_EQ(store->steps("shared").size(), 80u);
-  EXPECT_EQ(store->findSession("shared")->stepCount, 80);
-  for (int t = 0; t < 4; ++t) {
-    const BaselineKey key = keyOf("test " + std::to_string(t) + "/19");
-    const auto steps = store->findBaseline(key);
-    ASSERT_TRUE(steps);
-    EXPECT_EQ(store->readImage((*steps)[1].image), key.test);
-  }
-}
-
 // Approvals of several stopped sessions of one test, through separate stores (as separate
 // server instances would), race with each other and with a stop of a running session that
 // saves, and with an approval of that session. The baseline ends up as exactly one of the
