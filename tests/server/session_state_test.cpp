@@ -86,20 +86,22 @@ TEST_F(SessionState, ARestartBetweenTwoCheckpointsKeepsTheVerdict) {
       SCOPED_TRACE(::testing::Message() << "sigkill " << sigkill << " word " << secondWord);
       clockOffsetMs_ += 1;  // a fresh batch of sessions each round
       saveBaseline(*open().manager, {screen(1), screen(2)});
+      const auto firstCheckpoint = [&] {
+        Instance before = open();
+        const std::string started = start(*before.manager);
+        EXPECT_TRUE(check(*before.manager, started, screen(1)));
+        return started;
+      };
       std::string id;
       if (!sigkill) {
-        Instance before = open();
-        id = start(*before.manager);
-        EXPECT_TRUE(check(*before.manager, id, screen(1)));
+        id = firstCheckpoint();
       } else {
         int fds[2];
         ASSERT_EQ(pipe(fds), 0);
         const pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0) {
-          Instance before = open();
-          const std::string started = start(*before.manager);
-          check(*before.manager, started, screen(1));
+          const std::string started = firstCheckpoint();
           if (write(fds[1], started.data(), started.size()) < 0) {
             _exit(1);
           }
@@ -111,8 +113,7 @@ TEST_F(SessionState, ARestartBetweenTwoCheckpointsKeepsTheVerdict) {
         close(fds[0]);
         id.assign(buffer, 32);
         kill(child, SIGKILL);
-        int status = 0;
-        waitpid(child, &status, 0);
+        waitpid(child, nullptr, 0);
       }
       Instance after = open();
       EXPECT_EQ(check(*after.manager, id, screen(secondWord)), secondWord == 2);

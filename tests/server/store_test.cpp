@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "lumo/server/postgres_store.h"
 #include "lumo/server/sqlite_store.h"
@@ -138,17 +139,13 @@ TEST_P(StoreTest, SessionsStepsAndBatchesSurviveReopening) {
   auto store = open();
   const auto batches = store->recentBatches(10);
   ASSERT_EQ(batches.size(), 2u);
-  EXPECT_EQ(batches[0].id, "b2");
-  EXPECT_EQ(batches[1].name, "Nightly");
+  EXPECT_EQ(std::tie(batches[0].id, batches[1].name), std::tuple("b2", "Nightly"));
   EXPECT_EQ(store->recentBatches(1).size(), 1u);
   EXPECT_EQ(store->countSessions("b1"), 2);
   EXPECT_EQ(store->sessionsOfBatch("b1")[0].id, "s1");
   SessionRecord s1 = *store->findSession("s1");
-  EXPECT_EQ(s1.key, kKey);
-  EXPECT_EQ(s1.state, SessionState::Running);
-  EXPECT_EQ(s1.owner, "digest");
-  EXPECT_EQ(s1.stepCount, 1);
-  EXPECT_EQ(s1.lastActiveMs, 50);
+  EXPECT_EQ(std::tie(s1.key, s1.state, s1.owner, s1.stepCount, s1.lastActiveMs),
+            std::tuple(kKey, SessionState::Running, "digest", 1, 50));
   EXPECT_EQ(store->sessionBaseline("s1"),
             (std::vector<StoredStep>{{"home", image}, {"cart", image}}));
   EXPECT_FALSE(store->findSession("nope"));
@@ -160,18 +157,14 @@ TEST_P(StoreTest, SessionsStepsAndBatchesSurviveReopening) {
   EXPECT_FALSE(store->finishSession("s1", end));  // already stopped
   store = open();
   s1 = *store->findSession("s1");
-  EXPECT_EQ(s1.state, SessionState::Stopped);
-  EXPECT_EQ(s1.status, "Unresolved");
-  EXPECT_EQ(s1.durationMs, 1234);
-  EXPECT_EQ(s1.stepCount, 2);
-  EXPECT_TRUE(s1.saved);
+  EXPECT_EQ(std::tie(s1.state, s1.status, s1.durationMs, s1.stepCount, s1.saved),
+            std::tuple(SessionState::Stopped, "Unresolved", 1234, 2, true));
   EXPECT_EQ(store->findBaseline(kKey), (std::vector<StoredStep>{{"home", image}}));
   const auto steps = store->steps("s1");
   ASSERT_EQ(steps.size(), 2u);
-  EXPECT_EQ(steps[1].name, "cart");
-  EXPECT_EQ(steps[1].outcome, StepOutcome::Missing);
-  EXPECT_EQ(steps[1].baselineImage, image);
-  EXPECT_EQ(steps[0].currentImage, image);
+  EXPECT_EQ(
+      std::tie(steps[0].currentImage, steps[1].name, steps[1].outcome, steps[1].baselineImage),
+      std::tuple(image, "cart", StepOutcome::Missing, image));
 }
 
 // Each multi-row change checks its precondition inside its transaction and, when it fails,
@@ -194,9 +187,9 @@ TEST_P(StoreTest, ChangesWhosePreconditionFailedChangeNothing) {
   EXPECT_FALSE(store->rejectSession("run", std::nullopt));
   EXPECT_FALSE(store->rejectSession("done", 3));
   EXPECT_FALSE(store->findBaseline(kKey));
-  EXPECT_EQ(store->findSession("run")->state, SessionState::Running);
-  EXPECT_EQ(store->steps("run").size(), 1u);
-  EXPECT_FALSE(store->findSession("done")->rejected);
+  EXPECT_EQ(std::tuple(store->findSession("run")->state, store->steps("run").size(),
+                       store->findSession("done")->rejected),
+            std::tuple(SessionState::Running, 1u, false));
 
   EXPECT_TRUE(store->rejectSession("done", std::nullopt));
   EXPECT_TRUE(store->findSession("done")->rejected);
@@ -215,9 +208,8 @@ TEST_P(StoreTest, OnlySessionsIdleSinceTheBoundExpire) {
   store->touchSession("touched", 10);  // an older time never moves activity back
   EXPECT_EQ(store->expireIdleSessions(500), 1);
   const SessionRecord old = *store->findSession("old");
-  EXPECT_EQ(old.state, SessionState::Aborted);
-  EXPECT_TRUE(old.expired);
-  EXPECT_EQ(old.durationMs, 100);
+  EXPECT_EQ(std::tie(old.state, old.expired, old.durationMs),
+            std::tuple(SessionState::Aborted, true, 100));
   EXPECT_EQ(store->findSession("touched")->state, SessionState::Running);
   EXPECT_EQ(store->findSession("fresh")->state, SessionState::Running);
   EXPECT_EQ(store->expireIdleSessions(500), 0);
@@ -366,8 +358,7 @@ INSERT INTO steps VALUES('left', 0, 'one', 'new', 'Strict', '', '', '');
   for (int reopen = 0; reopen < 2; ++reopen) {
     SqliteStore store(dir.path());
     const SessionRecord left = *store.findSession("left");
-    EXPECT_EQ(left.state, SessionState::Aborted);
-    EXPECT_EQ(left.stepCount, 1);
+    EXPECT_EQ(std::tie(left.state, left.stepCount), std::tuple(SessionState::Aborted, 1));
     EXPECT_EQ(store.findSession("done")->status, "Passed");
     EXPECT_EQ(store.steps("left").size(), 1u);
   }
