@@ -80,7 +80,6 @@ inline void runClientScenario(const std::vector<std::shared_ptr<ServerConnector>
   EXPECT_TRUE(results->isNew());
   // Each instance links to itself: the session's path is what they share.
   EXPECT_TRUE(results->url().value_or("").ends_with("/sessions/" + *session->sessionId()));
-  EXPECT_TRUE(session->url().value_or("").ends_with("/sessions/" + *session->sessionId()));
   EXPECT_EQ(results->batchId(), "client-batch");
   EXPECT_EQ(results->batchName(), "Client batch");
   EXPECT_EQ(results->hostDisplaySize(), (Size{200, 240}));
