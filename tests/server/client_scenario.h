@@ -20,33 +20,42 @@
 
 namespace lumo::test {
 
-// The start record the client library writes for test "Checkout" of batch "client-batch".
-inline SessionStartInfo clientStartInfo(std::optional<std::string> branch = std::nullopt) {
+// The start record the client library writes for `test` of batch "client-batch".
+inline SessionStartInfo clientStartInfo(const std::string& test = "Checkout",
+                                        std::optional<std::string> branch = std::nullopt) {
   SessionStartInfo info;
   auto batch = std::make_shared<BatchInfo>("Client batch");
   batch->setBatchId("client-batch");
   info.setupWithAgentId(
-      "lumo/e2e", "Shop", "Checkout", std::nullopt,
+      "lumo/e2e", "Shop", test, std::nullopt,
       std::make_shared<AppEnvironment>("iOS 17.2", std::nullopt, "iPhone 15", Size{200, 240}),
       batch, branch, branch, std::nullopt, false,
       std::make_shared<ImageMatchSettings>(MatchLevelStrict));
   return info;
 }
 
+// Approves a session through the API of the server on `port`; returns the answer's status.
+inline int approveOn(int port, const std::string& id) {
+  auto res = httplib::Client("127.0.0.1", port)
+                 .Post("/api/sessions/" + id + "/approve?apiKey=" + std::string(kDemoApiKey), "{}",
+                       "application/json");
+  return res ? res->status : 0;
+}
+
 // The client library's own connector, writers and readers against real servers: a new test,
 // a passing rerun on a feature branch with a region the client ignores, a differing run (a
-// retry round, then the last attempt) and its approval, then a pass. Each request goes to the
-// next connector in turn, so connectors to two instances serve every test alternately.
-// `approve` approves a session through the API and returns the answer's status.
+// retry round, then the last attempt) and its approval on `approvePort`, then a pass. Each
+// request goes to the next connector in turn, so connectors to two instances serve every test
+// alternately.
 inline void runClientScenario(const std::vector<std::shared_ptr<ServerConnector>>& connectors,
-                              const std::function<int(const std::string&)>& approve) {
+                              int approvePort, const std::string& test = "Checkout") {
   std::size_t request = 0;
   const auto next = [&]() -> ServerConnector& {
     return *connectors[request++ % connectors.size()];
   };
   const auto start = [&](std::optional<std::string> branch) {
     auto session = await<RunningSession>([&](auto handler) {
-      next().startSessionWithInfo(clientStartInfo(branch), std::move(handler));
+      next().startSessionWithInfo(clientStartInfo(test, branch), std::move(handler));
     });
     EXPECT_TRUE(session && session->sessionId());
     return session;
@@ -114,7 +123,7 @@ inline void runClientScenario(const std::vector<std::shared_ptr<ServerConnector>
   EXPECT_EQ(results->mismatches(), 1);
   ASSERT_TRUE(results->stepsInfo());
   EXPECT_TRUE((*results->stepsInfo())[0].isDifferent());
-  EXPECT_EQ(approve(*session->sessionId()), 200);
+  EXPECT_EQ(approveOn(approvePort, *session->sessionId()), 200);
 
   session = start(std::nullopt);
   ASSERT_TRUE(session);
@@ -125,51 +134,18 @@ inline void runClientScenario(const std::vector<std::shared_ptr<ServerConnector>
   EXPECT_EQ(results->matches(), 2);
 }
 
-// `count` tests at once over HTTP, each request of each to the next of `ports` in turn: a new
-// run of two screens that saves, then a rerun that passes or, for every third test, sends
-// the screens swapped, so that both steps differ.
-inline void runParallelTests(const std::vector<int>& ports, int count) {
+// `count` client scenarios at once, each its own test, each starting on another of `ports`.
+inline void runParallelScenarios(const std::vector<int>& ports, int count) {
   std::vector<std::thread> tests;
   for (int t = 0; t < count; ++t) {
-    tests.emplace_back([&, t] {
-      std::vector<std::unique_ptr<httplib::Client>> clients;
-      for (const int port : ports) {
-        clients.push_back(std::make_unique<httplib::Client>("127.0.0.1", port));
-        // Requests at once queue for the servers' threads; on a busy machine (or under a
-        // sanitizer) some wait longer than the client's default 5 seconds.
-        clients.back()->set_read_timeout(kAnswerBound);
+    tests.emplace_back([&ports, t] {
+      std::vector<std::shared_ptr<ServerConnector>> connectors;
+      for (std::size_t i = 0; i < ports.size(); ++i) {
+        const int port = ports[(i + static_cast<std::size_t>(t)) % ports.size()];
+        connectors.push_back(ServerConnector::connectorWithServerURL(
+            "http://127.0.0.1:" + std::to_string(port), std::string(kDemoApiKey)));
       }
-      std::size_t request = static_cast<std::size_t>(t);  // tests start on each instance
-      const std::string test = "Parallel " + std::to_string(t);
-      const std::string key = "?apiKey=" + std::string(kDemoApiKey);
-      // An answer's body; an empty object (and a failure) when there is no good answer.
-      const auto send = [&](const std::string& method, const std::string& path, const Json& data) {
-        httplib::Client& client = *clients[request++ % clients.size()];
-        auto res = method == "POST" ? client.Post(path + key, data.dump(), "application/json")
-                                    : client.Delete(path + key + data.get<std::string>());
-        if (!res || res->status / 100 != 2) {
-          ADD_FAILURE() << test << ": " << (res ? res->body : httplib::to_string(res.error()));
-          return Json::object();
-        }
-        return Json::parse(res->body);
-      };
-      const bool swapped = t % 3 == 0;
-      std::string verdicts;
-      for (const bool rerun : {false, true}) {
-        const std::string id =
-            send("POST", "/api/sessions/running.json", {{"startInfo", startInfo(test)}})
-                .value("id", "");
-        for (const bool second : {rerun && swapped, !(rerun && swapped)}) {
-          send("POST", "/api/sessions/running/" + id + ".json",
-               matchData(screenshot64(screen(static_cast<unsigned>(t) + 1, second ? kBlue : kRed)),
-                         "screen"));
-        }
-        const Json results = send("DELETE", "/api/sessions/running/" + id + ".json",
-                                  std::string("&updateBaseline=") + (rerun ? "0" : "1"));
-        verdicts += results.value("status", "?") + (results.value("isNew", false) ? "/new " : " ");
-      }
-      EXPECT_EQ(verdicts, std::string("Unresolved/new ") + (swapped ? "Unresolved " : "Passed "))
-          << test;
+      runClientScenario(connectors, ports.back(), "Parallel " + std::to_string(t));
     });
   }
   for (auto& test : tests) {

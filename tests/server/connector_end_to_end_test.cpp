@@ -13,10 +13,11 @@ std::shared_ptr<ServerConnector> connector(const Server& server, const std::stri
 }
 
 TEST_F(ServerTest, TheClientsConnectorRunsNewPassingDifferingAndApprovedTests) {
-  runClientScenario({connector(*server_, std::string(kDemoApiKey))}, [&](const std::string& id) {
-    auto res = post("/api/sessions/" + id + "/approve", Json::object());
-    return res ? res->status : 0;
-  });
+  runClientScenario({connector(*server_, std::string(kDemoApiKey))}, server_->port());
+}
+
+TEST_F(ServerTest, ConcurrentTestsDoNotDisturbOneAnother) {
+  runParallelScenarios({server_->port()}, 8);
 }
 
 // A stop the server refuses must never reach the test author as a passed test: the client

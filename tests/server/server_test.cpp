@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "client_scenario.h"
+#include "server_fixture.h"
 
 namespace lumo::test {
 namespace {
@@ -168,10 +168,6 @@ TEST_F(ServerProtocol, MatchSettingsOfEachStepAreApplied) {
   EXPECT_FALSE(check(floating, screen(1, kRed, 126), "screen", true));
   EXPECT_TRUE(check(floating, screen(1, kRed, 126), "screen", true, moving));
   EXPECT_EQ(stop(floating, false)["status"], "Passed");
-}
-
-TEST_F(ServerProtocol, ConcurrentSessionsDoNotDisturbOneAnother) {
-  runParallelTests({server_->port()}, 8);
 }
 
 }  // namespace
