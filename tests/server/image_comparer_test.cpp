@@ -5,8 +5,8 @@
 #include <algorithm>
 
 #include "app_screens.h"
+#include "server_fixture.h"
 #include "strict_metric.h"
-#include "test_images.h"
 
 // The cases name only the settings they set; the rest stay as they are by default.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
