@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -132,6 +133,14 @@ inline Json matchData(const std::string& screenshot, const std::string& tag,
   data["options"]["ignoreMismatch"] = ignoreMismatch;
   data["options"]["imageMatchSettings"] = imageMatchSettings;
   return data;
+}
+
+// Expects each JSON pointer of `expected` to lead to its value in `record`.
+inline void expectFields(const Json& record, const std::map<std::string, Json>& expected) {
+  for (const auto& [pointer, value] : expected) {
+    const Json::json_pointer at(pointer);
+    EXPECT_EQ(record.contains(at) ? record[at] : Json(), value) << pointer;
+  }
 }
 
 // Runs SQL on the SQLite database under `dataDir`, as someone editing the file by hand would.

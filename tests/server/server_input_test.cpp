@@ -93,9 +93,7 @@ TEST_F(ServerTest, MalformedRecordsAreRefusedAndLeaveNoTrace) {
   }
   expectError(client_->Delete(path + "&aborted=maybe&updateBaseline=0"), 400);
   EXPECT_TRUE(check(id, screen(), "good"));
-  const Json results = stop(id, false);
-  EXPECT_EQ(results["steps"], 1);
-  EXPECT_EQ(results["stepsInfo"][0]["name"], "good");
+  expectFields(stop(id, false), {{"/steps", 1}, {"/stepsInfo/0/name", "good"}});
 }
 
 TEST_F(ServerTest, UnknownAndStoppedSessionsAreRefused) {

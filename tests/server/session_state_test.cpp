@@ -117,10 +117,10 @@ TEST_F(SessionState, ARestartBetweenTwoCheckpointsKeepsTheVerdict) {
       }
       Instance after = open();
       EXPECT_EQ(check(*after.manager, id, screen(secondWord)), secondWord == 2);
-      const Json results = stop(*after.manager, id);
-      EXPECT_EQ(results["status"], secondWord == 2 ? "Passed" : "Unresolved");
-      EXPECT_EQ(results["steps"], 2);
-      EXPECT_EQ(results["matches"], secondWord == 2 ? 2 : 1);
+      expectFields(stop(*after.manager, id),
+                   {{"/status", secondWord == 2 ? "Passed" : "Unresolved"},
+                    {"/steps", 2},
+                    {"/matches", secondWord == 2 ? 2 : 1}});
     }
   }
 }
