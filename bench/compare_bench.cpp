@@ -102,10 +102,9 @@ int main() {
   word.buttonLabel = "Sign on";
   dark.dark = true;
   const Image base = lumo::test::drawScreen(look);
-  const std::pair<const char*, Image> pairs[] = {
-      {"identical", base},
-      {"small change", lumo::test::drawScreen(word)},
-      {"full change", lumo::test::drawScreen(dark)}};
+  const std::pair<const char*, Image> pairs[] = {{"identical", base},
+                                                 {"small change", lumo::test::drawScreen(word)},
+                                                 {"full change", lumo::test::drawScreen(dark)}};
   const double pixels = static_cast<double>(base.width()) * base.height();
 
   const std::filesystem::path dir =
