@@ -129,6 +129,7 @@ TEST_F(PagesInBrowser, WithKeysAPageRedirectsToSignInUntilAKeyIsGiven) {
 
   browser_->navigate(page("/sessions/" + id));
   EXPECT_TRUE(browser_->url().starts_with(page("/signin?next="))) << browser_->url();
+  ASSERT_TRUE(eventually("document.getElementById('key') !== null"));  // the redirect landed
   browser_->evaluate(
       "document.getElementById('key').value = 'team-key'; "
       "document.querySelector('form.signin').requestSubmit()");
