@@ -32,7 +32,7 @@ using lumo::Image;
 using lumo::server::CompareResult;
 using lumo::server::CompareSettings;
 using lumo::server::ImageComparer;
-using lumo::server::testing::ScreenLook;
+using lumo::test::ScreenLook;
 using Clock = std::chrono::steady_clock;
 
 double medianMs(int runs, const std::function<void()>& work) {
@@ -101,11 +101,10 @@ int main() {
   ScreenLook word = look, dark = look;
   word.buttonLabel = "Sign on";
   dark.dark = true;
-  const Image base = lumo::server::testing::drawScreen(look);
-  const std::pair<const char*, Image> pairs[] = {
-      {"identical", base},
-      {"small change", lumo::server::testing::drawScreen(word)},
-      {"full change", lumo::server::testing::drawScreen(dark)}};
+  const Image base = lumo::test::drawScreen(look);
+  const std::pair<const char*, Image> pairs[] = {{"identical", base},
+                                                 {"small change", lumo::test::drawScreen(word)},
+                                                 {"full change", lumo::test::drawScreen(dark)}};
   const double pixels = static_cast<double>(base.width()) * base.height();
 
   const std::filesystem::path dir =

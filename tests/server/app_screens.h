@@ -12,7 +12,7 @@
 // gradient, list rows with round avatars, two lines of text and hairline separators, a photo
 // card, a text field with its caret and a rounded button. Every drawing choice a comparison
 // must see through or catch is a field of ScreenLook.
-namespace lumo::server::testing {
+namespace lumo::test {
 
 struct Rgb {
   double r = 0, g = 0, b = 0;
@@ -164,26 +164,21 @@ class ScreenPainter {
       const unsigned bits = ((c * 2654435761u) >> 9) | 0x4925u;  // a stem on the left
       auto on = [bits](int column, int row) { return (bits >> (row * 3 + column) & 1u) != 0; };
       const double x = left + static_cast<double>(i) * 4 * cell;
-      // Each run of strokes in a row and in a column is one rounded bar, as a pen draws it.
-      for (int row = 0; row < 5; ++row) {
-        for (int from = 0, to = 0; from < 3; from = to) {
-          for (to = from + 1; to < 3 && on(from, row) == on(to, row);) {
-            ++to;
-          }
-          if (on(from, row)) {
-            box(x + from * cell, top + row * cell, (to - from) * cell, cell, cell * 0.4,
-                flat(colour));
-          }
-        }
-      }
-      for (int column = 0; column < 3; ++column) {
-        for (int from = 0, to = 0; from < 5; from = to) {
-          for (to = from + 1; to < 5 && on(column, from) == on(column, to);) {
-            ++to;
-          }
-          if (on(column, from) && to - from > 1) {
-            box(x + column * cell, top + from * cell, cell, (to - from) * cell, cell * 0.4,
-                flat(colour));
+      // Each run of strokes in a row, then in a column, is one rounded bar, as a pen draws
+      // it; a column's single strokes are already drawn by their rows.
+      for (const bool across : {true, false}) {
+        const int lines = across ? 5 : 3, length = across ? 3 : 5;
+        for (int line = 0; line < lines; ++line) {
+          const auto at = [&](int k) { return across ? on(k, line) : on(line, k); };
+          for (int from = 0, to = 0; from < length; from = to) {
+            for (to = from + 1; to < length && at(from) == at(to);) {
+              ++to;
+            }
+            if (at(from) && (across || to - from > 1)) {
+              const double along = from * cell, extent = (to - from) * cell;
+              box(x + (across ? along : line * cell), top + (across ? line * cell : along),
+                  across ? extent : cell, across ? cell : extent, cell * 0.4, flat(colour));
+            }
           }
         }
       }
@@ -196,4 +191,4 @@ class ScreenPainter {
 
 inline Image drawScreen(const ScreenLook& look) { return ScreenPainter(look).draw(); }
 
-}  // namespace lumo::server::testing
+}  // namespace lumo::test

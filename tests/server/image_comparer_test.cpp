@@ -3,40 +3,35 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <memory>
 
 #include "app_screens.h"
+#include "server_fixture.h"
 #include "strict_metric.h"
-#include "test_images.h"
 
-namespace lumo::server {
+// The cases name only the settings they set; the rest stay as they are by default.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
+namespace lumo::test {
 namespace {
 
-using namespace lumo::server::testing;
+using namespace lumo::server;
+using enum MatchLevel;
 
-CompareSettings at(MatchLevel level) {
-  CompareSettings settings;
-  settings.level = level;
-  return settings;
-}
-
-bool matches(const Image& a, const Image& b, const CompareSettings& settings) {
-  return ImageComparer().compare(a, b, settings).matches;
-}
-
-TEST(ImageComparer, LevelNamesRoundTripAndRejectOtherSpellings) {
-  for (MatchLevel level : {MatchLevel::None, MatchLevel::Layout, MatchLevel::Content,
-                           MatchLevel::Strict, MatchLevel::Exact}) {
-    EXPECT_EQ(matchLevelFromName(matchLevelName(level)), level);
-  }
-  EXPECT_FALSE(matchLevelFromName("strict"));
-  EXPECT_FALSE(matchLevelFromName(""));
+CompareResult compare(const Image& a, const Image& b, const CompareSettings& settings) {
+  return ImageComparer().compare(a, b, settings);
 }
 
 const Image& baseScreen() {
   static const Image image = drawScreen({});
   return image;
+}
+
+TEST(ImageComparer, LevelNamesRoundTripAndRejectOtherSpellings) {
+  for (MatchLevel level : {None, Layout, Content, Strict, Exact}) {
+    EXPECT_EQ(matchLevelFromName(matchLevelName(level)), level);
+  }
+  EXPECT_FALSE(matchLevelFromName("strict"));
+  EXPECT_FALSE(matchLevelFromName(""));
 }
 
 // A change to the base screen and the verdict expected at Exact, Strict, Content and Layout:
@@ -77,8 +72,7 @@ const Change kChanges[] = {
     {"caret ignored", [](ScreenLook& l) { l.caret = true; }, "PPPP", true},
     {"caret ignored, speck beside it",
      [](ScreenLook& l) {
-       l.caret = true;
-       l.specks = {{139, 745}};
+       l.caret = true, l.specks = {{139, 745}};
      },
      "FFF.", true},
     {"caret ignored, text changed", [](ScreenLook& l) { l.caret = true, l.title = "Sent"; }, "FFFP",
@@ -86,24 +80,21 @@ const Change kChanges[] = {
 };
 
 TEST(ImageComparer, JudgesEachKindOfChangeAtEachLevel) {
-  constexpr MatchLevel kLevels[] = {MatchLevel::Exact, MatchLevel::Strict, MatchLevel::Content,
-                                    MatchLevel::Layout};
+  constexpr MatchLevel kLevels[] = {Exact, Strict, Content, Layout};
   for (const Change& change : kChanges) {
     ScreenLook look;
     change.apply(look);
     const Image current = drawScreen(look);
     for (int i = 0; i < 4; ++i) {
-      if (change.verdicts[i] == '.') {
-        continue;
+      if (change.verdicts[i] != '.') {
+        const CompareSettings settings{.level = kLevels[i], .ignoreCaret = change.ignoreCaret};
+        const CompareResult result = compare(baseScreen(), current, settings);
+        EXPECT_EQ(ImageComparer().verdict(baseScreen(), current, settings).matches, result.matches);
+        EXPECT_EQ(result.matches, change.verdicts[i] == 'P')
+            << change.name << " at " << matchLevelName(kLevels[i]) << ": " << result.differentPixels
+            << " pixels differ, " << result.toleratedPixels << " tolerated, "
+            << ::testing::PrintToString(result.boxes);
       }
-      CompareSettings settings = at(kLevels[i]);
-      settings.ignoreCaret = change.ignoreCaret;
-      const CompareResult result = ImageComparer().compare(baseScreen(), current, settings);
-      EXPECT_EQ(ImageComparer().verdict(baseScreen(), current, settings).matches, result.matches);
-      EXPECT_EQ(result.matches, change.verdicts[i] == 'P')
-          << change.name << " at " << matchLevelName(kLevels[i]) << ": " << result.differentPixels
-          << " pixels differ, " << result.toleratedPixels << " tolerated, "
-          << result.differentAreas.size() << " areas " << ::testing::PrintToString(result.boxes);
     }
   }
 }
@@ -112,32 +103,41 @@ TEST(ImageComparer, BoxesSurroundEachClusterOfDifferences) {
   Image b = baseScreen();
   fill(b, 300, 170, 3, 3, kBlack);  // a speck on the white of the first row
   fill(b, 20, 500, 2, 1, kRed);     // and another far away
-  const CompareResult result = ImageComparer().compare(baseScreen(), b, at(MatchLevel::Strict));
+  const CompareResult result = compare(baseScreen(), b, {});
   EXPECT_EQ(result.differentPixels, 11u);
   EXPECT_EQ(result.boxes, (std::vector<Rect>{{300, 170, 3, 3}, {20, 500, 2, 1}}));
-
   // A changed word is one box, not one per stroke.
   ScreenLook look;
   look.title = "Sent";
-  const CompareResult word =
-      ImageComparer().compare(baseScreen(), drawScreen(look), at(MatchLevel::Strict));
+  const CompareResult word = compare(baseScreen(), drawScreen(look), {});
   ASSERT_EQ(word.boxes.size(), 1u);
   EXPECT_NEAR(word.boxes[0].left, 24, 3);  // the title starts at 8 points
   EXPECT_NEAR(word.boxes[0].top, 66, 3);   // and 22 points down
-
-  const CompareResult sizes = ImageComparer().compare(solid(20, 30), solid(25, 30), {});
-  EXPECT_EQ(sizes.boxes, (std::vector<Rect>{{0, 0, 25, 30}}));
+  EXPECT_EQ(compare(solid(20, 30), solid(25, 30), {}).boxes, (std::vector<Rect>{{0, 0, 25, 30}}));
 }
 
-TEST(ImageComparer, ExactSeesOneChannelStepThatStrictDoesNot) {
+TEST(ImageComparer, ExactSeesOneChannelStepAndAntialiasingThatStrictTolerates) {
   const Image a = screen();
   Image b = a;
   b.row(100)[50 * 4 + 2] -= 1;  // white to a blue-less white
-  EXPECT_TRUE(matches(a, a, at(MatchLevel::Exact)));
-  const CompareResult exact = ImageComparer().compare(a, b, at(MatchLevel::Exact));
+  EXPECT_TRUE(compare(a, a, {.level = Exact}).matches);
+  const CompareResult exact = compare(a, b, {.level = Exact});
   EXPECT_FALSE(exact.matches);
   EXPECT_EQ(exact.boxes, (std::vector<Rect>{{50, 100, 1, 1}}));
-  EXPECT_TRUE(matches(a, b, at(MatchLevel::Strict)));
+  EXPECT_TRUE(compare(a, b, {}).matches);
+
+  // A dark box on white whose left edge is drawn with a grey anti-aliasing column; the other
+  // rendering puts a different grey there.
+  Image edge = solid(60, 60);
+  fill(edge, 20, 10, 20, 40, kBlack);
+  Image other = edge;
+  fill(edge, 19, 10, 1, 40, {170, 170, 170});
+  fill(other, 19, 10, 1, 40, {90, 90, 90});
+  const CompareResult strict = compare(edge, other, {});
+  EXPECT_TRUE(strict.matches);
+  EXPECT_GT(strict.toleratedPixels, 0u);
+  EXPECT_FALSE(compare(edge, other, {.level = Exact}).matches);
+  EXPECT_TRUE(compare(solid(60, 60, {247, 248, 250}), solid(60, 60, {250, 250, 250}), {}).matches);
 }
 
 TEST(ImageComparer, FastStrictScanMarksWhatThePlainOneMarks) {
@@ -154,55 +154,32 @@ TEST(ImageComparer, FastStrictScanMarksWhatThePlainOneMarks) {
   const std::pair<Image, Image> pairs[] = {{noise(700, 500, 3), noisy},
                                            {baseScreen(), drawScreen(drift)},
                                            {baseScreen(), drawScreen(dark)}};
-  const float maxDelta = detail::maxDeltaFor(0.1f);
+  const float maxDelta = server::detail::maxDeltaFor(0.1f);
   for (const auto& [a, b] : pairs) {
     const std::size_t pixels = static_cast<std::size_t>(a.width()) * a.height();
     std::vector<std::uint8_t> plain(pixels), rows(static_cast<std::size_t>(a.height()));
-    const detail::MarkCounts expected = detail::scanPixelsReference(a, b, maxDelta, plain.data());
+    const auto expected = server::detail::scanPixelsReference(a, b, maxDelta, plain.data());
     EXPECT_GT(expected.differing + expected.tolerated, 1000u);
     for (int threads : {1, 2, 3}) {
       std::vector<std::uint8_t> fast(pixels);
-      EXPECT_EQ(detail::scanPixels(a, b, maxDelta, {}, threads, fast.data(), rows.data()),
+      EXPECT_EQ(server::detail::scanPixels(a, b, maxDelta, {}, threads, fast.data(), rows.data()),
                 expected);
       EXPECT_EQ(fast, plain) << threads;
     }
   }
 }
 
-TEST(ImageComparer, StrictToleratesSlightShadesAndAntialiasedEdges) {
-  // A dark box on white whose left edge is drawn with a grey anti-aliasing column; the other
-  // rendering puts a different grey there.
-  Image a = solid(60, 60);
-  fill(a, 20, 10, 20, 40, kBlack);
-  Image b = a;
-  fill(a, 19, 10, 1, 40, {170, 170, 170});
-  fill(b, 19, 10, 1, 40, {90, 90, 90});
-  const CompareResult result = ImageComparer().compare(a, b, at(MatchLevel::Strict));
-  EXPECT_TRUE(result.matches);
-  EXPECT_GT(result.toleratedPixels, 0u);
-  EXPECT_FALSE(matches(a, b, at(MatchLevel::Exact)));
-
-  Image shaded = solid(60, 60, {250, 250, 250});
-  EXPECT_TRUE(matches(solid(60, 60, {247, 248, 250}), shaded, at(MatchLevel::Strict)));
-}
-
-TEST(ImageComparer, NoneMatchesAnythingEvenAnotherSize) {
-  EXPECT_TRUE(matches(noise(20, 30, 1), noise(40, 10, 2), at(MatchLevel::None)));
-}
-
-TEST(ImageComparer, DifferentSizesNeverMatchAndNeedNoImageCoveringBoth) {
+TEST(ImageComparer, OtherSizesMatchOnlyAtNoneAndTheDiffIsTheScreenshotsSize) {
+  EXPECT_TRUE(compare(noise(20, 30, 1), noise(40, 10, 2), {.level = None}).matches);
   // A wide baseline and a tall screenshot: the diff image is the screenshot's size, not the
   // square that would cover both.
   const Image wide = solid(400, 50), tall = solid(50, 400);
-  const ImageComparer comparer;
-  for (MatchLevel level :
-       {MatchLevel::Layout, MatchLevel::Content, MatchLevel::Strict, MatchLevel::Exact}) {
-    EXPECT_FALSE(matches(wide, tall, at(level)));
+  for (MatchLevel level : {Layout, Content, Strict, Exact}) {
+    EXPECT_FALSE(compare(wide, tall, {.level = level}).matches);
   }
-  const CompareResult result = comparer.compare(wide, tall, at(MatchLevel::Strict));
+  const CompareResult result = compare(wide, tall, {});
   EXPECT_TRUE(result.sizeMismatch);
-  EXPECT_FALSE(result.matches);
-  const Image diff = comparer.diffImage(wide, tall, at(MatchLevel::Strict), result);
+  const Image diff = ImageComparer().diffImage(wide, tall, {}, result);
   EXPECT_EQ(diff.width(), 50);
   EXPECT_EQ(diff.height(), 400);
   EXPECT_EQ(diff.row(399)[1], 0);            // only in the screenshot: red
@@ -215,23 +192,18 @@ TEST(ImageComparer, FloatingOffsetsFarBeyondTheImageAreClamped) {
   Image a = solid(2000, 2000), b = a;
   fill(a, 1000, 1000, 1, 1, kBlack);
   fill(b, 1000, 1000, 1, 1, kRed);
-  CompareSettings settings = at(MatchLevel::Strict);
-  settings.floating = {{{1000, 1000, 1, 1}, 1000000000, 1000000000, 1000000000, 1000000000}};
-  const CompareResult result = ImageComparer().compare(a, b, settings);
+  const int far = 1000000000;
+  const CompareSettings settings{.floating = {{{1000, 1000, 1, 1}, far, far, far, far}}};
+  const CompareResult result = compare(a, b, settings);
   EXPECT_FALSE(result.matches);
   EXPECT_EQ(result.differentAreas, (std::vector<Rect>{{0, 0, 2000, 2000}}));
   fill(b, 1003, 998, 1, 1, kBlack);
-  EXPECT_TRUE(matches(a, b, settings));
+  EXPECT_TRUE(compare(a, b, settings).matches);
 }
-
-// The cases name only the regions they set; the rest stay empty.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
 // Regions over the small screen's second line of text (`line`) or its button: each applies
 // its own rule inside and leaves the rest of the screen at the step's level.
 TEST(ImageComparer, RegionsApplyTheirRuleInsideOnly) {
-  using enum MatchLevel;
   const Rect line{10, 55, 180, 25}, partOfLine{10, 55, 100, 25}, buttonArea{30, 110, 140, 56};
   const FloatingRect button{{36, 116, 128, 44}, 10, 10, 5, 5};  // the button and a margin
   const FloatingRect anywhere{{500, 500, 10, 10}, 1000000, 1000000, 1000000, 1000000};
@@ -276,43 +248,24 @@ TEST(ImageComparer, RegionsApplyTheirRuleInsideOnly) {
        true},
   };
   for (std::size_t i = 0; i < std::size(cases); ++i) {
-    EXPECT_EQ(matches(screen(1), cases[i].current, cases[i].settings), cases[i].matches)
+    EXPECT_EQ(compare(screen(1), cases[i].current, cases[i].settings).matches, cases[i].matches)
         << "case " << i;
   }
   // Moved too far: no pixel differs, the region's reach is the different area.
-  const CompareResult tooFar =
-      ImageComparer().compare(screen(1), screen(1, kRed, 132), {.floating = {button}});
+  const CompareResult tooFar = compare(screen(1), screen(1, kRed, 132), {.floating = {button}});
   EXPECT_FALSE(tooFar.matches);
   EXPECT_EQ(tooFar.differentPixels, 0u);
   EXPECT_EQ(tooFar.differentAreas, (std::vector<Rect>{{31, 106, 138, 64}}));
 }
 
-#pragma GCC diagnostic pop
-
-TEST(ImageComparer, DiffImageMarksDifferencesAndOutlinesAreas) {
-  const Image a = screen(1, kRed, 120);
-  Image b = a;
-  fill(b, 150, 200, 2, 2, kBlue);
-  const ImageComparer comparer;
-  const CompareSettings settings = at(MatchLevel::Strict);
-  const CompareResult result = comparer.compare(a, b, settings);
-  const Image diff = comparer.diffImage(a, b, settings, result);
-  ASSERT_EQ(diff.width(), 200);
-  const std::uint8_t* marked = diff.row(200) + 150 * 4;
-  EXPECT_EQ(marked[0], 255);
-  EXPECT_EQ(marked[1], 0);
-  const std::uint8_t* faded = diff.row(10) + 10 * 4;  // white stays (nearly) white
-  EXPECT_GT(faded[0], 240);
-  EXPECT_EQ(faded[0], faded[2]);
-
-  CompareSettings layout = at(MatchLevel::Layout);
-  const Image moved = screen(1, kRed, 170);
-  const CompareResult areas = comparer.compare(a, moved, layout);
-  const Image outlined = comparer.diffImage(a, moved, layout, areas);
+TEST(ImageComparer, DiffImageOutlinesDifferentAreas) {
+  const Image a = screen(1, kRed, 120), moved = screen(1, kRed, 170);
+  const CompareResult areas = compare(a, moved, {.level = Layout});
   ASSERT_FALSE(areas.differentAreas.empty());
+  const Image outlined = ImageComparer().diffImage(a, moved, {.level = Layout}, areas);
   const Rect box = areas.differentAreas[0];
   EXPECT_EQ(outlined.row(box.top)[box.left * 4 + 1], 0);
 }
 
 }  // namespace
-}  // namespace lumo::server
+}  // namespace lumo::test

@@ -3,8 +3,10 @@
 #include "image_codec.h"
 #include "json_limits.h"
 
-namespace lumo::server::detail {
+namespace lumo::test {
 namespace {
+
+using namespace lumo::server::detail;
 
 // The lifted parse either gives exactly what the parser gives or leaves the body to it.
 TEST(MatchBody, LiftedParseIsTheParsersOrNothing) {
@@ -58,4 +60,4 @@ TEST(MatchBody, Base64DecodedInPlaceAsWritten) {
 }
 
 }  // namespace
-}  // namespace lumo::server::detail
+}  // namespace lumo::test

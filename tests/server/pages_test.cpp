@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <regex>
 
@@ -7,10 +6,8 @@
 #include "review_time.h"
 #include "server_fixture.h"
 
-namespace lumo::server::testing {
+namespace lumo::test {
 namespace {
-
-using ServerPages = ServerTest;
 
 bool has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
@@ -23,6 +20,15 @@ std::string formToken(const std::string& page) {
              ? m[1].str()
              : std::string();
 }
+
+class ServerPages : public ServerTest {
+ protected:
+  std::string body(const std::string& path) { return client_->Get(path)->body; }
+  httplib::Result form(const std::string& path, const std::string& fields,
+                       const httplib::Headers& headers = {}) {
+    return client_->Post(path, headers, fields, "application/x-www-form-urlencoded");
+  }
+};
 
 TEST(ReviewTime, ReadsTheClientsDoubledTimeAndOtherIsoFormsAsUtc) {
   const struct {
@@ -40,23 +46,22 @@ TEST(ReviewTime, ReadsTheClientsDoubledTimeAndOtherIsoFormsAsUtc) {
       {"", ""},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(detail::readableTime(c.text).value_or(""), c.readable) << c.text;
+    EXPECT_EQ(server::detail::readableTime(c.text).value_or(""), c.readable) << c.text;
   }
-  EXPECT_EQ(detail::readableTime(std::int64_t{1'767'225'600'000}), "2026-01-01 00:00:00 UTC");
+  EXPECT_EQ(server::detail::readableTime(std::int64_t{1'767'225'600'000}),
+            "2026-01-01 00:00:00 UTC");
 }
 
 TEST(ReviewAccess, SessionsNeedAKnownKeyAndExpire) {
   auto now = std::chrono::system_clock::time_point{};
-  detail::ReviewAccess access({"k1", "k2"}, false, std::chrono::hours(1), [&] { return now; });
-  EXPECT_FALSE(access.signIn("k3"));
-  EXPECT_FALSE(access.formToken(""));
+  server::detail::ReviewAccess access({"k1", "k2"}, false, std::chrono::hours(1),
+                                      [&] { return now; });
   const auto token = access.signIn("k2");
   ASSERT_TRUE(token);
   const std::string cookie = "a=b; lumo_session=" + *token + "; c=d";
   const auto form = access.formToken(cookie);
   ASSERT_TRUE(form);
   EXPECT_NE(*form, *token);
-  EXPECT_TRUE(access.mayPost(cookie, *form));
   EXPECT_FALSE(access.mayPost(cookie, *token));
   EXPECT_FALSE(access.mayPost("lumo_session=" + *form, *form));
   EXPECT_EQ(access.cookie(*token, true),
@@ -68,7 +73,7 @@ TEST(ReviewAccess, SessionsNeedAKnownKeyAndExpire) {
 }
 
 TEST_F(ServerPages, IndexEscapesClientTextShowsReadableTimesAndFiltersAndPages) {
-  EXPECT_TRUE(has(client_->Get("/")->body, "No tests have run yet."));
+  EXPECT_TRUE(has(body("/"), "No tests have run yet."));
   Json info = startInfo("<script>alert(1)</script> & co");
   info["batchInfo"]["name"] = "Night \"build\"";
   info["batchInfo"]["startedAt"] = "2026-11-23T01:20:04+0000T01:20:04Z";
@@ -87,78 +92,62 @@ TEST_F(ServerPages, IndexEscapesClientTextShowsReadableTimesAndFiltersAndPages) 
   EXPECT_TRUE(has(res->body, "22 batches"));
   EXPECT_TRUE(has(res->body, "Page 1 of 2"));
   EXPECT_FALSE(has(res->body, "href=\"/batches/B1\""));  // the oldest is on page 2
-  res = client_->Get("/?page=2");
-  EXPECT_FALSE(has(res->body, "<script>alert"));
-  EXPECT_TRUE(has(res->body, "Night &quot;build&quot;"));
-  EXPECT_TRUE(has(res->body, "2026-11-23 01:20:04 UTC"));
-  EXPECT_FALSE(has(res->body, "T01:20:04Z"));
-
-  res = client_->Get("/?app=Mail");
-  EXPECT_TRUE(has(res->body, "3 batches match the filter"));
-  res = client_->Get("/?app=Shop&branch=feature");
-  EXPECT_TRUE(has(res->body, "9 batches match the filter"));  // odd i from 3 to 19
-
-  res = client_->Get("/batches/B1");
-  EXPECT_TRUE(has(res->body, "&lt;script&gt;alert(1)&lt;/script&gt; &amp; co"));
-  EXPECT_FALSE(has(res->body, "<script>alert"));
+  const std::string second = body("/?page=2");
+  EXPECT_FALSE(has(second, "<script>alert"));
+  EXPECT_TRUE(has(second, "Night &quot;build&quot;"));
+  EXPECT_TRUE(has(second, "2026-11-23 01:20:04 UTC"));
+  EXPECT_FALSE(has(second, "T01:20:04Z"));
+  EXPECT_TRUE(has(body("/?app=Mail"), "3 batches match the filter"));
+  // Odd i from 3 to 19.
+  EXPECT_TRUE(has(body("/?app=Shop&branch=feature"), "9 batches match the filter"));
+  const std::string batch = body("/batches/B1");
+  EXPECT_TRUE(has(batch, "&lt;script&gt;alert(1)&lt;/script&gt; &amp; co"));
+  EXPECT_FALSE(has(batch, "<script>alert"));
   res = client_->Get("/static/review.js");
   EXPECT_EQ(res->get_header_value("Content-Type"), "text/javascript; charset=utf-8");
   EXPECT_TRUE(has(res->body, "addEventListener('keydown'"));
 }
 
 TEST_F(ServerPages, BatchCountsRejectKeepsTheBaselineAndApproveAllSkipsRejected) {
-  for (const char* test : {"Same", "Changed", "Refused"}) {
-    const std::string id = start(startInfo(test), 201);
+  const char* tests[] = {"Same", "Changed", "Refused"};
+  std::string ids[3];
+  for (int i = 0; i < 3; ++i) {
+    const std::string id = start(startInfo(tests[i]), 201);
     check(id, screen(1), "home");
     stop(id, true);
-  }
-  std::string ids[3];
-  int i = 0;
-  for (const char* test : {"Same", "Changed", "Refused"}) {
-    ids[i] = start(startInfo(test), 200);
+    ids[i] = start(startInfo(tests[i]), 200);
     check(ids[i], screen(i == 0 ? 1 : 2), "home");
-    stop(ids[i++], false);
+    stop(ids[i], false);
   }
   stop(start(startInfo("Fresh"), 201), false);  // new, no steps: nothing to approve
 
-  auto batch = client_->Get("/batches/B1");
-  const std::string token = formToken(batch->body);
+  std::string batch = body("/batches/B1");
+  const std::string token = formToken(batch);
   ASSERT_FALSE(token.empty());
-  EXPECT_TRUE(has(batch->body, "Approve all unresolved (2)"));
-  auto reject =
-      client_->Post("/sessions/" + ids[2] + "/reject", "csrf=" + token + "&position=0&step=1",
-                    "application/x-www-form-urlencoded");
+  EXPECT_TRUE(has(batch, "Approve all unresolved (2)"));
+  auto reject = form("/sessions/" + ids[2] + "/reject", "csrf=" + token + "&position=0&step=1");
   EXPECT_EQ(reject->status, 303);
   EXPECT_EQ(reject->get_header_value("Location"), "/sessions/" + ids[2] + "#step-1");
-  batch = client_->Get("/batches/B1");
+  batch = body("/batches/B1");
   // The first runs were saved as baselines: they passed.
   for (const char* count : {"passed 4<", "new 1<", "different 1<", "failed 0<", "rejected 1<",
                             "Approve all unresolved (1)"}) {
-    EXPECT_TRUE(has(batch->body, count)) << count;
+    EXPECT_TRUE(has(batch, count)) << count;
   }
-  const std::string filtered = client_->Get("/batches/B1?status=rejected")->body;
+  const std::string filtered = body("/batches/B1?status=rejected");
   EXPECT_TRUE(has(filtered, "Refused"));
   EXPECT_FALSE(has(filtered, ">Changed<"));
 
   // Without the form's token nothing changes.
-  EXPECT_EQ(
-      client_->Post("/batches/B1/approve", "csrf=0", "application/x-www-form-urlencoded")->status,
-      403);
-  EXPECT_EQ(
-      client_->Post("/batches/B1/approve", "csrf=" + token, "application/x-www-form-urlencoded")
-          ->status,
-      303);
-  batch = client_->Get("/batches/B1");
-  EXPECT_TRUE(has(batch->body, "passed 5<"));
-  EXPECT_TRUE(has(batch->body, "new 1<"));
-  EXPECT_TRUE(has(batch->body, "rejected 1"));
-  EXPECT_FALSE(has(batch->body, "Approve all unresolved"));
-
-  // The rejected test is still compared with its old baseline; the approved one with its new.
-  const std::string rerun = start(startInfo("Refused"), 200);
-  EXPECT_FALSE(check(rerun, screen(2), "home"));
-  const std::string approved = start(startInfo("Changed"), 200);
-  EXPECT_TRUE(check(approved, screen(2), "home"));
+  EXPECT_EQ(form("/batches/B1/approve", "csrf=0")->status, 403);
+  EXPECT_EQ(form("/batches/B1/approve", "csrf=" + token)->status, 303);
+  batch = body("/batches/B1");
+  for (const char* count : {"passed 5<", "new 1<", "rejected 1"}) {
+    EXPECT_TRUE(has(batch, count)) << count;
+  }
+  EXPECT_FALSE(has(batch, "Approve all unresolved"));
+  // The approved test is compared with its new baseline.
+  EXPECT_TRUE(check(start(startInfo("Changed"), 200), screen(2), "home"));
 }
 
 TEST_F(ServerPages, TheSessionPageHoldsTheViewerWithBoxesFromTheStore) {
@@ -170,61 +159,43 @@ TEST_F(ServerPages, TheSessionPageHoldsTheViewerWithBoxesFromTheStore) {
   EXPECT_FALSE(check(second, screen(3), "home"));
   stop(second, false);
 
-  std::string page = client_->Get("/sessions/" + second)->body;
-  // The comparison's own boxes, then boxes written in either shape.
+  std::string page = body("/sessions/" + second);
+  // The comparison's own boxes.
   EXPECT_TRUE(has(page, "id=\"step-1\" data-outcome=\"different\" data-boxes=\"[["));
   EXPECT_TRUE(has(page, "id=\"step-2\" data-outcome=\"missing\""));
   EXPECT_TRUE(has(page, "<form id=\"approve\" method=\"post\""));
   EXPECT_FALSE(has(page, "<script>"));
-
   // Boxes from a store that records them, in either shape.
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open((dir_.path() / "lumo.db").c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(db,
-                         ("UPDATE steps SET boxes = "
-                          "'[{\"left\":20,\"top\":60,\"width\":160,\"height\":12},[1,2,3,4]]' "
-                          "WHERE session_id = '" +
-                          second + "' AND position = 0")
-                             .c_str(),
-                         nullptr, nullptr, nullptr),
-            SQLITE_OK);
-  sqlite3_close(db);
-  page = client_->Get("/sessions/" + second)->body;
+  execSql(dir_.path(),
+          "UPDATE steps SET boxes = '[{\"left\":20,\"top\":60,\"width\":160,\"height\":12},"
+          "[1,2,3,4]]' WHERE session_id = '" +
+              second + "' AND position = 0");
+  page = body("/sessions/" + second);
   EXPECT_TRUE(has(page, "data-boxes=\"[[20,60,160,12],[1,2,3,4]]\""));
   EXPECT_TRUE(has(page, "2 differences"));
 }
 
 TEST_F(ServerPages, WithKeysEveryPageAndImageAsksForASignIn) {
-  stopServer();
   ServerConfig config;
   config.apiKeys = {"secret"};
-  startServer(config);
-  EXPECT_EQ(startSession(startInfo("Login"))->status, 401);  // the demo key is not one of them
-  auto started = post("/api/sessions/running.json", {{"startInfo", startInfo("Login")}}, "secret");
-  const std::string session = Json::parse(started->body)["id"];
-  client_->Post("/api/sessions/running/" + session + ".json?apiKey=secret",
-                matchData(screenshot64(screen()), "home").dump(), "application/json");
-  client_->Delete("/api/sessions/running/" + session + ".json?apiKey=secret");
-  const Json results =
-      Json::parse(client_->Get("/api/sessions/" + session + ".json?apiKey=secret")->body);
+  restartServer(config);
+  const std::string session = answer(startSession(startInfo("Login"), "secret"), 201)["id"];
+  matchWindow(session, matchData(screenshot64(screen()), "home"), "secret");
+  const Json results = answer(stopSession(session, false, false, "secret"), 200);
   const std::string image = results["stepsInfo"][0]["apiUrls"]["currentImage"];
+  const std::string imagePath = image.substr(server_->baseUrl().size());
 
-  for (const std::string& path : std::vector<std::string>{
-           "/", "/batches/B1", "/sessions/" + session, image.substr(server_->baseUrl().size())}) {
+  for (const std::string& path :
+       {std::string("/"), std::string("/batches/B1"), "/sessions/" + session, imagePath}) {
     auto res = client_->Get(path);
     EXPECT_EQ(res->status, 303) << path;
     EXPECT_TRUE(res->get_header_value("Location").starts_with("/signin?next=")) << path;
   }
-  EXPECT_EQ(
-      client_
-          ->Post("/sessions/" + session + "/approve", "csrf=x", "application/x-www-form-urlencoded")
-          ->status,
-      303);
-  auto refused = client_->Post("/signin", "key=wrong&next=/", "application/x-www-form-urlencoded");
+  EXPECT_EQ(form("/sessions/" + session + "/approve", "csrf=x")->status, 303);
+  auto refused = form("/signin", "key=wrong&next=/");
   EXPECT_EQ(refused->status, 401);
   EXPECT_TRUE(refused->get_header_value("Set-Cookie").empty());
-  auto signedIn = client_->Post("/signin", "key=secret&next=//evil.example/",
-                                "application/x-www-form-urlencoded");
+  auto signedIn = form("/signin", "key=secret&next=//evil.example/");
   EXPECT_EQ(signedIn->status, 303);
   EXPECT_EQ(signedIn->get_header_value("Location"), "/");
   const std::string setCookie = signedIn->get_header_value("Set-Cookie");
@@ -232,18 +203,18 @@ TEST_F(ServerPages, WithKeysEveryPageAndImageAsksForASignIn) {
   const httplib::Headers cookie = {{"Cookie", setCookie.substr(0, setCookie.find(';'))}};
   auto page = client_->Get("/sessions/" + session, cookie);
   EXPECT_EQ(page->status, 200);
-  EXPECT_EQ(client_->Get(image.substr(server_->baseUrl().size()), cookie)->status, 200);
-  auto approve =
-      client_->Post("/sessions/" + session + "/approve", cookie, "csrf=" + formToken(page->body),
-                    "application/x-www-form-urlencoded");
-  EXPECT_EQ(approve->status, 303);
+  EXPECT_EQ(client_->Get(imagePath, cookie)->status, 200);
+  EXPECT_EQ(
+      form("/sessions/" + session + "/approve", "csrf=" + formToken(page->body), cookie)->status,
+      303);
   EXPECT_TRUE(has(client_->Get("/sessions/" + session, cookie)->body, "saved as baseline"));
 }
 
 TEST_F(ServerPages, UnknownPagesAndImagesAreNotFound) {
-  for (const std::string& path : std::vector<std::string>{
-           "/sessions/nope", "/batches/nope", "/static/other.js",
-           "/images/" + std::string(64, 'a') + ".png", "/images/..%2Flumo.db", "/elsewhere"}) {
+  for (const std::string& path :
+       {std::string("/sessions/nope"), std::string("/batches/nope"),
+        std::string("/static/other.js"), "/images/" + std::string(64, 'a') + ".png",
+        std::string("/images/..%2Flumo.db"), std::string("/elsewhere")}) {
     EXPECT_EQ(client_->Get(path)->status, 404) << path;
   }
   auto res = client_->Get("/api/elsewhere?" + keyQuery());
@@ -252,4 +223,4 @@ TEST_F(ServerPages, UnknownPagesAndImagesAreNotFound) {
 }
 
 }  // namespace
-}  // namespace lumo::server::testing
+}  // namespace lumo::test

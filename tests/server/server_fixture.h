@@ -2,45 +2,114 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <sqlite3.h>
 
+#include <cstdint>
+#include <map>
 #include <memory>
+#include <random>
 #include <string>
 
 #include "image_codec.h"
 #include "lumo/detail/json.h"
+#include "lumo/image.h"
 #include "lumo/server/server.h"
 #include "platform/base64.h"
 #include "platform/png.h"
 #include "temp_dir.h"
-#include "test_images.h"
 
-namespace lumo::server::testing {
+namespace lumo::test {
+
+using namespace lumo::server;
+
+// Builders of the images the server tests compare: flat backgrounds, boxes, and glyph-like
+// strokes that stand in for text.
+struct Colour {
+  std::uint8_t r = 0, g = 0, b = 0, a = 255;
+};
+
+inline constexpr Colour kWhite{255, 255, 255};
+inline constexpr Colour kBlack{0, 0, 0};
+inline constexpr Colour kRed{220, 30, 30};
+inline constexpr Colour kBlue{30, 60, 220};
+
+inline void fill(Image& image, int left, int top, int width, int height, Colour c) {
+  for (int y = top; y < top + height; ++y) {
+    for (int x = left; x < left + width; ++x) {
+      std::uint8_t* p = image.row(y) + x * 4;
+      p[0] = c.r, p[1] = c.g, p[2] = c.b, p[3] = c.a;
+    }
+  }
+}
+
+inline Image solid(int width, int height, Colour c = kWhite) {
+  Image image(width, height);
+  fill(image, 0, 0, width, height, c);
+  return image;
+}
+
+// A line of "text": vertical strokes 2 px wide, spaced by 4 px, whose heights follow `seed`,
+// so that two seeds give two different words of the same extent. Every word starts and ends
+// at full height, as capitals and ascenders make it.
+inline void text(Image& image, int left, int top, int width, int height, unsigned seed,
+                 Colour c = kBlack) {
+  std::mt19937 random(seed);
+  for (int x = left; x + 2 <= left + width; x += 4) {
+    const int h = height / 2 + static_cast<int>(random() % (height / 2 + 1));
+    fill(image, x, top + height - h, 2, h, c);
+  }
+  fill(image, left, top, 2, height, c);
+  fill(image, left + width - 2, top, 2, height, c);
+}
+
+// A button: a filled box with a word inside.
+inline void button(Image& image, int left, int top, int width, int height, Colour fillColour,
+                   unsigned word) {
+  fill(image, left, top, width, height, fillColour);
+  text(image, left + 8, top + 6, width - 16, height - 12, word, kWhite);
+}
+
+// Noise with the given seed: every pixel a random colour.
+inline Image noise(int width, int height, unsigned seed) {
+  Image image(width, height);
+  std::mt19937 random(seed);
+  for (std::size_t i = 0; i < image.pixels().size(); ++i) {
+    image.data()[i] = static_cast<std::uint8_t>(random());
+  }
+  return image;
+}
+
+// A small screen: a title, a line of text and a button; `word` varies the text.
+inline Image screen(unsigned word = 1, Colour buttonColour = kRed, int buttonTop = 120) {
+  Image image = solid(200, 240);
+  text(image, 20, 20, 120, 16, 100);
+  text(image, 20, 60, 160, 12, word);
+  button(image, 40, buttonTop, 120, 36, buttonColour, 7);
+  return image;
+}
 
 // The screenshot as the client sends it: PNG in base64 with CR LF after every 64 characters.
 inline std::string screenshot64(const Image& image) { return base64Encode(encodePng(image)); }
 
 // Match settings as the client writes them.
 inline Json settings(const std::string& level = "Strict") {
-  return {{"matchLevel", level},      {"ignoreCaret", false},    {"Ignore", Json::array()},
-          {"Layout", Json::array()},  {"Strict", Json::array()}, {"Content", Json::array()},
-          {"Floating", Json::array()}};
+  Json settings = Json::parse(R"({"matchLevel": "", "ignoreCaret": false, "Ignore": [],
+      "Layout": [], "Strict": [], "Content": [], "Floating": []})");
+  settings["matchLevel"] = level;
+  return settings;
 }
 
 // A start record as the client writes it.
 inline Json startInfo(const std::string& test, const std::string& branch = "",
                       const std::string& baselineEnvName = "") {
-  Json info = {
-      {"appIdOrName", "Shop"},
-      {"scenarioIdOrName", test},
-      {"batchInfo", {{"name", "Nightly"}, {"startedAt", "2026-01-01T10:00:00Z"}, {"id", "B1"}}},
-      {"environment",
-       {{"displaySize", {{"width", 200}, {"height", 240}}},
-        {"OSInfo", "iOS 17.2"},
-        {"DeviceInfo", "iPhone 15"}}},
-      {"defaultMatchSettings", settings()},
-      {"agentId", "lumo-tests"},
-      {"saveDiffs", false},
-      {"properties", Json::array()}};
+  Json info = Json::parse(R"({"appIdOrName": "Shop", "scenarioIdOrName": "",
+      "batchInfo": {"name": "Nightly", "startedAt": "2026-01-01T10:00:00Z", "id": "B1"},
+      "environment": {"displaySize": {"width": 200, "height": 240}, "OSInfo": "iOS 17.2",
+                      "DeviceInfo": "iPhone 15"},
+      "defaultMatchSettings": null, "agentId": "lumo-tests", "saveDiffs": false,
+      "properties": []})");
+  info["scenarioIdOrName"] = test;
+  info["defaultMatchSettings"] = settings();
   if (!branch.empty()) {
     info["branchName"] = branch;
     info["parentBranchName"] = branch;
@@ -51,29 +120,41 @@ inline Json startInfo(const std::string& test, const std::string& branch = "",
   return info;
 }
 
-// A match-window record as the client writes it.
+// A match-window record as the client writes it; no screenshot when `screenshot` is empty.
 inline Json matchData(const std::string& screenshot, const std::string& tag,
                       bool ignoreMismatch = false, const Json& imageMatchSettings = settings()) {
-  Json appOutput = Json::object();
+  Json data = Json::parse(R"({"appOutput": {}, "tag": "", "options": {"name": "",
+      "ignoreMismatch": false, "ignoreMatch": false, "forceMismatch": false,
+      "forceMatch": false, "imageMatchSettings": null}})");
   if (!screenshot.empty()) {
-    appOutput["screenshot64"] = screenshot;
+    data["appOutput"]["screenshot64"] = screenshot;
   }
-  return {{"appOutput", appOutput},
-          {"tag", tag},
-          {"options",
-           {{"name", tag},
-            {"ignoreMismatch", ignoreMismatch},
-            {"ignoreMatch", false},
-            {"forceMismatch", false},
-            {"forceMatch", false},
-            {"imageMatchSettings", imageMatchSettings}}}};
+  data["tag"] = data["options"]["name"] = tag;
+  data["options"]["ignoreMismatch"] = ignoreMismatch;
+  data["options"]["imageMatchSettings"] = imageMatchSettings;
+  return data;
+}
+
+// Expects each JSON pointer of `expected` to lead to its value in `record`.
+inline void expectFields(const Json& record, const std::map<std::string, Json>& expected) {
+  for (const auto& [pointer, value] : expected) {
+    const Json::json_pointer at(pointer);
+    EXPECT_EQ(record.contains(at) ? record[at] : Json(), value) << pointer;
+  }
+}
+
+// Runs SQL on the SQLite database under `dataDir`, as someone editing the file by hand would.
+inline void execSql(const std::filesystem::path& dataDir, const std::string& sql) {
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((dataDir / "lumo.db").c_str(), &db), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
+  sqlite3_close(db);
 }
 
 // A server on an ephemeral loopback port with its data in a fresh directory, and a client.
 class ServerTest : public ::testing::Test {
  protected:
   void SetUp() override { startServer(); }
-  void TearDown() override { stopServer(); }
 
   void startServer(ServerConfig config = {}) {
     config.dataDir = dir_.path();
@@ -83,69 +164,53 @@ class ServerTest : public ::testing::Test {
     // Sanitized builds parse the tests' 30 MB bodies many times slower than the 5 s default.
     client_->set_read_timeout(std::chrono::seconds(60));
   }
-  void stopServer() {
-    client_.reset();
-    if (server_) {
-      server_->stop();
-    }
+  void restartServer(ServerConfig config = {}) {
     server_.reset();
+    startServer(std::move(config));
   }
 
   static std::string keyQuery(const std::string& key = std::string(kDemoApiKey)) {
     return "apiKey=" + key;
   }
-
   httplib::Result post(const std::string& path, const Json& body,
                        const std::string& key = std::string(kDemoApiKey)) {
     return client_->Post(path + "?" + keyQuery(key), body.dump(), "application/json");
   }
-
-  httplib::Result startSession(const Json& info) {
-    return post("/api/sessions/running.json", {{"startInfo", info}});
+  httplib::Result startSession(const Json& info,
+                               const std::string& key = std::string(kDemoApiKey)) {
+    return post("/api/sessions/running.json", {{"startInfo", info}}, key);
   }
-
-  // Starts a session and returns its id, checking the status (201 new, 200 with baseline).
-  std::string start(const Json& info, int expectedStatus) {
-    auto res = startSession(info);
-    EXPECT_TRUE(res);
-    if (!res) {
-      return {};
-    }
-    EXPECT_EQ(res->status, expectedStatus) << res->body;
-    return Json::parse(res->body).value("id", "");
+  httplib::Result matchWindow(const std::string& id, const Json& data,
+                              const std::string& key = std::string(kDemoApiKey)) {
+    return post("/api/sessions/running/" + id + ".json", data, key);
   }
-
-  httplib::Result matchWindow(const std::string& id, const Json& data) {
-    return post("/api/sessions/running/" + id + ".json", data);
-  }
-
-  // Sends one checkpoint and returns asExpected (false on any error answer).
-  bool check(const std::string& id, const Image& image, const std::string& tag,
-             bool ignoreMismatch = false, const Json& imageMatchSettings = settings()) {
-    auto res =
-        matchWindow(id, matchData(screenshot64(image), tag, ignoreMismatch, imageMatchSettings));
-    EXPECT_TRUE(res);
-    if (!res) {
-      return false;
-    }
-    EXPECT_EQ(res->status, 200) << res->body;
-    return Json::parse(res->body).value("asExpected", false);
-  }
-
   httplib::Result stopSession(const std::string& id, bool aborted, bool update,
                               const std::string& key = std::string(kDemoApiKey)) {
     return client_->Delete("/api/sessions/running/" + id + ".json?" + keyQuery(key) + "&aborted=" +
                            (aborted ? "1" : "0") + "&updateBaseline=" + (update ? "1" : "0"));
   }
 
-  Json stop(const std::string& id, bool update, bool aborted = false) {
-    auto res = stopSession(id, aborted, update);
+  // The answer's JSON after checking its status; an empty object when there is no answer.
+  static Json answer(const httplib::Result& res, int expectedStatus) {
     EXPECT_TRUE(res);
     if (!res) {
       return Json::object();
     }
-    EXPECT_EQ(res->status, 200) << res->body;
+    EXPECT_EQ(res->status, expectedStatus) << res->body;
     return Json::parse(res->body);
+  }
+  // Starts a session and returns its id, checking the status (201 new, 200 with baseline).
+  std::string start(const Json& info, int expectedStatus) {
+    return answer(startSession(info), expectedStatus).value("id", "");
+  }
+  // Sends one checkpoint and returns asExpected (false on any error answer).
+  bool check(const std::string& id, const Image& image, const std::string& tag,
+             bool ignoreMismatch = false, const Json& imageMatchSettings = settings()) {
+    const auto data = matchData(screenshot64(image), tag, ignoreMismatch, imageMatchSettings);
+    return answer(matchWindow(id, data), 200).value("asExpected", false);
+  }
+  Json stop(const std::string& id, bool update, bool aborted = false) {
+    return answer(stopSession(id, aborted, update), 200);
   }
 
   TempDir dir_;
@@ -153,4 +218,4 @@ class ServerTest : public ::testing::Test {
   std::unique_ptr<httplib::Client> client_;
 };
 
-}  // namespace lumo::server::testing
+}  // namespace lumo::test

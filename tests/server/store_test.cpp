@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 #include <signal.h>
-#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,16 +13,18 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "lumo/server/postgres_store.h"
 #include "lumo/server/sqlite_store.h"
+#include "server_fixture.h"
 #include "support/postgres_cluster.h"
-#include "temp_dir.h"
 
-namespace lumo::server {
+namespace lumo::test {
 namespace {
 
-using testing::TempDir;
+using namespace lumo::server;
+using lumo::testing::PostgresCluster;
 
 // One backend under test: opens (or reopens) the store whose data is under a directory (for
 // PostgreSQL: in a database named after it, on the test program's cluster).
@@ -37,23 +38,23 @@ struct Backend {
 // ctest lists each case by its backend's name rather than its bytes.
 void PrintTo(const Backend& backend, std::ostream* out) { *out << backend.name; }
 
-std::string postgresUrl(const std::filesystem::path& dir) {
-  return lumo::testing::PostgresCluster::shared()->database(dir.filename().string());
-}
-
 const Backend kSqlite{
     "Sqlite", [](const std::filesystem::path& dir) { return std::make_unique<SqliteStore>(dir); }};
-const Backend kPostgres{"Postgres",
-                        [](const std::filesystem::path& dir) {
-                          return std::make_unique<PostgresStore>(postgresUrl(dir));
-                        },
-                        [] {
-                          return lumo::testing::PostgresCluster::shared()
-                                     ? std::string()
-                                     : lumo::testing::PostgresCluster::skipReason();
-                        }};
+const Backend kPostgres{
+    "Postgres",
+    [](const std::filesystem::path& dir) {
+      return std::make_unique<PostgresStore>(
+          PostgresCluster::shared()->database(dir.filename().string()));
+    },
+    [] { return PostgresCluster::shared() ? std::string() : PostgresCluster::skipReason(); }};
 
 const BaselineKey kKey{"Shop", "Checkout", "iOS 17;iPhone;390x844", "default"};
+
+BaselineKey keyOf(const std::string& test) {
+  BaselineKey key = kKey;
+  key.test = test;
+  return key;
+}
 
 SessionRecord session(const std::string& id, const std::string& batch, std::int64_t startedMs) {
   SessionRecord s;
@@ -62,14 +63,18 @@ SessionRecord session(const std::string& id, const std::string& batch, std::int6
   s.key = kKey;
   s.startInfo = "{}";
   s.startedAt = "2026-01-01T00:00:00Z";
-  s.startedMs = startedMs;
-  s.lastActiveMs = startedMs;
+  s.startedMs = s.lastActiveMs = startedMs;
   s.isNew = true;
   return s;
 }
 
 StepRecord step(int position, const std::string& name, const std::string& image = "") {
   return {position, name, StepOutcome::New, "Strict", "", image, ""};
+}
+
+Store::SessionEnd stopped(const std::string& status, int steps = 0,
+                          std::optional<std::vector<StoredStep>> baseline = std::nullopt) {
+  return {SessionState::Stopped, status, 1, false, steps, {}, std::move(baseline)};
 }
 
 class StoreTest : public ::testing::TestWithParam<Backend> {
@@ -103,16 +108,13 @@ TEST_P(StoreTest, SavingReplacesTheBaselineOfItsKeyOnlyAndRefusesMissingImages) 
   EXPECT_FALSE(store->findBaseline(kKey));
   store->addSession(session("s1", "b", 1), {});
   store->saveBaseline(kKey, {{"one", a}, {"two", b}}, "s1");
-  BaselineKey feature = kKey;
+  BaselineKey feature = kKey, otherEnvironment = kKey;
   feature.branch = "feature";
+  otherEnvironment.environment = "Android";
   store->saveBaseline(feature, {{"one", c}}, "s2");
   store->saveBaseline(kKey, {{"only", c}}, "s3");
-  EXPECT_EQ(store->findBaseline(kKey), (std::vector<StoredStep>{{"only", c}}));
   EXPECT_EQ(store->findBaseline(feature), (std::vector<StoredStep>{{"one", c}}));
-  BaselineKey otherEnvironment = kKey;
-  otherEnvironment.environment = "Android";
   EXPECT_FALSE(store->findBaseline(otherEnvironment));
-
   EXPECT_THROW(store->saveBaseline(kKey, {{"one", a}, {"two", std::string(64, 'f')}}, "s4"),
                StoreError);
   EXPECT_THROW(store->saveBaseline(kKey, {{"one", "not-a-hash"}}, "s4"), StoreError);
@@ -136,18 +138,15 @@ TEST_P(StoreTest, SessionsStepsAndBatchesSurviveReopening) {
     store->completeStep("s1", 0, image, {{1, 2, 3, 4}});
   }
   auto store = open();
-  EXPECT_EQ(store->recentBatches(10).size(), 2u);
-  EXPECT_EQ(store->recentBatches(10)[0].id, "b2");
-  EXPECT_EQ(store->recentBatches(10)[1].name, "Nightly");
+  const auto batches = store->recentBatches(10);
+  ASSERT_EQ(batches.size(), 2u);
+  EXPECT_EQ(std::tie(batches[0].id, batches[1].name), std::tuple("b2", "Nightly"));
   EXPECT_EQ(store->recentBatches(1).size(), 1u);
   EXPECT_EQ(store->countSessions("b1"), 2);
   EXPECT_EQ(store->sessionsOfBatch("b1")[0].id, "s1");
   SessionRecord s1 = *store->findSession("s1");
-  EXPECT_EQ(s1.key, kKey);
-  EXPECT_EQ(s1.state, SessionState::Running);
-  EXPECT_EQ(s1.owner, "digest");
-  EXPECT_EQ(s1.stepCount, 1);
-  EXPECT_EQ(s1.lastActiveMs, 50);
+  EXPECT_EQ(std::tie(s1.key, s1.state, s1.owner, s1.stepCount, s1.lastActiveMs),
+            std::tuple(kKey, SessionState::Running, "digest", 1, 50));
   EXPECT_EQ(store->sessionBaseline("s1"),
             (std::vector<StoredStep>{{"home", image}, {"cart", image}}));
   EXPECT_FALSE(store->findSession("nope"));
@@ -159,19 +158,14 @@ TEST_P(StoreTest, SessionsStepsAndBatchesSurviveReopening) {
   EXPECT_FALSE(store->finishSession("s1", end));  // already stopped
   store = open();
   s1 = *store->findSession("s1");
-  EXPECT_EQ(s1.state, SessionState::Stopped);
-  EXPECT_EQ(s1.status, "Unresolved");
-  EXPECT_EQ(s1.durationMs, 1234);
-  EXPECT_EQ(s1.stepCount, 2);
-  EXPECT_TRUE(s1.saved);
+  EXPECT_EQ(std::tie(s1.state, s1.status, s1.durationMs, s1.stepCount, s1.saved),
+            std::tuple(SessionState::Stopped, "Unresolved", 1234, 2, true));
   EXPECT_EQ(store->findBaseline(kKey), (std::vector<StoredStep>{{"home", image}}));
   const auto steps = store->steps("s1");
   ASSERT_EQ(steps.size(), 2u);
-  EXPECT_EQ(steps[1].name, "cart");
-  EXPECT_EQ(steps[1].outcome, StepOutcome::Missing);
-  EXPECT_EQ(steps[1].baselineImage, image);
-  EXPECT_EQ(steps[0].currentImage, image);
-  EXPECT_EQ(steps[0].diffImage, image);
+  EXPECT_EQ(std::tie(steps[0].currentImage, steps[0].diffImage, steps[1].name, steps[1].outcome,
+                     steps[1].baselineImage),
+            std::tuple(image, image, "cart", StepOutcome::Missing, image));
   EXPECT_EQ(steps[0].boxes, (std::vector<Rect>{{1, 2, 3, 4}}));
 }
 
@@ -182,8 +176,7 @@ TEST_P(StoreTest, ChangesWhosePreconditionFailedChangeNothing) {
   const std::string image = store->putImage("img");
   store->addSession(session("run", "b", 0), {});
   store->addSession(session("done", "b", 0), {});
-  EXPECT_TRUE(store->finishSession(
-      "done", {SessionState::Stopped, "Passed", 1, false, 0, {}, std::nullopt}));
+  EXPECT_TRUE(store->finishSession("done", stopped("Passed")));
 
   EXPECT_EQ(store->appendStep("run", step(1, "gap"), 5), Store::Append::PositionTaken);
   EXPECT_EQ(store->appendStep("run", step(0, "a", image), 5), Store::Append::Appended);
@@ -191,15 +184,14 @@ TEST_P(StoreTest, ChangesWhosePreconditionFailedChangeNothing) {
   EXPECT_EQ(store->appendStep("done", step(0, "late"), 5), Store::Append::NotRunning);
   EXPECT_EQ(store->appendStep("nope", step(0, "x"), 5), Store::Append::NotRunning);
   // A stale step count, an approval of a running session, a rejection of one.
-  EXPECT_FALSE(store->finishSession(
-      "run", {SessionState::Stopped, "Passed", 1, false, 0, {}, std::nullopt}));
+  EXPECT_FALSE(store->finishSession("run", stopped("Passed")));
   EXPECT_FALSE(store->approveSession("run", {{"a", image}}));
   EXPECT_FALSE(store->rejectSession("run", std::nullopt));
   EXPECT_FALSE(store->rejectSession("done", 3));
   EXPECT_FALSE(store->findBaseline(kKey));
-  EXPECT_EQ(store->findSession("run")->state, SessionState::Running);
-  EXPECT_EQ(store->steps("run").size(), 1u);
-  EXPECT_FALSE(store->findSession("done")->rejected);
+  EXPECT_EQ(std::tuple(store->findSession("run")->state, store->steps("run").size(),
+                       store->findSession("done")->rejected),
+            std::tuple(SessionState::Running, 1u, false));
 
   EXPECT_TRUE(store->rejectSession("done", std::nullopt));
   EXPECT_TRUE(store->findSession("done")->rejected);
@@ -218,47 +210,11 @@ TEST_P(StoreTest, OnlySessionsIdleSinceTheBoundExpire) {
   store->touchSession("touched", 10);  // an older time never moves activity back
   EXPECT_EQ(store->expireIdleSessions(500), 1);
   const SessionRecord old = *store->findSession("old");
-  EXPECT_EQ(old.state, SessionState::Aborted);
-  EXPECT_TRUE(old.expired);
-  EXPECT_EQ(old.durationMs, 100);
+  EXPECT_EQ(std::tie(old.state, old.expired, old.durationMs),
+            std::tuple(SessionState::Aborted, true, 100));
   EXPECT_EQ(store->findSession("touched")->state, SessionState::Running);
   EXPECT_EQ(store->findSession("fresh")->state, SessionState::Running);
   EXPECT_EQ(store->expireIdleSessions(500), 0);
-}
-
-TEST_P(StoreTest, ConcurrentWritersKeepEveryBaselineAndStep) {
-  auto store = open();
-  store->addSession(session("shared", "b", 0), {});
-  std::vector<std::thread> writers;
-  for (int t = 0; t < 4; ++t) {
-    writers.emplace_back([&store, t] {
-      for (int i = 0; i < 20; ++i) {
-        BaselineKey key = kKey;
-        key.test = "test " + std::to_string(t) + "/" + std::to_string(i);
-        const std::string image = store->putImage("shared image");
-        store->saveBaseline(key, {{"step", image}, {"own", store->putImage(key.test)}}, "s");
-        // Every thread appends at the next free position until one is taken by it.
-        while (true) {
-          const int position = store->findSession("shared")->stepCount;
-          if (store->appendStep("shared", step(position, key.test), 1) == Store::Append::Appended) {
-            break;
-          }
-        }
-      }
-    });
-  }
-  for (auto& writer : writers) {
-    writer.join();
-  }
-  EXPECT_EQ(store->steps("shared").size(), 80u);
-  EXPECT_EQ(store->findSession("shared")->stepCount, 80);
-  for (int t = 0; t < 4; ++t) {
-    BaselineKey key = kKey;
-    key.test = "test " + std::to_string(t) + "/19";
-    const auto steps = store->findBaseline(key);
-    ASSERT_TRUE(steps);
-    EXPECT_EQ(store->readImage((*steps)[1].image), key.test);
-  }
 }
 
 // Approvals of several stopped sessions of one test, through separate stores (as separate
@@ -270,20 +226,18 @@ TEST_P(StoreTest, RacingApprovalsAndAStopLeaveOneWholeBaseline) {
   const std::string a = setup->putImage("a"), b = setup->putImage("b");
   constexpr int kSessions = 6;
   for (int round = 0; round < 3; ++round) {
-    const std::string prefix = "r" + std::to_string(round) + "-";
+    const std::string prefix = "r" + std::to_string(round) + "-", racer = prefix + "racer";
     std::vector<std::vector<StoredStep>> written;
     for (int i = 0; i < kSessions; ++i) {
       const std::string id = prefix + std::to_string(i);
       setup->addSession(session(id, "b", 0), {});
-      ASSERT_TRUE(setup->finishSession(
-          id, {SessionState::Stopped, "Unresolved", 1, false, 0, {}, std::nullopt}));
+      ASSERT_TRUE(setup->finishSession(id, stopped("Unresolved")));
       written.push_back({{id + "/0", a}, {id + "/1", b}, {id + "/2", a}});
     }
-    const std::string racer = prefix + "racer";
     setup->addSession(session(racer, "b", 0), {});
-    const std::vector<StoredStep> stopped{{racer + "/stop", b}};
+    const std::vector<StoredStep> saved{{racer + "/stop", b}};
     const std::vector<StoredStep> approved{{racer + "/approved", a}, {racer + "/2", b}};
-    written.push_back(stopped);
+    written.push_back(saved);
     written.push_back(approved);
 
     std::atomic<bool> approvedRacer{false};
@@ -292,10 +246,8 @@ TEST_P(StoreTest, RacingApprovalsAndAStopLeaveOneWholeBaseline) {
       threads.emplace_back(
           [&, i] { EXPECT_TRUE(open()->approveSession(prefix + std::to_string(i), written[i])); });
     }
-    threads.emplace_back([&] {
-      Store::SessionEnd end{SessionState::Stopped, "Unresolved", 1, false, 0, {}, stopped};
-      EXPECT_TRUE(open()->finishSession(racer, end));
-    });
+    threads.emplace_back(
+        [&] { EXPECT_TRUE(open()->finishSession(racer, stopped("Unresolved", 0, saved))); });
     threads.emplace_back([&] {
       auto store = open();
       while (store->findSession(racer)->state == SessionState::Running && !approvedRacer) {
@@ -313,9 +265,8 @@ TEST_P(StoreTest, RacingApprovalsAndAStopLeaveOneWholeBaseline) {
     ASSERT_TRUE(baseline);
     EXPECT_NE(std::find(written.begin(), written.end(), *baseline), written.end())
         << "a baseline mixed from several writes, " << baseline->size() << " steps";
-    const SessionRecord r = *setup->findSession(racer);
-    EXPECT_EQ(r.state, SessionState::Stopped);
-    EXPECT_TRUE(r.saved);
+    EXPECT_EQ(setup->findSession(racer)->state, SessionState::Stopped);
+    EXPECT_TRUE(setup->findSession(racer)->saved);
   }
 }
 
@@ -323,6 +274,9 @@ TEST_P(StoreTest, RacingApprovalsAndAStopLeaveOneWholeBaseline) {
 // without warning, and a reopened store must find every reported baseline with its images.
 TEST_P(StoreTest, AProcessKilledMidWriteLeavesEveryCommittedBaselineIntact) {
   open();  // the schema exists before the writer starts
+  const auto content = [](int i) {
+    return std::string(4096 + i, static_cast<char>('a' + i % 26)) + std::to_string(i);
+  };
   int pipeFds[2];
   ASSERT_EQ(pipe(pipeFds), 0);
   const pid_t child = fork();
@@ -331,11 +285,9 @@ TEST_P(StoreTest, AProcessKilledMidWriteLeavesEveryCommittedBaselineIntact) {
     close(pipeFds[0]);
     auto store = open();
     for (int i = 0;; ++i) {
-      BaselineKey key = kKey;
-      key.test = "test " + std::to_string(i % 7);
-      const std::string content(4096 + i, static_cast<char>('a' + i % 26));
-      const std::string image = store->putImage(content + std::to_string(i));
-      store->saveBaseline(key, {{"step " + std::to_string(i), image}}, "s");
+      const std::string image = store->putImage(content(i));
+      store->saveBaseline(keyOf("test " + std::to_string(i % 7)),
+                          {{"step " + std::to_string(i), image}}, "s");
       const std::string line = std::to_string(i) + "\n";
       if (write(pipeFds[1], line.data(), line.size()) < 0) {
         _exit(1);
@@ -362,17 +314,11 @@ TEST_P(StoreTest, AProcessKilledMidWriteLeavesEveryCommittedBaselineIntact) {
   // Each of the seven tests holds its latest committed write, or one still later whose
   // report the kill cut off.
   for (int i = std::max(last - 6, 0); i <= last; ++i) {
-    BaselineKey key = kKey;
-    key.test = "test " + std::to_string(i % 7);
-    const auto steps = store->findBaseline(key);
-    ASSERT_TRUE(steps) << key.test;
-    ASSERT_EQ(steps->size(), 1u);
+    const auto steps = store->findBaseline(keyOf("test " + std::to_string(i % 7)));
+    ASSERT_TRUE(steps && steps->size() == 1u) << i;
     const int saved = std::stoi((*steps)[0].name.substr(5));
     EXPECT_GE(saved, i);
-    const auto bytes = store->readImage((*steps)[0].image);
-    ASSERT_TRUE(bytes) << saved;
-    EXPECT_EQ(*bytes, std::string(4096 + saved, static_cast<char>('a' + saved % 26)) +
-                          std::to_string(saved));
+    EXPECT_EQ(store->readImage((*steps)[0].image), content(saved));
   }
 }
 
@@ -382,15 +328,10 @@ INSTANTIATE_TEST_SUITE_P(Backends, StoreTest, ::testing::Values(kSqlite, kPostgr
 // SQLite's own layout: images as files, no temporary file left after a kill.
 TEST(SqliteStore, ImagesAreFilesAndHalfWrittenOnesAreClearedAtOpen) {
   TempDir dir;
-  std::string hash;
-  {
-    SqliteStore store(dir.path());
-    hash = store.putImage("abc");
-  }
+  const std::string hash = SqliteStore(dir.path()).putImage("abc");
   const auto file = dir.path() / "images" / "ba" / (hash + ".png");
   EXPECT_TRUE(std::filesystem::exists(file));
-  std::filesystem::path temp = file;
-  temp += ".123.tmp";
+  const auto temp = std::filesystem::path(file.string() + ".123.tmp");
   std::filesystem::copy_file(file, temp);
   SqliteStore store(dir.path());
   EXPECT_FALSE(std::filesystem::exists(temp));
@@ -400,9 +341,7 @@ TEST(SqliteStore, ImagesAreFilesAndHalfWrittenOnesAreClearedAtOpen) {
 // sessions and baselines stay, and a session it left running is aborted, not resumable.
 TEST(SqliteStore, OpensADatabaseOfTheFormerSchema) {
   TempDir dir;
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open((dir.path() / "lumo.db").c_str(), &db), SQLITE_OK);
-  const char* former = R"sql(
+  execSql(dir.path(), R"sql(
 CREATE TABLE sessions(id TEXT PRIMARY KEY, batch_id TEXT NOT NULL, app TEXT NOT NULL,
   test TEXT NOT NULL, environment TEXT NOT NULL, branch TEXT NOT NULL,
   baseline_branch TEXT NOT NULL, start_info TEXT NOT NULL, started_at TEXT NOT NULL,
@@ -417,15 +356,11 @@ INSERT INTO sessions VALUES('left', 'b', 'Shop', 'T', 'e', 'default', '', '{}', 
 INSERT INTO sessions VALUES('done', 'b', 'Shop', 'T', 'e', 'default', '', '{}', 't', 2,
   'stopped', 'Passed', 0, 0, 5);
 INSERT INTO steps VALUES('left', 0, 'one', 'new', 'Strict', '', '', '');
-)sql";
-  ASSERT_EQ(sqlite3_exec(db, former, nullptr, nullptr, nullptr), SQLITE_OK);
-  sqlite3_close(db);
-
+)sql");
   for (int reopen = 0; reopen < 2; ++reopen) {
     SqliteStore store(dir.path());
     const SessionRecord left = *store.findSession("left");
-    EXPECT_EQ(left.state, SessionState::Aborted);
-    EXPECT_EQ(left.stepCount, 1);
+    EXPECT_EQ(std::tie(left.state, left.stepCount), std::tuple(SessionState::Aborted, 1));
     EXPECT_EQ(store.findSession("done")->status, "Passed");
     EXPECT_EQ(store.steps("left").size(), 1u);
   }
@@ -439,13 +374,7 @@ TEST(SqliteStore, RefusesAStateOrOutcomeItNeverWrites) {
     store.addSession(session("s", "b", 0), {});
     ASSERT_EQ(store.appendStep("s", step(0, "one"), 1), Store::Append::Appended);
   }
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open((dir.path() / "lumo.db").c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(
-      sqlite3_exec(db, "UPDATE sessions SET state = 'paused'; UPDATE steps SET outcome = 'Matched'",
-                   nullptr, nullptr, nullptr),
-      SQLITE_OK);
-  sqlite3_close(db);
+  execSql(dir.path(), "UPDATE sessions SET state = 'paused'; UPDATE steps SET outcome = 'Matched'");
   SqliteStore store(dir.path());
   EXPECT_THROW(store.findSession("s"), StoreError);
   EXPECT_THROW(store.steps("s"), StoreError);
@@ -454,9 +383,9 @@ TEST(SqliteStore, RefusesAStateOrOutcomeItNeverWrites) {
 // Instances starting together on an empty database create the schema once between them; a
 // database a newer server migrated is refused rather than written in the old layout.
 TEST(PostgresStore, InstancesStartingTogetherMigrateOnceAndANewerSchemaIsRefused) {
-  auto* cluster = lumo::testing::PostgresCluster::shared();
+  auto* cluster = PostgresCluster::shared();
   if (!cluster) {
-    GTEST_SKIP() << lumo::testing::PostgresCluster::skipReason();
+    GTEST_SKIP() << PostgresCluster::skipReason();
   }
   const std::string url = cluster->database("migrate-together");
   std::vector<std::thread> starting;
@@ -464,8 +393,7 @@ TEST(PostgresStore, InstancesStartingTogetherMigrateOnceAndANewerSchemaIsRefused
   for (int i = 0; i < 6; ++i) {
     starting.emplace_back([&] {
       try {
-        PostgresStore store(url, 1);
-        store.addBatch({"b", "", "", 1});
+        PostgresStore(url, 1).addBatch({"b", "", "", 1});
       } catch (const StoreError&) {
         ++failures;
       }
@@ -490,4 +418,4 @@ TEST(PostgresStore, InstancesStartingTogetherMigrateOnceAndANewerSchemaIsRefused
 }
 
 }  // namespace
-}  // namespace lumo::server
+}  // namespace lumo::test

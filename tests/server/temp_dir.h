@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace lumo::server::testing {
+namespace lumo::test {
 
 // A fresh directory under the system's temporary directory, removed with its contents.
 class TempDir {
@@ -31,4 +31,10 @@ class TempDir {
   std::filesystem::path path_;
 };
 
-}  // namespace lumo::server::testing
+}  // namespace lumo::test
+
+// The command's and the flavour's tests still reach it by the name it had before the project
+// had one test namespace.
+namespace lumo::server {
+namespace testing = lumo::test;
+}
