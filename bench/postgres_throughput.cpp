@@ -137,15 +137,15 @@ double checkpointsPerSecond(const std::string& url, int instances) {
 }  // namespace
 
 int main() {
-  const auto binDir = lumo::testing::PostgresCluster::findBinDir();
+  const auto binDir = lumo::test::PostgresCluster::findBinDir();
   if (!binDir) {
-    std::printf("%s\n", lumo::testing::PostgresCluster::skipReason().c_str());
+    std::printf("%s\n", lumo::test::PostgresCluster::skipReason().c_str());
     std::printf("postgres: not measured, PostgreSQL is not installed\n");
     return 0;
   }
-  lumo::testing::PostgresCluster::Options options;
+  lumo::test::PostgresCluster::Options options;
   options.fsync = true;
-  lumo::testing::PostgresCluster cluster(*binDir, options);
+  lumo::test::PostgresCluster cluster(*binDir, options);
   std::printf("throwaway cluster started in %.2f s\n", cluster.startSeconds());
   const std::string url = cluster.database("bench");
   std::printf("%d clients, %d checkpoints a session, %lld s each\n", kClients,

@@ -93,7 +93,7 @@ TEST_F(CheckEndToEnd, WrongApiKeyIsNoVerdict) {
 }
 
 TEST(CheckUnreachable, RefusedConnectionIsExitFourWithTheReasonAndItsReport) {
-  server::testing::TempDir files;
+  TempDir files;
   const auto image = writePng(files.path() / "home.png", screen(20, 20, 50));
   RefusingPort refusing;
   const auto outcome = runLumo({"check", "--server", refusing.baseURL(), "--app", "Shop", "--test",

@@ -44,7 +44,7 @@ class CheckUsage : public TestServerFixture {
     EXPECT_TRUE(server_.requests().empty()) << line;
   }
 
-  server::testing::TempDir dir_;
+  TempDir dir_;
   std::string image_;
 };
 

@@ -13,7 +13,7 @@ class CompareCommandTest : public ::testing::Test {
   std::string png(const std::string& name, const Image& image) {
     return writePng(dir_.path() / name, image).string();
   }
-  server::testing::TempDir dir_;
+  TempDir dir_;
 };
 
 TEST_F(CompareCommandTest, ExitStatusSaysWhetherTheImagesMatch) {

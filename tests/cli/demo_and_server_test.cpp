@@ -34,7 +34,7 @@ TEST(Demo, GivesNewTestThenPassedThenDifferences) {
 }
 
 TEST(Demo, WritesItsScreensForLumoCheck) {
-  server::testing::TempDir dir;
+  TempDir dir;
   ASSERT_EQ(runLumo({"demo", "--write-screens", dir.path().string()}).status, 0);
   const Image login = readPng(dir.path() / "Login.png");
   EXPECT_EQ(login.width(), 360);
@@ -46,7 +46,7 @@ TEST(Demo, WritesItsScreensForLumoCheck) {
 }
 
 TEST(ServerCommand, ServesUntilToldToStop) {
-  server::testing::TempDir dir;
+  TempDir dir;
   ServerOptions options;
   options.port = 0;
   options.dataDir = dir.path() / "data";

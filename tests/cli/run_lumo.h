@@ -104,8 +104,8 @@ class EmbeddedServerTest : public ::testing::Test {
     return runLumo(a);
   }
 
-  server::testing::TempDir data_;
-  server::testing::TempDir files_;
+  TempDir data_;
+  TempDir files_;
   std::unique_ptr<server::Server> server_;
   std::string home_, cart_, changed_;
 };

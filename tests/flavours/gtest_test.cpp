@@ -36,7 +36,7 @@ ImagePtr screen(std::uint8_t shade, int mark = 0) {
 // own visual test, so the tests do not see each other's baselines.
 struct EmbeddedServer {
   static void start() {
-    data = new server::testing::TempDir;
+    data = new TempDir;
     server::ServerConfig config;
     config.dataDir = data->path();
     instance = new server::Server(config);
@@ -47,7 +47,7 @@ struct EmbeddedServer {
     delete instance;
     delete data;
   }
-  static inline server::testing::TempDir* data = nullptr;
+  static inline TempDir* data = nullptr;
   static inline server::Server* instance = nullptr;
 };
 

@@ -10,7 +10,7 @@
 namespace lumo::test {
 namespace {
 
-using lumo::testing::PostgresCluster;
+using lumo::test::PostgresCluster;
 
 class SharedStoreEndToEnd : public ::testing::Test {
  protected:

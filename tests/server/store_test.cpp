@@ -24,7 +24,7 @@ namespace lumo::test {
 namespace {
 
 using namespace lumo::server;
-using lumo::testing::PostgresCluster;
+using lumo::test::PostgresCluster;
 
 // One backend under test: opens (or reopens) the store whose data is under a directory (for
 // PostgreSQL: in a database named after it, on the test program's cluster).

@@ -32,9 +32,3 @@ class TempDir {
 };
 
 }  // namespace lumo::test
-
-// The command's and the flavour's tests still reach it by the name it had before the project
-// had one test namespace.
-namespace lumo::server {
-namespace testing = lumo::test;
-}

@@ -56,8 +56,3 @@ class PostgresCluster {
 };
 
 }  // namespace lumo::test
-
-// The cluster's former namespace, still used by the store tests and the throughput benchmark.
-namespace lumo::testing {
-using test::PostgresCluster;
-}  // namespace lumo::testing
