@@ -91,6 +91,9 @@ inline float brightnessDelta(const std::uint8_t* p, const std::uint8_t* q) {
 // Whether pixel (x, y) of `image` looks like anti-aliasing: it lies on a brightness ramp
 // between a darker and a brighter neighbour, one of which sits in a flat area in both images.
 bool isAntialiased(const Image& image, int x, int y, const Image& other);
+// The same rule, one neighbour at a time: what border pixels use, and the yardstick of the
+// interior's faster form.
+bool isAntialiasedPlain(const Image& image, int x, int y, const Image& other);
 
 // Whether pixel (x, y) differs only because one image is drawn up to kDriftRadius pixels off
 // the other: each image's pixel lies within the colours (give or take kDriftMargin) of the
