@@ -354,6 +354,14 @@ void HttpClient::run(const std::shared_ptr<State>& state) {
         break;
       }
     }
+    if (running && active.empty()) {
+      // The last transfer may have ended just now, after the destructor asked to stop: waiting
+      // would hold the destructor for the whole grace with nothing left to do.
+      std::lock_guard lock(state->mutex);
+      if (state->stopping && state->pending.empty()) {
+        break;
+      }
+    }
     if (running) {
       curl_multi_poll(multi, nullptr, 0, std::max(1, waitMs), nullptr);
     }
