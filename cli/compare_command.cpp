@@ -21,7 +21,6 @@ namespace {
 
 using server::CompareResult;
 using server::ImageComparer;
-using server::MatchLevel;
 
 int narrow(std::int64_t v) {
   return static_cast<int>(std::clamp<std::int64_t>(v, -(std::int64_t{1} << 30), 1 << 30));
@@ -98,9 +97,7 @@ CompareOptions CompareCommand::options() const {
   o.baseline = files_[0];
   o.current = files_[1];
   if (command_->count("--match-level") > 0) {
-    const auto level = server::matchLevelFromName(
-        matchLevelToString(parseMatchLevel("--match-level", matchLevel_)));
-    o.settings.level = level.value_or(MatchLevel::Strict);
+    o.settings.level = parseMatchLevel("--match-level", matchLevel_);
   }
   for (const auto& r : regions_.ignore) {
     o.settings.ignore.push_back(pixels(parseRegion("--ignore", r)));
@@ -158,7 +155,7 @@ int runCompare(const CompareOptions& o, std::ostream& out, std::ostream& err) {
   }
   if (o.json) {
     const nlohmann::json verdict = {{"matches", result.matches},
-                                    {"matchLevel", server::matchLevelName(o.settings.level)},
+                                    {"matchLevel", matchLevelToString(o.settings.level)},
                                     {"sizeMismatch", result.sizeMismatch},
                                     {"differentPixels", result.differentPixels},
                                     {"toleratedPixels", result.toleratedPixels},
@@ -168,12 +165,12 @@ int runCompare(const CompareOptions& o, std::ostream& out, std::ostream& err) {
     fmt::print(out, "different: the images are {}x{} and {}x{} pixels\n", baseline.width(),
                baseline.height(), current.width(), current.height());
   } else if (result.matches) {
-    fmt::print(out, "match at {} ({} pixels tolerated)\n", server::matchLevelName(o.settings.level),
+    fmt::print(out, "match at {} ({} pixels tolerated)\n", matchLevelToString(o.settings.level),
                result.toleratedPixels);
   } else {
     fmt::print(out, "different at {}: {} pixels differ, {} tolerated, in {} areas\n",
-               server::matchLevelName(o.settings.level), result.differentPixels,
-               result.toleratedPixels, result.boxes.size());
+               matchLevelToString(o.settings.level), result.differentPixels, result.toleratedPixels,
+               result.boxes.size());
   }
   return result.matches ? kExitPassed : kExitDifferences;
 }

@@ -24,20 +24,17 @@ using detail::MarkCounts;
 // thread for long.
 constexpr std::size_t kFloatingSearchBudget = std::size_t{1} << 25;
 
-constexpr std::array<std::string_view, 5> kLevelNames = {"None", "Layout", "Content", "Strict",
-                                                         "Exact"};
-
 std::uint8_t pixelLevel(MatchLevel level) {
   switch (level) {
-    case MatchLevel::None:
+    case MatchLevelNone:
       return detail::kSkip;
-    case MatchLevel::Layout:
+    case MatchLevelLayout:
       return detail::kAtLayout;
-    case MatchLevel::Content:
+    case MatchLevelContent:
       return detail::kAtContent;
-    case MatchLevel::Strict:
+    case MatchLevelStrict:
       return detail::kAtStrict;
-    case MatchLevel::Exact:
+    case MatchLevelExact:
       return detail::kAtExact;
   }
   return detail::kAtStrict;
@@ -174,19 +171,6 @@ void outline(Image& image, const Rect& r) {
 
 }  // namespace
 
-std::string_view matchLevelName(MatchLevel level) {
-  return kLevelNames.at(static_cast<std::size_t>(level));
-}
-
-std::optional<MatchLevel> matchLevelFromName(std::string_view name) {
-  for (std::size_t i = 0; i < kLevelNames.size(); ++i) {
-    if (kLevelNames[i] == name) {
-      return static_cast<MatchLevel>(i);
-    }
-  }
-  return std::nullopt;
-}
-
 ImageComparer::ImageComparer(ComparerOptions options) : options_(options) {}
 
 CompareResult ImageComparer::compare(const Image& baseline, const Image& current,
@@ -203,7 +187,7 @@ CompareResult ImageComparer::compare(const Image& baseline, const Image& current
                                      const CompareSettings& settings, bool verdictOnly) const {
   CompareResult result;
   const bool regions = hasRegions(settings);
-  if (settings.level == MatchLevel::None && !regions) {
+  if (settings.level == MatchLevelNone && !regions) {
     return result;
   }
   const int width = current.width(), height = current.height();
@@ -222,7 +206,7 @@ CompareResult ImageComparer::compare(const Image& baseline, const Image& current
   std::vector<Rect> ignore = settings.ignore;
   if (settings.ignoreCaret) {
     result.carets =
-        detail::findCarets(baseline, current, maxDelta, settings.level == MatchLevel::Exact);
+        detail::findCarets(baseline, current, maxDelta, settings.level == MatchLevelExact);
     ignore.insert(ignore.end(), result.carets.begin(), result.carets.end());
   }
 
@@ -301,7 +285,7 @@ CompareResult ImageComparer::compare(const Image& baseline, const Image& current
       }
     }
   }
-  if (settings.level != MatchLevel::None) {
+  if (settings.level != MatchLevelNone) {
     for (const FloatingRect& f : settings.floating) {
       const Rect area = clip(f.rect, width, height);
       const bool ignored = std::any_of(settings.ignore.begin(), settings.ignore.end(),
@@ -309,7 +293,7 @@ CompareResult ImageComparer::compare(const Image& baseline, const Image& current
       if (isEmpty(area) || ignored) {
         continue;
       }
-      if (!floatingContentFound(baseline, current, area, f, settings.level == MatchLevel::Exact,
+      if (!floatingContentFound(baseline, current, area, f, settings.level == MatchLevelExact,
                                 maxDelta)) {
         result.differentAreas.push_back(clip(reach(f), width, height));
       }

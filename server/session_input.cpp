@@ -125,7 +125,7 @@ CompareSettings settingsFrom(const Json& s, std::string_view path, MatchLevel fa
   settings.level = fallback;
   const std::string level = stringAt(s, "matchLevel", path);
   if (!level.empty()) {
-    const auto parsed = matchLevelFromName(level);
+    const auto parsed = matchLevelFromString(level);
     if (!parsed) {
       badRequest(fmt::format("{}.matchLevel \"{}\" is not a match level", path, level));
     }

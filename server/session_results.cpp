@@ -29,9 +29,9 @@ Json defaultSettingsJson(const CompareSettings& s) {
                         {"maxLeftOffset", f.maxLeftOffset},
                         {"maxRightOffset", f.maxRightOffset}});
   }
-  return {{"matchLevel", matchLevelName(s.level)}, {"ignore", regionsJson(s.ignore)},
-          {"strict", regionsJson(s.strict)},       {"content", regionsJson(s.content)},
-          {"layout", regionsJson(s.layout)},       {"floating", floating}};
+  return {{"matchLevel", matchLevelToString(s.level)}, {"ignore", regionsJson(s.ignore)},
+          {"strict", regionsJson(s.strict)},           {"content", regionsJson(s.content)},
+          {"layout", regionsJson(s.layout)},           {"floating", floating}};
 }
 
 bool isDifferent(const Counts& c, bool isNew) {
@@ -45,8 +45,8 @@ Counts count(const std::vector<StepRecord>& steps) {
   for (const StepRecord& step : steps) {
     if (step.outcome == StepOutcome::Matched) {
       ++c.matched;
-      if (const auto level = matchLevelFromName(step.matchLevel)) {
-        ++c.byLevel[static_cast<int>(*level)];
+      if (const auto level = matchLevelFromString(step.matchLevel)) {
+        ++c.matchedAt(*level);
       }
     } else if (step.outcome == StepOutcome::Different) {
       ++c.different;
@@ -141,11 +141,11 @@ Json resultsJson(const SessionRecord& s, const Json& info, const std::vector<Ste
       {"matches", c.matched},
       {"mismatches", c.different + c.failed},
       {"missing", c.missing},
-      {"exactMatches", c.byLevel[static_cast<int>(MatchLevel::Exact)]},
-      {"strictMatches", c.byLevel[static_cast<int>(MatchLevel::Strict)]},
-      {"contentMatches", c.byLevel[static_cast<int>(MatchLevel::Content)]},
-      {"layoutMatches", c.byLevel[static_cast<int>(MatchLevel::Layout)]},
-      {"noneMatches", c.byLevel[static_cast<int>(MatchLevel::None)]},
+      {"exactMatches", c.matchedAt(MatchLevelExact)},
+      {"strictMatches", c.matchedAt(MatchLevelStrict)},
+      {"contentMatches", c.matchedAt(MatchLevelContent)},
+      {"layoutMatches", c.matchedAt(MatchLevelLayout)},
+      {"noneMatches", c.matchedAt(MatchLevelNone)},
       {"apiUrls", urls},
       {"appUrls", urls},
       {"stepsInfo", stepsInfo},
@@ -153,7 +153,7 @@ Json resultsJson(const SessionRecord& s, const Json& info, const std::vector<Ste
   if (defaults && defaults->is_object()) {
     try {
       out["defaultMatchSettings"] =
-          defaultSettingsJson(settingsFrom(*defaults, "defaultMatchSettings", MatchLevel::Strict));
+          defaultSettingsJson(settingsFrom(*defaults, "defaultMatchSettings", MatchLevelStrict));
     } catch (const ApiError&) {
       // Validated when the session started; nothing to report here.
     }

@@ -10,16 +10,9 @@
 #include <vector>
 
 #include "lumo/image.h"
+#include "lumo/match_level.h"
 
 namespace lumo::server {
-
-// How strictly a step is compared with its baseline. The names are the wire names.
-enum class MatchLevel { None, Layout, Content, Strict, Exact };
-
-// "None", "Layout", "Content", "Strict" or "Exact".
-std::string_view matchLevelName(MatchLevel level);
-// The level of a wire name; nullopt for any other text (case-sensitive).
-std::optional<MatchLevel> matchLevelFromName(std::string_view name);
 
 // A rectangle in the pixels of the compared images. Parts outside the image are ignored.
 struct Rect {
@@ -48,7 +41,7 @@ struct FloatingRect {
 // it locally. Ignore regions win over every other kind; strict regions win over content
 // regions, which win over layout regions.
 struct CompareSettings {
-  MatchLevel level = MatchLevel::Strict;
+  MatchLevel level = MatchLevelStrict;
   std::vector<Rect> ignore;
   std::vector<Rect> layout;
   std::vector<Rect> content;
