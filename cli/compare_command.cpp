@@ -26,8 +26,8 @@ int narrow(std::int64_t v) {
   return static_cast<int>(std::clamp<std::int64_t>(v, -(std::int64_t{1} << 30), 1 << 30));
 }
 
-server::Rect pixels(const Region& r) {
-  return {narrow(r.left()), narrow(r.top()), narrow(r.width()), narrow(r.height())};
+Rect pixels(const Region& r) {
+  return Rect(narrow(r.left()), narrow(r.top()), narrow(r.width()), narrow(r.height()));
 }
 
 std::vector<std::uint8_t> readFile(const std::filesystem::path& file) {
@@ -63,10 +63,14 @@ Image readImage(const std::filesystem::path& file) {
   }
 }
 
-nlohmann::json boxesJson(const std::vector<server::Rect>& boxes) {
+// The comparer's boxes hold whole pixels; they are written as integers.
+nlohmann::json boxesJson(const std::vector<Rect>& boxes) {
   nlohmann::json out = nlohmann::json::array();
-  for (const server::Rect& r : boxes) {
-    out.push_back({{"left", r.left}, {"top", r.top}, {"width", r.width}, {"height", r.height}});
+  for (const Rect& r : boxes) {
+    out.push_back({{"left", static_cast<int>(r.origin.x)},
+                   {"top", static_cast<int>(r.origin.y)},
+                   {"width", static_cast<int>(r.size.width)},
+                   {"height", static_cast<int>(r.size.height)}});
   }
   return out;
 }

@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "json_limits.h"
+#include "rect_pixels.h"
 
 namespace lumo::server::detail {
 namespace {
@@ -15,8 +16,8 @@ Rect rectFrom(const Json& r, std::string_view path) {
   if (!r.is_object()) {
     badRequest(fmt::format("{} must hold region objects", path));
   }
-  return {intAt(r, "left", path), intAt(r, "top", path), intAt(r, "width", path),
-          intAt(r, "height", path)};
+  return pixelRect(intAt(r, "left", path), intAt(r, "top", path), intAt(r, "width", path),
+                   intAt(r, "height", path));
 }
 
 std::vector<Rect> rectsAt(const Json& settings, const char* key, std::string_view path) {

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "rect_pixels.h"
 #include "session_input.h"
 #include "web_text.h"
 
@@ -11,7 +12,8 @@ namespace {
 Json regionsJson(const std::vector<Rect>& rects) {
   Json out = Json::array();
   for (const Rect& r : rects) {
-    out.push_back({{"left", r.left}, {"top", r.top}, {"width", r.width}, {"height", r.height}});
+    out.push_back(
+        {{"left", leftOf(r)}, {"top", topOf(r)}, {"width", widthOf(r)}, {"height", heightOf(r)}});
   }
   return out;
 }
@@ -20,10 +22,10 @@ Json regionsJson(const std::vector<Rect>& rects) {
 Json defaultSettingsJson(const CompareSettings& s) {
   Json floating = Json::array();
   for (const FloatingRect& f : s.floating) {
-    floating.push_back({{"left", f.rect.left},
-                        {"top", f.rect.top},
-                        {"width", f.rect.width},
-                        {"height", f.rect.height},
+    floating.push_back({{"left", leftOf(f.rect)},
+                        {"top", topOf(f.rect)},
+                        {"width", widthOf(f.rect)},
+                        {"height", heightOf(f.rect)},
                         {"maxUpOffset", f.maxUpOffset},
                         {"maxDownOffset", f.maxDownOffset},
                         {"maxLeftOffset", f.maxLeftOffset},

@@ -103,8 +103,8 @@ TEST(ImageComparer, BoxesSurroundEachClusterOfDifferences) {
   look.title = "Sent";
   const CompareResult word = compare(baseScreen(), drawScreen(look), {});
   ASSERT_EQ(word.boxes.size(), 1u);
-  EXPECT_NEAR(word.boxes[0].left, 24, 3);  // the title starts at 8 points
-  EXPECT_NEAR(word.boxes[0].top, 66, 3);   // and 22 points down
+  EXPECT_NEAR(word.boxes[0].origin.x, 24, 3);  // the title starts at 8 points
+  EXPECT_NEAR(word.boxes[0].origin.y, 66, 3);  // and 22 points down
   EXPECT_EQ(compare(solid(20, 30), solid(25, 30), {}).boxes, (std::vector<Rect>{{0, 0, 25, 30}}));
 }
 
@@ -262,7 +262,8 @@ TEST(ImageComparer, DiffImageOutlinesDifferentAreas) {
   ASSERT_FALSE(areas.differentAreas.empty());
   const Image outlined = ImageComparer().diffImage(a, moved, {.level = MatchLevelLayout}, areas);
   const Rect box = areas.differentAreas[0];
-  EXPECT_EQ(outlined.row(box.top)[box.left * 4 + 1], 0);
+  EXPECT_EQ(outlined.row(static_cast<int>(box.origin.y))[static_cast<int>(box.origin.x) * 4 + 1],
+            0);
 }
 
 }  // namespace
