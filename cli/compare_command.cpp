@@ -21,14 +21,13 @@ namespace {
 
 using server::CompareResult;
 using server::ImageComparer;
-using server::MatchLevel;
 
 int narrow(std::int64_t v) {
   return static_cast<int>(std::clamp<std::int64_t>(v, -(std::int64_t{1} << 30), 1 << 30));
 }
 
-server::Rect pixels(const Region& r) {
-  return {narrow(r.left()), narrow(r.top()), narrow(r.width()), narrow(r.height())};
+Rect pixels(const Region& r) {
+  return Rect(narrow(r.left()), narrow(r.top()), narrow(r.width()), narrow(r.height()));
 }
 
 std::vector<std::uint8_t> readFile(const std::filesystem::path& file) {
@@ -64,10 +63,14 @@ Image readImage(const std::filesystem::path& file) {
   }
 }
 
-nlohmann::json boxesJson(const std::vector<server::Rect>& boxes) {
+// The comparer's boxes hold whole pixels; they are written as integers.
+nlohmann::json boxesJson(const std::vector<Rect>& boxes) {
   nlohmann::json out = nlohmann::json::array();
-  for (const server::Rect& r : boxes) {
-    out.push_back({{"left", r.left}, {"top", r.top}, {"width", r.width}, {"height", r.height}});
+  for (const Rect& r : boxes) {
+    out.push_back({{"left", static_cast<int>(r.origin.x)},
+                   {"top", static_cast<int>(r.origin.y)},
+                   {"width", static_cast<int>(r.size.width)},
+                   {"height", static_cast<int>(r.size.height)}});
   }
   return out;
 }
@@ -98,9 +101,7 @@ CompareOptions CompareCommand::options() const {
   o.baseline = files_[0];
   o.current = files_[1];
   if (command_->count("--match-level") > 0) {
-    const auto level = server::matchLevelFromName(
-        matchLevelToString(parseMatchLevel("--match-level", matchLevel_)));
-    o.settings.level = level.value_or(MatchLevel::Strict);
+    o.settings.level = parseMatchLevel("--match-level", matchLevel_);
   }
   for (const auto& r : regions_.ignore) {
     o.settings.ignore.push_back(pixels(parseRegion("--ignore", r)));
@@ -158,7 +159,7 @@ int runCompare(const CompareOptions& o, std::ostream& out, std::ostream& err) {
   }
   if (o.json) {
     const nlohmann::json verdict = {{"matches", result.matches},
-                                    {"matchLevel", server::matchLevelName(o.settings.level)},
+                                    {"matchLevel", matchLevelToString(o.settings.level)},
                                     {"sizeMismatch", result.sizeMismatch},
                                     {"differentPixels", result.differentPixels},
                                     {"toleratedPixels", result.toleratedPixels},
@@ -168,12 +169,12 @@ int runCompare(const CompareOptions& o, std::ostream& out, std::ostream& err) {
     fmt::print(out, "different: the images are {}x{} and {}x{} pixels\n", baseline.width(),
                baseline.height(), current.width(), current.height());
   } else if (result.matches) {
-    fmt::print(out, "match at {} ({} pixels tolerated)\n", server::matchLevelName(o.settings.level),
+    fmt::print(out, "match at {} ({} pixels tolerated)\n", matchLevelToString(o.settings.level),
                result.toleratedPixels);
   } else {
     fmt::print(out, "different at {}: {} pixels differ, {} tolerated, in {} areas\n",
-               server::matchLevelName(o.settings.level), result.differentPixels,
-               result.toleratedPixels, result.boxes.size());
+               matchLevelToString(o.settings.level), result.differentPixels, result.toleratedPixels,
+               result.boxes.size());
   }
   return result.matches ? kExitPassed : kExitDifferences;
 }

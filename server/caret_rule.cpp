@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "difference_boxes.h"
+#include "rect_pixels.h"
 #include "strict_metric.h"
 
 namespace lumo::server::detail {
@@ -28,14 +29,15 @@ bool same(const std::uint8_t* p, const std::uint8_t* q, float maxDelta, bool exa
 // drawn between pixel rows is.
 bool barIn(const Image& withBar, const Image& without, const Rect& bar, float maxDelta,
            bool exact) {
-  const int side = bar.left > 0 ? bar.left - 1 : bar.left + bar.width;
+  const int left = leftOf(bar), top = topOf(bar), width = widthOf(bar), height = heightOf(bar);
+  const int side = left > 0 ? left - 1 : left + width;
   if (side >= without.width()) {
     return false;
   }
-  for (int x = bar.left; x < bar.left + bar.width; ++x) {
-    const std::uint8_t* middle = at(withBar, x, bar.top + bar.height / 2);
-    for (int y = bar.top; y < bar.top + bar.height; ++y) {
-      const bool end = y == bar.top || y == bar.top + bar.height - 1;
+  for (int x = left; x < left + width; ++x) {
+    const std::uint8_t* middle = at(withBar, x, top + height / 2);
+    for (int y = top; y < top + height; ++y) {
+      const bool end = y == top || y == top + height - 1;
       if ((!end && !same(at(withBar, x, y), middle, maxDelta, exact)) ||
           !same(at(without, x, y), at(without, side, y), maxDelta, exact)) {
         return false;
@@ -48,14 +50,16 @@ bool barIn(const Image& withBar, const Image& without, const Rect& bar, float ma
 }  // namespace
 
 bool isCaretOnly(const Image& a, const Image& b, const Rect& box, float maxDelta, bool exact) {
-  if (box.width <= 0 || box.height <= 0 || box.width > kMaxCaretWidth + 2 * kCaretMargin ||
-      box.height > kMaxCaretHeight + 2 * kCaretMargin) {
+  const int boxLeft = leftOf(box), boxTop = topOf(box);
+  const int boxWidth = widthOf(box), boxHeight = heightOf(box);
+  if (boxWidth <= 0 || boxHeight <= 0 || boxWidth > kMaxCaretWidth + 2 * kCaretMargin ||
+      boxHeight > kMaxCaretHeight + 2 * kCaretMargin) {
     return false;
   }
-  const int x0 = std::max(box.left - kCaretMargin, 0);
-  const int y0 = std::max(box.top - kCaretMargin, 0);
-  const int x1 = std::min(box.left + box.width + kCaretMargin, a.width());
-  const int y1 = std::min(box.top + box.height + kCaretMargin, a.height());
+  const int x0 = std::max(boxLeft - kCaretMargin, 0);
+  const int y0 = std::max(boxTop - kCaretMargin, 0);
+  const int x1 = std::min(boxLeft + boxWidth + kCaretMargin, a.width());
+  const int y1 = std::min(boxTop + boxHeight + kCaretMargin, a.height());
   int left = x1, right = x0 - 1, top = y1, bottom = y0 - 1;
   for (int y = y0; y < y1; ++y) {
     for (int x = x0; x < x1; ++x) {
@@ -65,19 +69,20 @@ bool isCaretOnly(const Image& a, const Image& b, const Rect& box, float maxDelta
       }
     }
   }
-  const Rect bar{left, top, right - left + 1, bottom - top + 1};
-  if (bar.width <= 0 || bar.width > kMaxCaretWidth || bar.height < kMinCaretHeight ||
-      bar.height > kMaxCaretHeight) {
+  const int barWidth = right - left + 1, barHeight = bottom - top + 1;
+  if (barWidth <= 0 || barWidth > kMaxCaretWidth || barHeight < kMinCaretHeight ||
+      barHeight > kMaxCaretHeight) {
     return false;
   }
   // Between its end rows the bar differs at every pixel: a solid bar, nothing beside it.
-  for (int y = bar.top + 1; y < bar.top + bar.height - 1; ++y) {
-    for (int x = bar.left; x < bar.left + bar.width; ++x) {
+  for (int y = top + 1; y < top + barHeight - 1; ++y) {
+    for (int x = left; x < left + barWidth; ++x) {
       if (same(at(a, x, y), at(b, x, y), maxDelta, exact)) {
         return false;
       }
     }
   }
+  const Rect bar = pixelRect(left, top, barWidth, barHeight);
   return barIn(a, b, bar, maxDelta, exact) || barIn(b, a, bar, maxDelta, exact);
 }
 
@@ -107,7 +112,8 @@ std::vector<Rect> findCarets(const Image& a, const Image& b, float maxDelta, boo
        differenceBoxes(marks.get(), rowMarked.data(), width, height, kCaretClusterGap)) {
     if (isCaretOnly(a, b, box, maxDelta, exact)) {
       // Every differing pixel of the cluster lies in the bar, so the box is the bar.
-      carets.push_back({box.left - 1, box.top - 1, box.width + 2, box.height + 2});
+      carets.push_back(
+          pixelRect(leftOf(box) - 1, topOf(box) - 1, widthOf(box) + 2, heightOf(box) + 2));
     }
   }
   return carets;

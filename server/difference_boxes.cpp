@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstring>
 
+#include "rect_pixels.h"
 #include "strict_metric.h"
 
 namespace lumo::server::detail {
@@ -98,7 +99,8 @@ std::vector<Rect> mergeTouchingCells(const std::vector<CellBounds>& cells, int g
         }
       }
     }
-    boxes.push_back({box.left, box.top, box.right - box.left + 1, box.bottom - box.top + 1});
+    boxes.push_back(
+        pixelRect(box.left, box.top, box.right - box.left + 1, box.bottom - box.top + 1));
   }
   return boxes;
 }

@@ -1,7 +1,6 @@
 #include "lumo/server/image_comparer.h"
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -10,34 +9,37 @@
 
 #include "caret_rule.h"
 #include "difference_boxes.h"
+#include "rect_pixels.h"
 #include "strict_metric.h"
 #include "structure_metric.h"
 
 namespace lumo::server {
 namespace {
 
+using detail::heightOf;
+using detail::leftOf;
 using detail::LevelMap;
 using detail::MarkCounts;
+using detail::pixelRect;
+using detail::topOf;
+using detail::widthOf;
 
 // A floating region gives up after this many pixel comparisons (each shift tried costs at
 // least one): offsets are the client's to choose, and a search must not hold a request
 // thread for long.
 constexpr std::size_t kFloatingSearchBudget = std::size_t{1} << 25;
 
-constexpr std::array<std::string_view, 5> kLevelNames = {"None", "Layout", "Content", "Strict",
-                                                         "Exact"};
-
 std::uint8_t pixelLevel(MatchLevel level) {
   switch (level) {
-    case MatchLevel::None:
+    case MatchLevelNone:
       return detail::kSkip;
-    case MatchLevel::Layout:
+    case MatchLevelLayout:
       return detail::kAtLayout;
-    case MatchLevel::Content:
+    case MatchLevelContent:
       return detail::kAtContent;
-    case MatchLevel::Strict:
+    case MatchLevelStrict:
       return detail::kAtStrict;
-    case MatchLevel::Exact:
+    case MatchLevelExact:
       return detail::kAtExact;
   }
   return detail::kAtStrict;
@@ -45,20 +47,23 @@ std::uint8_t pixelLevel(MatchLevel level) {
 
 // The part of r inside a width x height image; empty rectangles have width or height 0.
 Rect clip(const Rect& r, int width, int height) {
-  const long left = std::clamp<long>(r.left, 0, width);
-  const long top = std::clamp<long>(r.top, 0, height);
-  const long right = std::clamp<long>(static_cast<long>(r.left) + std::max(r.width, 0), 0, width);
-  const long bottom = std::clamp<long>(static_cast<long>(r.top) + std::max(r.height, 0), 0, height);
-  return {static_cast<int>(left), static_cast<int>(top), static_cast<int>(right - left),
-          static_cast<int>(bottom - top)};
+  const long left = std::clamp<long>(leftOf(r), 0, width);
+  const long top = std::clamp<long>(topOf(r), 0, height);
+  const long right =
+      std::clamp<long>(static_cast<long>(leftOf(r)) + std::max(widthOf(r), 0), 0, width);
+  const long bottom =
+      std::clamp<long>(static_cast<long>(topOf(r)) + std::max(heightOf(r), 0), 0, height);
+  return pixelRect(static_cast<int>(left), static_cast<int>(top), static_cast<int>(right - left),
+                   static_cast<int>(bottom - top));
 }
 
-bool isEmpty(const Rect& r) { return r.width <= 0 || r.height <= 0; }
+bool isEmpty(const Rect& r) { return widthOf(r) <= 0 || heightOf(r) <= 0; }
 
+// Side by side as given; lumo::Rect::contains would first standardise negative sizes.
 bool contains(const Rect& outer, const Rect& inner) {
-  return inner.left >= outer.left && inner.top >= outer.top &&
-         inner.left + inner.width <= outer.left + outer.width &&
-         inner.top + inner.height <= outer.top + outer.height;
+  return leftOf(inner) >= leftOf(outer) && topOf(inner) >= topOf(outer) &&
+         leftOf(inner) + widthOf(inner) <= leftOf(outer) + widthOf(outer) &&
+         topOf(inner) + heightOf(inner) <= topOf(outer) + heightOf(outer);
 }
 
 // The area a floating region's content may occupy once moved.
@@ -66,17 +71,18 @@ Rect reach(const FloatingRect& f) {
   const long up = std::max(f.maxUpOffset, 0), down = std::max(f.maxDownOffset, 0);
   const long left = std::max(f.maxLeftOffset, 0), right = std::max(f.maxRightOffset, 0);
   auto narrow = [](long v) { return static_cast<int>(std::clamp<long>(v, -(1L << 30), 1L << 30)); };
-  return {narrow(f.rect.left - left), narrow(f.rect.top - up),
-          narrow(std::max(f.rect.width, 0) + left + right),
-          narrow(std::max(f.rect.height, 0) + up + down)};
+  return pixelRect(narrow(leftOf(f.rect) - left), narrow(topOf(f.rect) - up),
+                   narrow(std::max(widthOf(f.rect), 0) + left + right),
+                   narrow(std::max(heightOf(f.rect), 0) + up + down));
 }
 
 void paint(std::vector<std::uint8_t>& levels, int width, int height, const Rect& r,
            std::uint8_t level) {
   const Rect c = clip(r, width, height);
-  for (int y = c.top; y < c.top + c.height; ++y) {
-    std::memset(levels.data() + static_cast<std::size_t>(y) * width + c.left, level,
-                static_cast<std::size_t>(std::max(c.width, 0)));
+  const int left = leftOf(c), top = topOf(c), cw = widthOf(c), ch = heightOf(c);
+  for (int y = top; y < top + ch; ++y) {
+    std::memset(levels.data() + static_cast<std::size_t>(y) * width + left, level,
+                static_cast<std::size_t>(std::max(cw, 0)));
   }
 }
 
@@ -91,20 +97,22 @@ bool hasRegions(const CompareSettings& s) {
 bool floatingContentFound(const Image& baseline, const Image& current, const Rect& area,
                           const FloatingRect& f, bool exact, float maxDelta) {
   const int width = current.width(), height = current.height();
-  const int minDy = -std::min(std::max(f.maxUpOffset, 0), area.top);
-  const int maxDy = std::min(std::max(f.maxDownOffset, 0), height - area.top - area.height);
-  const int minDx = -std::min(std::max(f.maxLeftOffset, 0), area.left);
-  const int maxDx = std::min(std::max(f.maxRightOffset, 0), width - area.left - area.width);
-  const std::size_t areaCost = static_cast<std::size_t>(area.width) * area.height;
+  const int left = leftOf(area), top = topOf(area);
+  const int areaWidth = widthOf(area), areaHeight = heightOf(area);
+  const int minDy = -std::min(std::max(f.maxUpOffset, 0), top);
+  const int maxDy = std::min(std::max(f.maxDownOffset, 0), height - top - areaHeight);
+  const int minDx = -std::min(std::max(f.maxLeftOffset, 0), left);
+  const int maxDx = std::min(std::max(f.maxRightOffset, 0), width - left - areaWidth);
+  const std::size_t areaCost = static_cast<std::size_t>(areaWidth) * areaHeight;
   std::size_t budget = kFloatingSearchBudget;
   auto matchesAt = [&](int dx, int dy) {
-    for (int y = area.top; y < area.top + area.height; ++y) {
-      const std::uint8_t* b = baseline.row(y) + area.left * 4;
-      const std::uint8_t* c = current.row(y + dy) + (area.left + dx) * 4;
-      if (std::memcmp(b, c, static_cast<std::size_t>(area.width) * 4) == 0) {
+    for (int y = top; y < top + areaHeight; ++y) {
+      const std::uint8_t* b = baseline.row(y) + left * 4;
+      const std::uint8_t* c = current.row(y + dy) + (left + dx) * 4;
+      if (std::memcmp(b, c, static_cast<std::size_t>(areaWidth) * 4) == 0) {
         continue;
       }
-      for (int x = 0; x < area.width; ++x) {
+      for (int x = 0; x < areaWidth; ++x) {
         const bool same = exact ? std::memcmp(b + x * 4, c + x * 4, 4) == 0
                                 : detail::colourDelta(b + x * 4, c + x * 4) <= maxDelta;
         if (!same) {
@@ -161,10 +169,11 @@ void outline(Image& image, const Rect& r) {
     return;
   }
   constexpr int kLine = 2;
-  for (int y = c.top; y < c.top + c.height; ++y) {
-    for (int x = c.left; x < c.left + c.width; ++x) {
-      const bool border = x < c.left + kLine || x >= c.left + c.width - kLine ||
-                          y < c.top + kLine || y >= c.top + c.height - kLine;
+  const int left = leftOf(c), top = topOf(c), right = left + widthOf(c), bottom = top + heightOf(c);
+  for (int y = top; y < bottom; ++y) {
+    for (int x = left; x < right; ++x) {
+      const bool border =
+          x < left + kLine || x >= right - kLine || y < top + kLine || y >= bottom - kLine;
       if (border) {
         setPixel(image, static_cast<std::size_t>(y) * image.width() + x, 255, 0, 0);
       }
@@ -173,19 +182,6 @@ void outline(Image& image, const Rect& r) {
 }
 
 }  // namespace
-
-std::string_view matchLevelName(MatchLevel level) {
-  return kLevelNames.at(static_cast<std::size_t>(level));
-}
-
-std::optional<MatchLevel> matchLevelFromName(std::string_view name) {
-  for (std::size_t i = 0; i < kLevelNames.size(); ++i) {
-    if (kLevelNames[i] == name) {
-      return static_cast<MatchLevel>(i);
-    }
-  }
-  return std::nullopt;
-}
 
 ImageComparer::ImageComparer(ComparerOptions options) : options_(options) {}
 
@@ -203,14 +199,14 @@ CompareResult ImageComparer::compare(const Image& baseline, const Image& current
                                      const CompareSettings& settings, bool verdictOnly) const {
   CompareResult result;
   const bool regions = hasRegions(settings);
-  if (settings.level == MatchLevel::None && !regions) {
+  if (settings.level == MatchLevelNone && !regions) {
     return result;
   }
   const int width = current.width(), height = current.height();
   if (baseline.width() != width || baseline.height() != height) {
     result.matches = false;
     result.sizeMismatch = true;
-    result.boxes.push_back({0, 0, width, height});
+    result.boxes.push_back(pixelRect(0, 0, width, height));
     return result;
   }
   if (width == 0 || height == 0) {
@@ -222,7 +218,7 @@ CompareResult ImageComparer::compare(const Image& baseline, const Image& current
   std::vector<Rect> ignore = settings.ignore;
   if (settings.ignoreCaret) {
     result.carets =
-        detail::findCarets(baseline, current, maxDelta, settings.level == MatchLevel::Exact);
+        detail::findCarets(baseline, current, maxDelta, settings.level == MatchLevelExact);
     ignore.insert(ignore.end(), result.carets.begin(), result.carets.end());
   }
 
@@ -301,7 +297,7 @@ CompareResult ImageComparer::compare(const Image& baseline, const Image& current
       }
     }
   }
-  if (settings.level != MatchLevel::None) {
+  if (settings.level != MatchLevelNone) {
     for (const FloatingRect& f : settings.floating) {
       const Rect area = clip(f.rect, width, height);
       const bool ignored = std::any_of(settings.ignore.begin(), settings.ignore.end(),
@@ -309,7 +305,7 @@ CompareResult ImageComparer::compare(const Image& baseline, const Image& current
       if (isEmpty(area) || ignored) {
         continue;
       }
-      if (!floatingContentFound(baseline, current, area, f, settings.level == MatchLevel::Exact,
+      if (!floatingContentFound(baseline, current, area, f, settings.level == MatchLevelExact,
                                 maxDelta)) {
         result.differentAreas.push_back(clip(reach(f), width, height));
       }
@@ -347,17 +343,18 @@ Image ImageComparer::diffImage(const Image& baseline, const Image& current,
       }
     }
     if (baseline.width() > width) {
-      outline(out, {width - 2, 0, 2, height});
+      outline(out, pixelRect(width - 2, 0, 2, height));
     }
     if (baseline.height() > height) {
-      outline(out, {0, height - 2, width, 2});
+      outline(out, pixelRect(0, height - 2, width, 2));
     }
     return out;
   }
   for (const Rect& r : settings.ignore) {
     const Rect c = clip(r, out.width(), out.height());
-    for (int y = c.top; y < c.top + c.height; ++y) {
-      for (int x = c.left; x < c.left + c.width; ++x) {
+    const int left = leftOf(c), top = topOf(c), right = left + widthOf(c);
+    for (int y = top; y < top + heightOf(c); ++y) {
+      for (int x = left; x < right; ++x) {
         std::uint8_t* p = out.row(y) + x * 4;
         p[0] = static_cast<std::uint8_t>(p[0] * 3 / 4);
         p[1] = static_cast<std::uint8_t>(p[1] * 3 / 4);

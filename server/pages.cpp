@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 
+#include "rect_pixels.h"
 #include "review_time.h"
 #include "web_text.h"
 
@@ -131,8 +132,8 @@ std::string overlayPane(const StepRecord& step) {
 std::string boxesJson(const std::vector<Rect>& boxes) {
   std::string out = "[";
   for (const Rect& r : boxes) {
-    out +=
-        fmt::format("{}[{},{},{},{}]", out.size() > 1 ? "," : "", r.left, r.top, r.width, r.height);
+    out += fmt::format("{}[{},{},{},{}]", out.size() > 1 ? "," : "", leftOf(r), topOf(r),
+                       widthOf(r), heightOf(r));
   }
   return out + "]";
 }
@@ -153,7 +154,7 @@ std::string differenceList(const StepRecord& step, const std::vector<Rect>* boxe
     items += fmt::format(
         "<li><button type=\"button\" data-index=\"{}\">{} &middot; {},{} &middot; "
         "{}&times;{}</button></li>",
-        i, i + 1, r.left, r.top, r.width, r.height);
+        i, i + 1, leftOf(r), topOf(r), widthOf(r), heightOf(r));
   }
   return fmt::format("{} difference{}: <ol>{}</ol>", boxes->size(), boxes->size() == 1 ? "" : "s",
                      items);

@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "json_limits.h"
+#include "rect_pixels.h"
 
 namespace lumo::server::detail {
 namespace {
@@ -15,8 +16,8 @@ Rect rectFrom(const Json& r, std::string_view path) {
   if (!r.is_object()) {
     badRequest(fmt::format("{} must hold region objects", path));
   }
-  return {intAt(r, "left", path), intAt(r, "top", path), intAt(r, "width", path),
-          intAt(r, "height", path)};
+  return pixelRect(intAt(r, "left", path), intAt(r, "top", path), intAt(r, "width", path),
+                   intAt(r, "height", path));
 }
 
 std::vector<Rect> rectsAt(const Json& settings, const char* key, std::string_view path) {
@@ -125,7 +126,7 @@ CompareSettings settingsFrom(const Json& s, std::string_view path, MatchLevel fa
   settings.level = fallback;
   const std::string level = stringAt(s, "matchLevel", path);
   if (!level.empty()) {
-    const auto parsed = matchLevelFromName(level);
+    const auto parsed = matchLevelFromString(level);
     if (!parsed) {
       badRequest(fmt::format("{}.matchLevel \"{}\" is not a match level", path, level));
     }

@@ -68,7 +68,7 @@ std::string ownerOf(std::string_view apiKey) {
 CompareSettings defaultsOf(const SessionRecord& s) {
   const Json info = storedStartInfo(s);
   return settingsFrom(objectAt(info, "defaultMatchSettings", "startInfo"),
-                      "startInfo.defaultMatchSettings", MatchLevel::Strict);
+                      "startInfo.defaultMatchSettings", MatchLevelStrict);
 }
 
 // Requests of one session reaching two managers at once each try again with what the other
@@ -137,7 +137,7 @@ SessionManager::Started SessionManager::start(const Json& startInfo, std::string
   const std::string batchName = stringAt(batch, "name", "startInfo.batchInfo");
   const std::string batchStart = stringAt(batch, "startedAt", "startInfo.batchInfo");
   settingsFrom(objectAt(startInfo, "defaultMatchSettings", "startInfo"),
-               "startInfo.defaultMatchSettings", MatchLevel::Strict);
+               "startInfo.defaultMatchSettings", MatchLevelStrict);
 
   const auto now = options_.clock();
   const std::int64_t nowUnixMs = unixMs(now);
@@ -291,7 +291,7 @@ bool SessionManager::match(const std::string& sessionId, Json matchData, std::st
     StepRecord step;
     step.position = position;
     step.name = name;
-    step.matchLevel = matchLevelName(settings.level);
+    step.matchLevel = matchLevelToString(settings.level);
     const bool hasBaseline = position < static_cast<int>(baselineSteps.size());
     if (hasBaseline) {
       step.baselineImage = baselineSteps[position].image;

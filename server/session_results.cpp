@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "rect_pixels.h"
 #include "session_input.h"
 #include "web_text.h"
 
@@ -11,7 +12,8 @@ namespace {
 Json regionsJson(const std::vector<Rect>& rects) {
   Json out = Json::array();
   for (const Rect& r : rects) {
-    out.push_back({{"left", r.left}, {"top", r.top}, {"width", r.width}, {"height", r.height}});
+    out.push_back(
+        {{"left", leftOf(r)}, {"top", topOf(r)}, {"width", widthOf(r)}, {"height", heightOf(r)}});
   }
   return out;
 }
@@ -20,18 +22,18 @@ Json regionsJson(const std::vector<Rect>& rects) {
 Json defaultSettingsJson(const CompareSettings& s) {
   Json floating = Json::array();
   for (const FloatingRect& f : s.floating) {
-    floating.push_back({{"left", f.rect.left},
-                        {"top", f.rect.top},
-                        {"width", f.rect.width},
-                        {"height", f.rect.height},
+    floating.push_back({{"left", leftOf(f.rect)},
+                        {"top", topOf(f.rect)},
+                        {"width", widthOf(f.rect)},
+                        {"height", heightOf(f.rect)},
                         {"maxUpOffset", f.maxUpOffset},
                         {"maxDownOffset", f.maxDownOffset},
                         {"maxLeftOffset", f.maxLeftOffset},
                         {"maxRightOffset", f.maxRightOffset}});
   }
-  return {{"matchLevel", matchLevelName(s.level)}, {"ignore", regionsJson(s.ignore)},
-          {"strict", regionsJson(s.strict)},       {"content", regionsJson(s.content)},
-          {"layout", regionsJson(s.layout)},       {"floating", floating}};
+  return {{"matchLevel", matchLevelToString(s.level)}, {"ignore", regionsJson(s.ignore)},
+          {"strict", regionsJson(s.strict)},           {"content", regionsJson(s.content)},
+          {"layout", regionsJson(s.layout)},           {"floating", floating}};
 }
 
 bool isDifferent(const Counts& c, bool isNew) {
@@ -45,8 +47,8 @@ Counts count(const std::vector<StepRecord>& steps) {
   for (const StepRecord& step : steps) {
     if (step.outcome == StepOutcome::Matched) {
       ++c.matched;
-      if (const auto level = matchLevelFromName(step.matchLevel)) {
-        ++c.byLevel[static_cast<int>(*level)];
+      if (const auto level = matchLevelFromString(step.matchLevel)) {
+        ++c.matchedAt(*level);
       }
     } else if (step.outcome == StepOutcome::Different) {
       ++c.different;
@@ -141,11 +143,11 @@ Json resultsJson(const SessionRecord& s, const Json& info, const std::vector<Ste
       {"matches", c.matched},
       {"mismatches", c.different + c.failed},
       {"missing", c.missing},
-      {"exactMatches", c.byLevel[static_cast<int>(MatchLevel::Exact)]},
-      {"strictMatches", c.byLevel[static_cast<int>(MatchLevel::Strict)]},
-      {"contentMatches", c.byLevel[static_cast<int>(MatchLevel::Content)]},
-      {"layoutMatches", c.byLevel[static_cast<int>(MatchLevel::Layout)]},
-      {"noneMatches", c.byLevel[static_cast<int>(MatchLevel::None)]},
+      {"exactMatches", c.matchedAt(MatchLevelExact)},
+      {"strictMatches", c.matchedAt(MatchLevelStrict)},
+      {"contentMatches", c.matchedAt(MatchLevelContent)},
+      {"layoutMatches", c.matchedAt(MatchLevelLayout)},
+      {"noneMatches", c.matchedAt(MatchLevelNone)},
       {"apiUrls", urls},
       {"appUrls", urls},
       {"stepsInfo", stepsInfo},
@@ -153,7 +155,7 @@ Json resultsJson(const SessionRecord& s, const Json& info, const std::vector<Ste
   if (defaults && defaults->is_object()) {
     try {
       out["defaultMatchSettings"] =
-          defaultSettingsJson(settingsFrom(*defaults, "defaultMatchSettings", MatchLevel::Strict));
+          defaultSettingsJson(settingsFrom(*defaults, "defaultMatchSettings", MatchLevelStrict));
     } catch (const ApiError&) {
       // Validated when the session started; nothing to report here.
     }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "lumo/detail/json.h"
+#include "lumo/match_level.h"
 #include "lumo/server/store_records.h"
 
 // The results record of a session, as the client reads it and the pages link to it.
@@ -14,7 +15,10 @@ namespace lumo::server::detail {
 // How the steps of a session came out.
 struct Counts {
   int matched = 0, different = 0, missing = 0, failed = 0, added = 0;
-  int byLevel[5] = {};  // matched steps by match level
+  int byLevel[5] = {};  // matched steps by match level, from None to Exact
+
+  int& matchedAt(MatchLevel level) { return byLevel[level - MatchLevelNone]; }
+  int matchedAt(MatchLevel level) const { return byLevel[level - MatchLevelNone]; }
 };
 
 Counts count(const std::vector<StepRecord>& steps);

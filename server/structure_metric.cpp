@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "difference_boxes.h"
+#include "rect_pixels.h"
 
 namespace lumo::server::detail {
 namespace {
@@ -106,10 +107,12 @@ std::vector<Rect> unmatchedElements(const std::vector<Rect>& a, const std::vecto
   auto near = [tolerance](int p, int q) { return std::abs(p - q) <= tolerance; };
   std::vector<Rect> unmatched;
   for (const Rect& e : a) {
+    const int eLeft = leftOf(e), eTop = topOf(e), eWidth = widthOf(e), eHeight = heightOf(e);
     const bool found = std::any_of(b.begin(), b.end(), [&](const Rect& f) {
-      return near(e.top, f.top) && near(e.top + e.height, f.top + f.height) &&
-             (near(e.left, f.left) || near(e.left + e.width, f.left + f.width) ||
-              std::abs((2 * e.left + e.width) - (2 * f.left + f.width)) <= 2 * tolerance);
+      const int fLeft = leftOf(f), fTop = topOf(f), fWidth = widthOf(f), fHeight = heightOf(f);
+      return near(eTop, fTop) && near(eTop + eHeight, fTop + fHeight) &&
+             (near(eLeft, fLeft) || near(eLeft + eWidth, fLeft + fWidth) ||
+              std::abs((2 * eLeft + eWidth) - (2 * fLeft + fWidth)) <= 2 * tolerance);
     });
     if (!found) {
       unmatched.push_back(e);
@@ -121,8 +124,11 @@ std::vector<Rect> unmatchedElements(const std::vector<Rect>& a, const std::vecto
 bool edgesShared(const Rect& area, const std::vector<std::uint8_t>& own,
                  const std::vector<std::uint8_t>& other, int width, int height) {
   long edges = 0, shared = 0;
-  for (int y = std::max(area.top, 0); y < std::min(area.top + area.height, height); ++y) {
-    for (int x = std::max(area.left, 0); x < std::min(area.left + area.width, width); ++x) {
+  const int left = leftOf(area), top = topOf(area);
+  const int right = std::min(left + widthOf(area), width);
+  const int bottom = std::min(top + heightOf(area), height);
+  for (int y = std::max(top, 0); y < bottom; ++y) {
+    for (int x = std::max(left, 0); x < right; ++x) {
       if (own[static_cast<std::size_t>(y) * width + x] == kEdge) {
         ++edges;
         shared += edgeNear(other, width, height, x, y) ? 1 : 0;

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 
 namespace lumo {
 
@@ -17,5 +19,9 @@ enum MatchLevel : std::int64_t {
 
 // "None", "Layout", "Content", "Strict" or "Exact"; any other value gives "Strict".
 std::string matchLevelToString(MatchLevel matchLevel);
+
+// The level named exactly (case-sensitive) "None", "Layout", "Content", "Strict" or "Exact";
+// nullopt for any other text.
+std::optional<MatchLevel> matchLevelFromString(std::string_view name);
 
 }  // namespace lumo

@@ -19,4 +19,14 @@ std::string matchLevelToString(MatchLevel matchLevel) {
   }
 }
 
+std::optional<MatchLevel> matchLevelFromString(std::string_view name) {
+  for (const MatchLevel level :
+       {MatchLevelNone, MatchLevelLayout, MatchLevelContent, MatchLevelStrict, MatchLevelExact}) {
+    if (name == matchLevelToString(level)) {
+      return level;
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace lumo

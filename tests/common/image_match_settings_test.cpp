@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+#include <utility>
+
 namespace lumo::test {
 namespace {
 
@@ -23,6 +26,16 @@ TEST(MatchLevel, NamesKnownLevelsAndFallsBackToStrict) {
     EXPECT_EQ(settings.matchLevel(), static_cast<MatchLevel>(level));
   }
   EXPECT_EQ(matchLevelToString(MatchLevelContent), "Content");
+}
+
+TEST(MatchLevel, ParsesExactNamesOnly) {
+  const std::pair<const char*, std::optional<MatchLevel>> cases[] = {
+      {"None", MatchLevelNone},     {"Layout", MatchLevelLayout}, {"Content", MatchLevelContent},
+      {"Strict", MatchLevelStrict}, {"Exact", MatchLevelExact},   {"strict", std::nullopt},
+      {"", std::nullopt},           {"Strict ", std::nullopt},    {"4", std::nullopt}};
+  for (const auto& [name, level] : cases) {
+    EXPECT_EQ(matchLevelFromString(name), level) << name;
+  }
 }
 
 TEST(ImageMatchSettings, FreshSettingsWriteAllSevenKeysWithEmptyLists) {

@@ -7,16 +7,25 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <random>
 #include <string>
 
 #include "image_codec.h"
 #include "lumo/detail/json.h"
+#include "lumo/geometry.h"
 #include "lumo/image.h"
 #include "lumo/server/server.h"
 #include "platform/base64.h"
 #include "platform/png.h"
 #include "temp_dir.h"
+
+namespace lumo {
+
+// Rectangles in failure messages, found by argument-dependent lookup.
+inline void PrintTo(const Rect& r, std::ostream* out) { *out << toString(r); }
+
+}  // namespace lumo
 
 namespace lumo::test {
 

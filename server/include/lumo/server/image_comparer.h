@@ -3,36 +3,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <optional>
-#include <ostream>
-#include <string>
-#include <string_view>
 #include <vector>
 
+#include "lumo/geometry.h"
 #include "lumo/image.h"
+#include "lumo/match_level.h"
 
 namespace lumo::server {
-
-// How strictly a step is compared with its baseline. The names are the wire names.
-enum class MatchLevel { None, Layout, Content, Strict, Exact };
-
-// "None", "Layout", "Content", "Strict" or "Exact".
-std::string_view matchLevelName(MatchLevel level);
-// The level of a wire name; nullopt for any other text (case-sensitive).
-std::optional<MatchLevel> matchLevelFromName(std::string_view name);
-
-// A rectangle in the pixels of the compared images. Parts outside the image are ignored.
-struct Rect {
-  int left = 0;
-  int top = 0;
-  int width = 0;
-  int height = 0;
-
-  friend bool operator==(const Rect&, const Rect&) = default;
-  friend std::ostream& operator<<(std::ostream& out, const Rect& r) {
-    return out << r.left << "," << r.top << " " << r.width << "x" << r.height;
-  }
-};
 
 // A region whose content may be found moved by up to the four offsets (in pixels). Offsets
 // reach at most to the image's borders, however large they are given.
@@ -46,9 +23,11 @@ struct FloatingRect {
 
 // What to compare and how: the step's level for the whole image and the regions that change
 // it locally. Ignore regions win over every other kind; strict regions win over content
-// regions, which win over layout regions.
+// regions, which win over layout regions. Regions are in the pixels of the compared images,
+// in whole numbers; parts outside the image are ignored, and a negative width or height
+// covers nothing.
 struct CompareSettings {
-  MatchLevel level = MatchLevel::Strict;
+  MatchLevel level = MatchLevelStrict;
   std::vector<Rect> ignore;
   std::vector<Rect> layout;
   std::vector<Rect> content;
