@@ -23,6 +23,12 @@ namespace {
 // screenshots; measured in bench/png_encode_bench.
 
 constexpr std::uint8_t kSignature[] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
+
+// PNG stores every length, size and CRC as a big-endian 32-bit number.
+std::uint32_t bigEndian32(const std::uint8_t* p) {
+  return std::uint32_t{p[0]} << 24 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[2]} << 8 |
+         std::uint32_t{p[3]};
+}
 enum Filter : std::uint8_t { kNone = 0, kSub = 1, kUp = 2 };
 
 // Writes into a buffer sized in advance: appending chunk by chunk made GCC's -O3 see a
@@ -239,11 +245,7 @@ bool readPng(ReadState* state) {
 // does not inflate to exactly the image, goes to libpng (nullopt), which says what is wrong.
 std::optional<Image> decodeScreenshotPng(std::span<const std::uint8_t> bytes,
                                          std::uint64_t maxPixels) {
-  auto u32 = [&](std::size_t at) {
-    const std::uint8_t* p = bytes.data() + at;
-    return std::uint32_t{p[0]} << 24 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[2]} << 8 |
-           std::uint32_t{p[3]};
-  };
+  auto u32 = [&](std::size_t at) { return bigEndian32(bytes.data() + at); };
   std::size_t at = sizeof kSignature;
   std::uint32_t width = 0, height = 0;
   std::size_t channels = 0;
@@ -425,11 +427,7 @@ std::pair<int, int> checkPng(std::span<const std::uint8_t> bytes, std::uint64_t 
       std::memcmp(bytes.data(), kSignature, sizeof kSignature) != 0) {
     throw PngError("not a PNG file (bad signature)");
   }
-  auto u32 = [&](std::size_t at) {
-    const std::uint8_t* p = bytes.data() + at;
-    return std::uint32_t{p[0]} << 24 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[2]} << 8 |
-           std::uint32_t{p[3]};
-  };
+  auto u32 = [&](std::size_t at) { return bigEndian32(bytes.data() + at); };
   std::size_t at = sizeof kSignature;
   std::uint32_t width = 0, height = 0;
   bool hasData = false;
