@@ -141,6 +141,17 @@ StepRecord readStep(const PostgresResult& r, int row) {
   return s;
 }
 
+// Every row of a result, each read by `read(result, row)`.
+template <typename Read>
+auto readRows(const PostgresResult& r, Read read) {
+  std::vector<decltype(read(r, 0))> rows;
+  rows.reserve(static_cast<std::size_t>(r.rows()));
+  for (int row = 0; row < r.rows(); ++row) {
+    rows.push_back(read(r, row));
+  }
+  return rows;
+}
+
 BatchRecord readBatch(const PostgresResult& r, int row) {
   return {r.text(row, 0), r.text(row, 1), r.text(row, 2), r.integer(row, 3)};
 }
@@ -577,11 +588,7 @@ std::vector<StepRecord> PostgresStore::steps(const std::string& sessionId) const
   const std::string sql =
       std::string("SELECT ") + kStepColumns + " FROM steps WHERE session_id = $1 ORDER BY position";
   const PostgresResult found = lease->run(sql.c_str(), PostgresParams().text(sessionId));
-  std::vector<StepRecord> result;
-  for (int row = 0; row < found.rows(); ++row) {
-    result.push_back(readStep(found, row));
-  }
-  return result;
+  return readRows(found, readStep);
 }
 
 std::optional<BatchRecord> PostgresStore::findBatch(const std::string& id) const {
@@ -601,11 +608,7 @@ std::vector<BatchRecord> PostgresStore::recentBatches(int limit) const {
       "SELECT id, name, started_at, created_ms FROM batches ORDER BY created_ms DESC, seq DESC "
       "LIMIT $1",
       PostgresParams().integer(std::max(limit, 0)));
-  std::vector<BatchRecord> result;
-  for (int row = 0; row < found.rows(); ++row) {
-    result.push_back(readBatch(found, row));
-  }
-  return result;
+  return readRows(found, readBatch);
 }
 
 std::vector<SessionRecord> PostgresStore::sessionsOfBatch(const std::string& batchId) const {
@@ -613,11 +616,7 @@ std::vector<SessionRecord> PostgresStore::sessionsOfBatch(const std::string& bat
   const std::string sql = std::string("SELECT ") + kSessionColumns +
                           " FROM sessions WHERE batch_id = $1 ORDER BY started_ms, seq";
   const PostgresResult found = lease->run(sql.c_str(), PostgresParams().text(batchId));
-  std::vector<SessionRecord> result;
-  for (int row = 0; row < found.rows(); ++row) {
-    result.push_back(readSession(found, row));
-  }
-  return result;
+  return readRows(found, readSession);
 }
 
 namespace {
@@ -644,9 +643,7 @@ PostgresStore::BatchList PostgresStore::queryBatches(const BatchQuery& query) co
                                                            .text(query.branch)
                                                            .integer(std::max(query.limit, 0))
                                                            .integer(std::max(query.offset, 0)));
-  for (int row = 0; row < found.rows(); ++row) {
-    list.batches.push_back(readBatch(found, row));
-  }
+  list.batches = readRows(found, readBatch);
   return list;
 }
 
