@@ -7,10 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "common/environment_helper.h"
 #include "common/general_utils.h"
 #include "support/log_capture.h"
-#include "support/scoped_env.h"
 
 namespace lumo::test {
 namespace {
@@ -28,16 +26,6 @@ TEST(Logger, PrefixesTheTagAndFormatsIntoOneLine) {
       ::testing::ElementsAre("[BrixtelLumo] abc", "[BrixtelLumo] ",
                              "[BrixtelLumo] Lumo server URL is https://x (42, (null), YES, NO, [])",
                              "[BrixtelLumo] no arguments, 100% literal"));
-}
-
-TEST(EnvironmentHelper, ReadsUnsetEmptyAndSetVariablesAfresh) {
-  const char* key = "LUMO_TEST_ENVIRONMENT_HELPER";
-  const char* values[] = {nullptr, "", "value", nullptr};
-  for (const char* value : values) {
-    ScopedEnv env(key, value);
-    EXPECT_EQ(EnvironmentHelper::environmentVariableForKey(key),
-              value ? std::optional<std::string>(value) : std::nullopt);
-  }
 }
 
 TEST(GeneralUtils, SleepCountsWholeSecondsAndNoneForZeroOrLess) {
