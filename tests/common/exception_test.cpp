@@ -16,16 +16,8 @@ namespace {
 
 class OutcomeTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    info_.setupWithAgentId("agent", "Shop", "Login", std::nullopt,
-                           std::make_shared<AppEnvironment>(), std::make_shared<BatchInfo>("b"),
-                           std::nullopt, std::nullopt, std::nullopt, false,
-                           std::make_shared<ImageMatchSettings>());
-  }
-
-  std::shared_ptr<TestResults> results_ = std::make_shared<TestResults>(
-      Json::parse(R"({"apiUrls":{"session":"U"},"appUrls":{},"status":"Unresolved"})"));
-  SessionStartInfo info_;
+  std::shared_ptr<TestResults> results_ = std::make_shared<TestResults>();
+  SessionStartInfo info_;  // never set up: the texts say "(null)" for its names
 };
 
 // The words of each outcome are pinned through the controller's close; here the corners: a
@@ -34,7 +26,7 @@ TEST_F(OutcomeTest, ErrorsCarryTheDomainCodeAndMessageOfEachType) {
   const auto error = [](const char* text) { return Error("com.brixtel.lumo", 1, text); };
   EXPECT_EQ(ErrorBuilder::errorWithTestResults(results_, info_, static_cast<TestErrorType>(4)),
             error(""));
-  EXPECT_EQ(ErrorBuilder::errorWithTestResults(nullptr, SessionStartInfo(), TestErrorTypeNewTest),
+  EXPECT_EQ(ErrorBuilder::errorWithTestResults(nullptr, info_, TestErrorTypeNewTest),
             error("(null) of (null). Please approve the new baseline at (null)"));
   EXPECT_EQ(ErrorBuilder::errorWithDescription("--- Time-out"), error("--- Time-out"));
 }

