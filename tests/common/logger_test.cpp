@@ -16,14 +16,13 @@ namespace {
 TEST(Logger, PrefixesTheTagAndFormatsIntoOneLine) {
   LogCapture capture;
   Logger::log("abc");
-  Logger::log("");
   Logger::logWithFormat("Lumo server URL is {} ({}, {}, {}, {}, [{}])", "https://x", 42,
                         textOrNull(std::nullopt), yesNo(true), yesNo(false),
                         textOrNull(std::string()));
   Logger::logWithFormat("no arguments, 100% literal");
   EXPECT_THAT(
       capture.lines(),
-      ::testing::ElementsAre("[BrixtelLumo] abc", "[BrixtelLumo] ",
+      ::testing::ElementsAre("[BrixtelLumo] abc",
                              "[BrixtelLumo] Lumo server URL is https://x (42, (null), YES, NO, [])",
                              "[BrixtelLumo] no arguments, 100% literal"));
 }

@@ -31,7 +31,6 @@ TEST(MatchWindowData, WritesExactlyAppOutputTagAndOptions) {
   EXPECT_EQ(data.dictionary(), expected);
   // An empty or nil title or screenshot is left out.
   EXPECT_EQ(AppOutput("", "AAAA").dictionary(), Json({{"screenshot64", "AAAA"}}));
-  EXPECT_EQ(AppOutput("T", std::nullopt).dictionary(), Json({{"title", "T"}}));
   EXPECT_EQ(AppOutput(std::nullopt, "").dictionary(), Json::object());
 }
 
