@@ -43,6 +43,7 @@ TEST_F(OutcomeTest, ExceptionsAreNamedForTheirClassAndSayTheirReason) {
   const LumoException running("A test is already running");
   const OutOfBoundsException outside(Region(Rect(4.5, 7.5, 10.5, 13.5)), Region(0, 0, 100, 100));
   const Exception illegal = illegalArgumentException("must be > 0");
+  const LumoException nil(std::nullopt);
   struct Case {
     const Exception& e;
     const char* name;
@@ -64,6 +65,7 @@ TEST_F(OutcomeTest, ExceptionsAreNamedForTheirClassAndSayTheirReason) {
                 "{100, 100}}]",
                 nullptr},
            Case{illegal, "IllegalArgumentException", "must be > 0", nullptr},
+           Case{nil, "LumoException", "", nullptr},
        }) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(c.e.name(), c.name);
