@@ -75,9 +75,7 @@ inline std::string readFile(const std::filesystem::path& file) {
   return text.str();
 }
 
-inline std::size_t lineCount(const std::string& text) {
-  return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
-}
+inline std::size_t lineCount(const std::string& text) { return count(text, "\n"); }
 
 // The embedded server on a loopback port and three screens: home, cart, and cart with a mark.
 class EmbeddedServerTest : public ::testing::Test {

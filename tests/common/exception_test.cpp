@@ -16,35 +16,17 @@ namespace {
 
 class OutcomeTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    info_.setupWithAgentId("agent", "Shop", "Login", std::nullopt,
-                           std::make_shared<AppEnvironment>(), std::make_shared<BatchInfo>("b"),
-                           std::nullopt, std::nullopt, std::nullopt, false,
-                           std::make_shared<ImageMatchSettings>());
-  }
-
-  std::shared_ptr<TestResults> results_ = std::make_shared<TestResults>(
-      Json::parse(R"({"apiUrls":{"session":"U"},"appUrls":{},"status":"Unresolved"})"));
-  SessionStartInfo info_;
+  std::shared_ptr<TestResults> results_ = std::make_shared<TestResults>();
+  SessionStartInfo info_;  // never set up: the texts say "(null)" for its names
 };
 
-// The message of each outcome, with "(null)" for what is missing; unknown types say nothing.
+// The words of each outcome are pinned through the controller's close; here the corners: a
+// missing value says "(null)" and an unknown type says nothing.
 TEST_F(OutcomeTest, ErrorsCarryTheDomainCodeAndMessageOfEachType) {
   const auto error = [](const char* text) { return Error("com.brixtel.lumo", 1, text); };
-  const auto built = [](std::shared_ptr<TestResults> r, const SessionStartInfo& i, int type) {
-    return ErrorBuilder::errorWithTestResults(r, i, static_cast<TestErrorType>(type));
-  };
-  EXPECT_EQ(built(results_, info_, TestErrorTypeDiffsFound),
-            error("Test Login of Shop detected differences! See details at: U"));
-  EXPECT_EQ(built(results_, info_, TestErrorTypeFailed), error("Login of Shop. See details at U"));
-  EXPECT_EQ(built(results_, info_, TestErrorTypeNewTest),
-            error("Login of Shop. Please approve the new baseline at U"));
-  for (int unknown : {0, 4, -1}) {
-    EXPECT_EQ(built(results_, info_, unknown), error(""));
-  }
-  EXPECT_EQ(built(std::make_shared<TestResults>(), info_, TestErrorTypeFailed),
-            error("Login of Shop. See details at (null)"));
-  EXPECT_EQ(built(nullptr, SessionStartInfo(), TestErrorTypeNewTest),
+  EXPECT_EQ(ErrorBuilder::errorWithTestResults(results_, info_, static_cast<TestErrorType>(4)),
+            error(""));
+  EXPECT_EQ(ErrorBuilder::errorWithTestResults(nullptr, info_, TestErrorTypeNewTest),
             error("(null) of (null). Please approve the new baseline at (null)"));
   EXPECT_EQ(ErrorBuilder::errorWithDescription("--- Time-out"), error("--- Time-out"));
 }
@@ -62,7 +44,6 @@ TEST_F(OutcomeTest, ExceptionsAreNamedForTheirClassAndSayTheirReason) {
   const OutOfBoundsException outside(Region(Rect(4.5, 7.5, 10.5, 13.5)), Region(0, 0, 100, 100));
   const Exception illegal = illegalArgumentException("must be > 0");
   const LumoException nil(std::nullopt);
-  const TestFailedException timeout("--- Time-out exception");
   struct Case {
     const Exception& e;
     const char* name;
@@ -85,7 +66,6 @@ TEST_F(OutcomeTest, ExceptionsAreNamedForTheirClassAndSayTheirReason) {
                 nullptr},
            Case{illegal, "IllegalArgumentException", "must be > 0", nullptr},
            Case{nil, "LumoException", "", nullptr},
-           Case{timeout, "TestFailedException", "--- Time-out exception", nullptr},
        }) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(c.e.name(), c.name);
@@ -97,14 +77,6 @@ TEST_F(OutcomeTest, ExceptionsAreNamedForTheirClassAndSayTheirReason) {
     }
   }
   EXPECT_NE(dynamic_cast<const LumoException*>(&outside), nullptr);
-}
-
-TEST(Exception, CatchingTheBaseSeesTheConcreteKind) {
-  try {
-    throw DiffsFoundException(nullptr, SessionStartInfo());
-  } catch (const Exception& e) {
-    EXPECT_EQ(e.name(), "DiffsFoundException");
-  }
 }
 
 }  // namespace

@@ -7,10 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "common/environment_helper.h"
 #include "common/general_utils.h"
 #include "support/log_capture.h"
-#include "support/scoped_env.h"
 
 namespace lumo::test {
 namespace {
@@ -18,26 +16,15 @@ namespace {
 TEST(Logger, PrefixesTheTagAndFormatsIntoOneLine) {
   LogCapture capture;
   Logger::log("abc");
-  Logger::log("");
   Logger::logWithFormat("Lumo server URL is {} ({}, {}, {}, {}, [{}])", "https://x", 42,
                         textOrNull(std::nullopt), yesNo(true), yesNo(false),
                         textOrNull(std::string()));
   Logger::logWithFormat("no arguments, 100% literal");
   EXPECT_THAT(
       capture.lines(),
-      ::testing::ElementsAre("[BrixtelLumo] abc", "[BrixtelLumo] ",
+      ::testing::ElementsAre("[BrixtelLumo] abc",
                              "[BrixtelLumo] Lumo server URL is https://x (42, (null), YES, NO, [])",
                              "[BrixtelLumo] no arguments, 100% literal"));
-}
-
-TEST(EnvironmentHelper, ReadsUnsetEmptyAndSetVariablesAfresh) {
-  const char* key = "LUMO_TEST_ENVIRONMENT_HELPER";
-  const char* values[] = {nullptr, "", "value", nullptr};
-  for (const char* value : values) {
-    ScopedEnv env(key, value);
-    EXPECT_EQ(EnvironmentHelper::environmentVariableForKey(key),
-              value ? std::optional<std::string>(value) : std::nullopt);
-  }
 }
 
 TEST(GeneralUtils, SleepCountsWholeSecondsAndNoneForZeroOrLess) {

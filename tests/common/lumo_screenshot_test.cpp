@@ -29,14 +29,11 @@ TEST(LumoScreenshot, CropsToTheScaledRegionClippedToTheImage) {
     Region region;
     double scale;
     Size size;  // empty: out of bounds
-  } cases[] = {{Region(10, 10, 20, 20), 2, {40, 40}},
-               {Region(90, 90, 20, 20), 1, {10, 10}},
+  } cases[] = {{Region(90, 90, 20, 20), 1, {10, 10}},
                {Region(100, 100, 10, 10), 2, {}},
                {Region(10, 10, 1, 1), 0.5, {}},  // an empty integer intersection
                {Region(10, 10, 20, 20), std::nan(""), {}},
-               {Region(10, 10, 20, 20), kInf, {}},
-               {Region(0, 0, 20, 20), kInf, {}},  // 0 x inf is NaN
-               {Region(10, 10, 20, 20), -kInf, {}}};
+               {Region(0, 0, 20, 20), kInf, {}}};  // 0 x inf is NaN
   for (const auto& c : cases) {
     SCOPED_TRACE(c.region.description() + " x " + std::to_string(c.scale));
     auto image = filled(100, 100);
@@ -64,9 +61,7 @@ TEST(LumoScreenshot, CutsTheStatusBarWithoutCheckingIt) {
     int height;
     double bar, scale;
     double left;
-  } cases[] = {{300, 20, 2, 260},         {30, 20, 2, 0},   {10, std::nan(""), 1, 0},
-               {10, 20, std::nan(""), 0}, {10, kInf, 1, 0}, {10, -kInf, 1, 0},
-               {10, 1e300, 1e300, 0}};
+  } cases[] = {{300, 20, 2, 260}, {30, 20, 2, 0}, {10, std::nan(""), 1, 0}, {10, -kInf, 1, 0}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.bar) + " x " + std::to_string(c.scale));
     ScaledScreenshot shot(filled(100, c.height));
@@ -74,16 +69,6 @@ TEST(LumoScreenshot, CutsTheStatusBarWithoutCheckingIt) {
     ASSERT_TRUE(shot.image());
     EXPECT_EQ(shot.image()->empty() ? Size() : shot.size(), c.left ? Size(100, c.left) : Size());
   }
-}
-
-TEST(LumoScreenshot, TheBaseNeitherCropsNorScales) {
-  auto image = filled(10, 10);
-  LumoScreenshot shot(image);
-  auto same = shot.downscale(3);
-  EXPECT_NE(same.get(), &shot);
-  EXPECT_EQ(same->image(), image) << "the same image object";
-  shot.cropStatusBarWithHeight(1, 1);
-  EXPECT_FALSE(shot.image()) << "no cropper, no image";
 }
 
 TEST(ScaledScreenshot, AveragesTheAreaEachPointCovers) {

@@ -22,7 +22,6 @@ TEST(TestResults, StatusComesFromTheExactText) {
       {R"({"status":"Failed"})", TestResultsStatusFailed},
       {R"({"status":"Unresolved"})", TestResultsStatusUnresolved},
       {R"({"status":"passed"})", TestResultsStatusUnresolved},
-      {R"({"status":"FAILED"})", TestResultsStatusUnresolved},
       {R"({"status":""})", TestResultsStatusUnresolved},
       {R"({"status":null})", TestResultsStatusPassed}};
   for (const auto& [text, status] : cases) {
@@ -41,57 +40,34 @@ TEST(TestResults, UrlIsTheApiSessionLinkOnlyWhenAppUrlsArePresent) {
   EXPECT_EQ(read(R"({"apiUrls":{"session":"S"},"appUrls":{}})").url(), "S");
   EXPECT_EQ(read(R"({"apiUrls":{"session":"S"}})").url(), std::nullopt);
   EXPECT_EQ(read(R"({"appUrls":{"session":"A"}})").url(), std::nullopt);
-  EXPECT_FALSE(read(R"({"apiUrls":{"session":"S"},"appUrls":{}})").dictionary().contains("url"));
 }
 
-TEST(TestResults, ReadsEveryField) {
-  const TestResults r = read(R"({
-    "steps": 3, "matches": 2, "mismatches": 1, "missing": 4, "exactMatches": 5,
-    "strictMatches": 6, "contentMatches": 7, "layoutMatches": 8, "noneMatches": 9,
-    "isNew": true, "status": "Unresolved", "name": "Login", "secretToken": "tok",
-    "id": "r1", "appName": "Shop", "batchName": "nightly", "batchId": "b1",
-    "branchName": "main", "hostOS": "Linux", "hostApp": "app",
-    "hostDisplaySize": {"width": 375, "height": 667}, "startedAt": "2026-11-22T11:21:53Z",
-    "duration": 12, "isDifferent": true, "isAborted": true,
-    "appUrls": {"batch": "ab", "session": "as"}, "apiUrls": {"batch": "pb", "session": "ps"},
-    "defaultMatchSettings": {"matchLevel": "Strict"},
-    "stepsInfo": [{"name": "one"}, {"name": "two", "isDifferent": true}],
-    "unknown": {"ignored": true}})");
-  EXPECT_EQ((Counts{r.steps(), r.matches(), r.mismatches(), r.missing(), r.exactMatches(),
-                    r.strictMatches(), r.contentMatches(), r.layoutMatches(), r.noneMatches(),
-                    r.duration()}),
-            (Counts{3, 2, 1, 4, 5, 6, 7, 8, 9, 12}));
-  EXPECT_EQ((Texts{r.name(), r.secretToken(), r.resultsId(), r.appName(), r.batchName(),
-                   r.batchId(), r.branchName(), r.hostOS(), r.hostApp(), r.startedAt(), r.url()}),
-            (Texts{"Login", "tok", "r1", "Shop", "nightly", "b1", "main", "Linux", "app",
-                   "2026-11-22T11:21:53Z", "ps"}));
-  EXPECT_TRUE(r.isNew() && r.isDifferent() && r.isAborted());
-  EXPECT_EQ(r.status(), TestResultsStatusUnresolved);
-  EXPECT_EQ(r.hostDisplaySize(), (Size{375, 667}));
-  EXPECT_EQ(r.appUrls()->session(), "as");
-  EXPECT_EQ(r.apiUrls()->batch(), "pb");
-  EXPECT_EQ(r.defaultMatchSettings()->matchLevel(), "Strict");
-  ASSERT_EQ(r.stepsInfo()->size(), 2u);
-  EXPECT_EQ((*r.stepsInfo())[1].name(), "two");
-  EXPECT_TRUE((*r.stepsInfo())[1].isDifferent());
-}
-
-// The application links go under "appName", the host app and most texts are never written,
-// and the display size goes through single precision.
-TEST(TestResults, WriterKeepsItsDeliberateAsymmetries) {
-  const TestResults r = read(R"({
-    "appName": "Shop", "appUrls": {"batch": "ab"}, "apiUrls": {"session": "ps"},
-    "hostApp": "app", "hostDisplaySize": {"width": 1125.7}, "status": "Failed",
-    "stepsInfo": [], "matches": 2, "isNew": true})");
+// Every field read is written back under its own key, except: the application links go under
+// "appName", the host app and the url are never written, and the display size goes through
+// single precision.
+TEST(TestResults, WritesWhatItReadsWithItsDeliberateAsymmetries) {
   const Json expected = Json::parse(R"({
-    "apiUrls": {"session": "ps"}, "appName": {"batch": "ab"}, "contentMatches": 0,
-    "duration": 0, "exactMatches": 0,
-    "hostDisplaySize": {"width": 1125.699951171875, "height": 0},
-    "isAborted": false, "isDifferent": false, "isNew": true, "layoutMatches": 0,
-    "matches": 2, "mismatches": 0, "missing": 0, "noneMatches": 0, "status": "Failed",
-    "steps": 0, "stepsInfo": [], "strictMatches": 0})");
+    "apiUrls": {"batch": "pb", "session": "ps"}, "appName": {"batch": "ab"}, "batchId": "b1",
+    "batchName": "nightly", "branchName": "main", "contentMatches": 7,
+    "defaultMatchSettings": {"ignoreCaret": false, "matchLevel": "Strict", "remainder": false,
+                             "scale": 0, "splitBottomHeight": false, "splitTopHeight": false},
+    "duration": 12, "exactMatches": 5,
+    "hostDisplaySize": {"width": 1125.699951171875, "height": 667}, "hostOS": "Linux",
+    "id": "r1", "isAborted": true, "isDifferent": true, "isNew": true, "layoutMatches": 8,
+    "matches": 2, "mismatches": 1, "missing": 4, "name": "Login", "noneMatches": 9,
+    "secretToken": "tok", "startedAt": "2026-11-22T11:21:53Z", "status": "Unresolved",
+    "steps": 3, "stepsInfo": [{"apiUrls": {"baselineImage": "b", "diffImage": "d"},
+                               "appUrls": {"step": "s"}, "hasBaselineImage": true,
+                               "hasCurrentImage": true, "isDifferent": true, "name": "two"}],
+    "strictMatches": 6})");
+  Json sent = expected;
+  sent.update(Json::parse(R"({"appName": "Shop", "appUrls": {"batch": "ab"}, "hostApp": "app",
+      "hostDisplaySize": {"width": 1125.7, "height": 667}, "unknown": {"ignored": true}})"));
+  sent["stepsInfo"][0]["hasCurrentImage"] = 1;
+  const TestResults r(sent);
   EXPECT_EQ(r.dictionary(), expected);
   EXPECT_EQ(Json::parse(r.description()), expected);
+  EXPECT_EQ((Texts{r.appName(), r.hostApp(), r.url()}), (Texts{"Shop", "app", "ps"}));
 }
 
 // Servers that send nulls, the wrong JSON types or no object at all must never crash the
@@ -108,8 +84,7 @@ TEST(TestResults, MissingAndBadValuesKeepDefaults) {
     "apiUrls": "S", "appUrls": [], "defaultMatchSettings": true, "stepsInfo": {"0": {}},
     "isDifferent": null})";
   EXPECT_EQ(TestResults().dictionary(), defaults);
-  for (const char* text : {badTypes, "{}", R"({"status":null})", "null", "[]", "\"Passed\"", "42",
-                           "[{\"status\":\"Failed\"}]"}) {
+  for (const char* text : {badTypes, "null", "[{\"status\":\"Failed\"}]"}) {
     const TestResults r = read(text);
     EXPECT_EQ(r.dictionary(), defaults) << text;
     EXPECT_TRUE(r.isPassed()) << text;
@@ -129,17 +104,11 @@ TEST(TestResults, NumbersConvertLikeThePlatform) {
   EXPECT_FALSE(r.isAborted());
 }
 
-TEST(StepInfo, ReadsAndWritesItsLinksAndFlags) {
-  const StepInfo step(Json::parse(R"({"apiUrls": {"baselineImage": "b", "diffImage": "d"},
-      "appUrls": {"step": "s"}, "name": "one", "hasBaselineImage": true,
-      "hasCurrentImage": 1, "isDifferent": false})"));
-  EXPECT_EQ(step.dictionary(), Json::parse(R"({"apiUrls": {"baselineImage": "b", "diffImage": "d"},
-      "appUrls": {"step": "s"}, "hasBaselineImage": true, "hasCurrentImage": true,
-      "isDifferent": false, "name": "one"})"));
+// A step without data writes its three flags; link records write only what is set.
+TEST(StepInfo, DefaultsAndLinksWriteOnlyWhatIsSet) {
   EXPECT_EQ(
       StepInfo(Json::parse("7")).dictionary(),
       Json::parse(R"({"hasBaselineImage":false,"hasCurrentImage":false,"isDifferent":false})"));
-  // Link records write only what is set.
   EXPECT_EQ(AppUrls().dictionary(), Json::object());
   EXPECT_EQ(SessionUrls(Json::parse(R"({"batch":"b","session":null})")).dictionary(),
             Json::parse(R"({"batch":"b"})"));

