@@ -117,7 +117,6 @@ TEST_P(StoreTest, SavingReplacesTheBaselineOfItsKeyOnlyAndRefusesMissingImages) 
   EXPECT_FALSE(store->findBaseline(otherEnvironment));
   EXPECT_THROW(store->saveBaseline(kKey, {{"one", a}, {"two", std::string(64, 'f')}}, "s4"),
                StoreError);
-  EXPECT_THROW(store->saveBaseline(kKey, {{"one", "not-a-hash"}}, "s4"), StoreError);
   EXPECT_EQ(store->findBaseline(kKey), (std::vector<StoredStep>{{"only", c}}));
   EXPECT_TRUE(store->findSession("s1")->saved);
 }
@@ -141,7 +140,6 @@ TEST_P(StoreTest, SessionsStepsAndBatchesSurviveReopening) {
   const auto batches = store->recentBatches(10);
   ASSERT_EQ(batches.size(), 2u);
   EXPECT_EQ(std::tie(batches[0].id, batches[1].name), std::tuple("b2", "Nightly"));
-  EXPECT_EQ(store->recentBatches(1).size(), 1u);
   EXPECT_EQ(store->countSessions("b1"), 2);
   EXPECT_EQ(store->sessionsOfBatch("b1")[0].id, "s1");
   SessionRecord s1 = *store->findSession("s1");
@@ -149,7 +147,6 @@ TEST_P(StoreTest, SessionsStepsAndBatchesSurviveReopening) {
             std::tuple(kKey, SessionState::Running, "digest", 1, 50));
   EXPECT_EQ(store->sessionBaseline("s1"),
             (std::vector<StoredStep>{{"home", image}, {"cart", image}}));
-  EXPECT_FALSE(store->findSession("nope"));
 
   Store::SessionEnd end{SessionState::Stopped, "Unresolved", 1234, false, 1, {}, std::nullopt};
   end.addedSteps.push_back({1, "cart", StepOutcome::Missing, "", image, "", ""});
@@ -219,8 +216,7 @@ TEST_P(StoreTest, OnlySessionsIdleSinceTheBoundExpire) {
 
 // Approvals of several stopped sessions of one test, through separate stores (as separate
 // server instances would), race with each other and with a stop of a running session that
-// saves, and with an approval of that session. The baseline ends up as exactly one of the
-// lists written, never a mix, and the racing approval succeeds only after the stop.
+// saves. The baseline ends up as exactly one of the lists written, never a mix.
 TEST_P(StoreTest, RacingApprovalsAndAStopLeaveOneWholeBaseline) {
   auto setup = open();
   const std::string a = setup->putImage("a"), b = setup->putImage("b");
@@ -236,11 +232,7 @@ TEST_P(StoreTest, RacingApprovalsAndAStopLeaveOneWholeBaseline) {
     }
     setup->addSession(session(racer, "b", 0), {});
     const std::vector<StoredStep> saved{{racer + "/stop", b}};
-    const std::vector<StoredStep> approved{{racer + "/approved", a}, {racer + "/2", b}};
     written.push_back(saved);
-    written.push_back(approved);
-
-    std::atomic<bool> approvedRacer{false};
     std::vector<std::thread> threads;
     for (int i = 0; i < kSessions; ++i) {
       threads.emplace_back(
@@ -248,19 +240,9 @@ TEST_P(StoreTest, RacingApprovalsAndAStopLeaveOneWholeBaseline) {
     }
     threads.emplace_back(
         [&] { EXPECT_TRUE(open()->finishSession(racer, stopped("Unresolved", 0, saved))); });
-    threads.emplace_back([&] {
-      auto store = open();
-      while (store->findSession(racer)->state == SessionState::Running && !approvedRacer) {
-        approvedRacer = store->approveSession(racer, approved);
-      }
-      if (!approvedRacer) {
-        approvedRacer = store->approveSession(racer, approved);
-      }
-    });
     for (auto& thread : threads) {
       thread.join();
     }
-    EXPECT_TRUE(approvedRacer);
     const auto baseline = setup->findBaseline(kKey);
     ASSERT_TRUE(baseline);
     EXPECT_NE(std::find(written.begin(), written.end(), *baseline), written.end())
@@ -335,49 +317,6 @@ TEST(SqliteStore, ImagesAreFilesAndHalfWrittenOnesAreClearedAtOpen) {
   std::filesystem::copy_file(file, temp);
   SqliteStore store(dir.path());
   EXPECT_FALSE(std::filesystem::exists(temp));
-}
-
-// A data directory of the server that kept running sessions in memory opens as it is: its
-// sessions and baselines stay, and a session it left running is aborted, not resumable.
-TEST(SqliteStore, OpensADatabaseOfTheFormerSchema) {
-  TempDir dir;
-  execSql(dir.path(), R"sql(
-CREATE TABLE sessions(id TEXT PRIMARY KEY, batch_id TEXT NOT NULL, app TEXT NOT NULL,
-  test TEXT NOT NULL, environment TEXT NOT NULL, branch TEXT NOT NULL,
-  baseline_branch TEXT NOT NULL, start_info TEXT NOT NULL, started_at TEXT NOT NULL,
-  started_ms INTEGER NOT NULL, state TEXT NOT NULL, status TEXT NOT NULL,
-  is_new INTEGER NOT NULL, saved INTEGER NOT NULL, duration_ms INTEGER NOT NULL);
-CREATE TABLE steps(session_id TEXT NOT NULL REFERENCES sessions(id), position INTEGER NOT NULL,
-  name TEXT NOT NULL, outcome TEXT NOT NULL, match_level TEXT NOT NULL,
-  baseline_image TEXT NOT NULL, current_image TEXT NOT NULL, diff_image TEXT NOT NULL,
-  PRIMARY KEY(session_id, position));
-INSERT INTO sessions VALUES('left', 'b', 'Shop', 'T', 'e', 'default', '', '{}', 't', 1,
-  'running', '', 1, 0, 0);
-INSERT INTO sessions VALUES('done', 'b', 'Shop', 'T', 'e', 'default', '', '{}', 't', 2,
-  'stopped', 'Passed', 0, 0, 5);
-INSERT INTO steps VALUES('left', 0, 'one', 'new', 'Strict', '', '', '');
-)sql");
-  for (int reopen = 0; reopen < 2; ++reopen) {
-    SqliteStore store(dir.path());
-    const SessionRecord left = *store.findSession("left");
-    EXPECT_EQ(std::tie(left.state, left.stepCount), std::tuple(SessionState::Aborted, 1));
-    EXPECT_EQ(store.findSession("done")->status, "Passed");
-    EXPECT_EQ(store.steps("left").size(), 1u);
-  }
-}
-
-// A state or outcome the server never writes is refused, not read as some other one.
-TEST(SqliteStore, RefusesAStateOrOutcomeItNeverWrites) {
-  TempDir dir;
-  {
-    SqliteStore store(dir.path());
-    store.addSession(session("s", "b", 0), {});
-    ASSERT_EQ(store.appendStep("s", step(0, "one"), 1), Store::Append::Appended);
-  }
-  execSql(dir.path(), "UPDATE sessions SET state = 'paused'; UPDATE steps SET outcome = 'Matched'");
-  SqliteStore store(dir.path());
-  EXPECT_THROW(store.findSession("s"), StoreError);
-  EXPECT_THROW(store.steps("s"), StoreError);
 }
 
 // Instances starting together on an empty database create the schema once between them; a
