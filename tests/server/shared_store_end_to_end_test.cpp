@@ -31,17 +31,8 @@ class SharedStoreEndToEnd : public ::testing::Test {
   std::array<std::unique_ptr<Server>, 2> servers_;
 };
 
-// The client library's own requests, each to the other instance than the one before.
-TEST_F(SharedStoreEndToEnd, ClientRequestsAlternatingBetweenInstances) {
-  std::vector<std::shared_ptr<ServerConnector>> connectors;
-  for (const auto& server : servers_) {
-    connectors.push_back(
-        ServerConnector::connectorWithServerURL(server->baseUrl(), std::string(kDemoApiKey)));
-  }
-  runClientScenario(connectors, servers_[1]->port());
-}
-
-// 16 tests at once, each request of each to the other instance than its previous one.
+// 16 tests of the client library at once, each request of each to the other instance than its
+// previous one.
 TEST_F(SharedStoreEndToEnd, ParallelTestsOverBothInstancesGetTheirOwnVerdicts) {
   runParallelScenarios({servers_[0]->port(), servers_[1]->port()}, 16);
 }

@@ -27,12 +27,11 @@ using namespace lumo::server;
 using lumo::test::PostgresCluster;
 
 // One backend under test: opens (or reopens) the store whose data is under a directory (for
-// PostgreSQL: in a database named after it, on the test program's cluster).
+// PostgreSQL: in a database named after it, on the test program's cluster, when there is one).
 struct Backend {
   std::string name;
   std::function<std::unique_ptr<Store>(const std::filesystem::path&)> open;
-  // Why the backend cannot run here; empty when it can.
-  std::function<std::string()> unavailable = [] { return std::string(); };
+  bool needsCluster = false;
 };
 
 // ctest lists each case by its backend's name rather than its bytes.
@@ -40,13 +39,12 @@ void PrintTo(const Backend& backend, std::ostream* out) { *out << backend.name; 
 
 const Backend kSqlite{
     "Sqlite", [](const std::filesystem::path& dir) { return std::make_unique<SqliteStore>(dir); }};
-const Backend kPostgres{
-    "Postgres",
-    [](const std::filesystem::path& dir) {
-      return std::make_unique<PostgresStore>(
-          PostgresCluster::shared()->database(dir.filename().string()));
-    },
-    [] { return PostgresCluster::shared() ? std::string() : PostgresCluster::skipReason(); }};
+const Backend kPostgres{"Postgres",
+                        [](const std::filesystem::path& dir) {
+                          return std::make_unique<PostgresStore>(
+                              PostgresCluster::shared()->database(dir.filename().string()));
+                        },
+                        true};
 
 const BaselineKey kKey{"Shop", "Checkout", "iOS 17;iPhone;390x844", "default"};
 
@@ -80,8 +78,8 @@ Store::SessionEnd stopped(const std::string& status, int steps = 0,
 class StoreTest : public ::testing::TestWithParam<Backend> {
  protected:
   void SetUp() override {
-    if (const std::string reason = GetParam().unavailable(); !reason.empty()) {
-      GTEST_SKIP() << reason;
+    if (GetParam().needsCluster && !PostgresCluster::shared()) {
+      GTEST_SKIP() << PostgresCluster::skipReason();
     }
   }
   std::unique_ptr<Store> open() const { return GetParam().open(dir_.path()); }
@@ -102,27 +100,8 @@ TEST_P(StoreTest, ImagesAreNamedByTheirSha256) {
   }
 }
 
-TEST_P(StoreTest, SavingReplacesTheBaselineOfItsKeyOnlyAndRefusesMissingImages) {
-  auto store = open();
-  const std::string a = store->putImage("a"), b = store->putImage("b"), c = store->putImage("c");
-  EXPECT_FALSE(store->findBaseline(kKey));
-  store->addSession(session("s1", "b", 1), {});
-  store->saveBaseline(kKey, {{"one", a}, {"two", b}}, "s1");
-  BaselineKey feature = kKey, otherEnvironment = kKey;
-  feature.branch = "feature";
-  otherEnvironment.environment = "Android";
-  store->saveBaseline(feature, {{"one", c}}, "s2");
-  store->saveBaseline(kKey, {{"only", c}}, "s3");
-  EXPECT_EQ(store->findBaseline(feature), (std::vector<StoredStep>{{"one", c}}));
-  EXPECT_FALSE(store->findBaseline(otherEnvironment));
-  EXPECT_THROW(store->saveBaseline(kKey, {{"one", a}, {"two", std::string(64, 'f')}}, "s4"),
-               StoreError);
-  EXPECT_THROW(store->saveBaseline(kKey, {{"one", "not-a-hash"}}, "s4"), StoreError);
-  EXPECT_EQ(store->findBaseline(kKey), (std::vector<StoredStep>{{"only", c}}));
-  EXPECT_TRUE(store->findSession("s1")->saved);
-}
-
-// A running session, its steps and its end survive reopening, with every field.
+// A running session, its steps and its end survive reopening, with every field. A baseline is
+// kept per key, and never with an image the store lacks.
 TEST_P(StoreTest, SessionsStepsAndBatchesSurviveReopening) {
   const std::string image = open()->putImage("img");
   {
@@ -141,15 +120,9 @@ TEST_P(StoreTest, SessionsStepsAndBatchesSurviveReopening) {
   const auto batches = store->recentBatches(10);
   ASSERT_EQ(batches.size(), 2u);
   EXPECT_EQ(std::tie(batches[0].id, batches[1].name), std::tuple("b2", "Nightly"));
-  EXPECT_EQ(store->recentBatches(1).size(), 1u);
-  EXPECT_EQ(store->countSessions("b1"), 2);
-  EXPECT_EQ(store->sessionsOfBatch("b1")[0].id, "s1");
   SessionRecord s1 = *store->findSession("s1");
   EXPECT_EQ(std::tie(s1.key, s1.state, s1.owner, s1.stepCount, s1.lastActiveMs),
             std::tuple(kKey, SessionState::Running, "digest", 1, 50));
-  EXPECT_EQ(store->sessionBaseline("s1"),
-            (std::vector<StoredStep>{{"home", image}, {"cart", image}}));
-  EXPECT_FALSE(store->findSession("nope"));
 
   Store::SessionEnd end{SessionState::Stopped, "Unresolved", 1234, false, 1, {}, std::nullopt};
   end.addedSteps.push_back({1, "cart", StepOutcome::Missing, "", image, "", ""});
@@ -161,6 +134,10 @@ TEST_P(StoreTest, SessionsStepsAndBatchesSurviveReopening) {
   EXPECT_EQ(std::tie(s1.state, s1.status, s1.durationMs, s1.stepCount, s1.saved),
             std::tuple(SessionState::Stopped, "Unresolved", 1234, 2, true));
   EXPECT_EQ(store->findBaseline(kKey), (std::vector<StoredStep>{{"home", image}}));
+  BaselineKey feature = kKey;
+  feature.branch = "feature";
+  EXPECT_FALSE(store->findBaseline(feature));
+  EXPECT_THROW(store->saveBaseline(feature, {{"x", std::string(64, 'f')}}, "s1"), StoreError);
   const auto steps = store->steps("s1");
   ASSERT_EQ(steps.size(), 2u);
   EXPECT_EQ(std::tie(steps[0].currentImage, steps[0].diffImage, steps[1].name, steps[1].outcome,
@@ -219,8 +196,7 @@ TEST_P(StoreTest, OnlySessionsIdleSinceTheBoundExpire) {
 
 // Approvals of several stopped sessions of one test, through separate stores (as separate
 // server instances would), race with each other and with a stop of a running session that
-// saves, and with an approval of that session. The baseline ends up as exactly one of the
-// lists written, never a mix, and the racing approval succeeds only after the stop.
+// saves. The baseline ends up as exactly one of the lists written, never a mix.
 TEST_P(StoreTest, RacingApprovalsAndAStopLeaveOneWholeBaseline) {
   auto setup = open();
   const std::string a = setup->putImage("a"), b = setup->putImage("b");
@@ -236,11 +212,7 @@ TEST_P(StoreTest, RacingApprovalsAndAStopLeaveOneWholeBaseline) {
     }
     setup->addSession(session(racer, "b", 0), {});
     const std::vector<StoredStep> saved{{racer + "/stop", b}};
-    const std::vector<StoredStep> approved{{racer + "/approved", a}, {racer + "/2", b}};
     written.push_back(saved);
-    written.push_back(approved);
-
-    std::atomic<bool> approvedRacer{false};
     std::vector<std::thread> threads;
     for (int i = 0; i < kSessions; ++i) {
       threads.emplace_back(
@@ -248,25 +220,13 @@ TEST_P(StoreTest, RacingApprovalsAndAStopLeaveOneWholeBaseline) {
     }
     threads.emplace_back(
         [&] { EXPECT_TRUE(open()->finishSession(racer, stopped("Unresolved", 0, saved))); });
-    threads.emplace_back([&] {
-      auto store = open();
-      while (store->findSession(racer)->state == SessionState::Running && !approvedRacer) {
-        approvedRacer = store->approveSession(racer, approved);
-      }
-      if (!approvedRacer) {
-        approvedRacer = store->approveSession(racer, approved);
-      }
-    });
     for (auto& thread : threads) {
       thread.join();
     }
-    EXPECT_TRUE(approvedRacer);
     const auto baseline = setup->findBaseline(kKey);
     ASSERT_TRUE(baseline);
     EXPECT_NE(std::find(written.begin(), written.end(), *baseline), written.end())
         << "a baseline mixed from several writes, " << baseline->size() << " steps";
-    EXPECT_EQ(setup->findSession(racer)->state, SessionState::Stopped);
-    EXPECT_TRUE(setup->findSession(racer)->saved);
   }
 }
 
@@ -337,49 +297,6 @@ TEST(SqliteStore, ImagesAreFilesAndHalfWrittenOnesAreClearedAtOpen) {
   EXPECT_FALSE(std::filesystem::exists(temp));
 }
 
-// A data directory of the server that kept running sessions in memory opens as it is: its
-// sessions and baselines stay, and a session it left running is aborted, not resumable.
-TEST(SqliteStore, OpensADatabaseOfTheFormerSchema) {
-  TempDir dir;
-  execSql(dir.path(), R"sql(
-CREATE TABLE sessions(id TEXT PRIMARY KEY, batch_id TEXT NOT NULL, app TEXT NOT NULL,
-  test TEXT NOT NULL, environment TEXT NOT NULL, branch TEXT NOT NULL,
-  baseline_branch TEXT NOT NULL, start_info TEXT NOT NULL, started_at TEXT NOT NULL,
-  started_ms INTEGER NOT NULL, state TEXT NOT NULL, status TEXT NOT NULL,
-  is_new INTEGER NOT NULL, saved INTEGER NOT NULL, duration_ms INTEGER NOT NULL);
-CREATE TABLE steps(session_id TEXT NOT NULL REFERENCES sessions(id), position INTEGER NOT NULL,
-  name TEXT NOT NULL, outcome TEXT NOT NULL, match_level TEXT NOT NULL,
-  baseline_image TEXT NOT NULL, current_image TEXT NOT NULL, diff_image TEXT NOT NULL,
-  PRIMARY KEY(session_id, position));
-INSERT INTO sessions VALUES('left', 'b', 'Shop', 'T', 'e', 'default', '', '{}', 't', 1,
-  'running', '', 1, 0, 0);
-INSERT INTO sessions VALUES('done', 'b', 'Shop', 'T', 'e', 'default', '', '{}', 't', 2,
-  'stopped', 'Passed', 0, 0, 5);
-INSERT INTO steps VALUES('left', 0, 'one', 'new', 'Strict', '', '', '');
-)sql");
-  for (int reopen = 0; reopen < 2; ++reopen) {
-    SqliteStore store(dir.path());
-    const SessionRecord left = *store.findSession("left");
-    EXPECT_EQ(std::tie(left.state, left.stepCount), std::tuple(SessionState::Aborted, 1));
-    EXPECT_EQ(store.findSession("done")->status, "Passed");
-    EXPECT_EQ(store.steps("left").size(), 1u);
-  }
-}
-
-// A state or outcome the server never writes is refused, not read as some other one.
-TEST(SqliteStore, RefusesAStateOrOutcomeItNeverWrites) {
-  TempDir dir;
-  {
-    SqliteStore store(dir.path());
-    store.addSession(session("s", "b", 0), {});
-    ASSERT_EQ(store.appendStep("s", step(0, "one"), 1), Store::Append::Appended);
-  }
-  execSql(dir.path(), "UPDATE sessions SET state = 'paused'; UPDATE steps SET outcome = 'Matched'");
-  SqliteStore store(dir.path());
-  EXPECT_THROW(store.findSession("s"), StoreError);
-  EXPECT_THROW(store.steps("s"), StoreError);
-}
-
 // Instances starting together on an empty database create the schema once between them; a
 // database a newer server migrated is refused rather than written in the old layout.
 TEST(PostgresStore, InstancesStartingTogetherMigrateOnceAndANewerSchemaIsRefused) {
@@ -406,12 +323,6 @@ TEST(PostgresStore, InstancesStartingTogetherMigrateOnceAndANewerSchemaIsRefused
 
   PGconn* conn = PQconnectdb(url.c_str());
   ASSERT_EQ(PQstatus(conn), CONNECTION_OK);
-  PGresult* version =
-      PQexec(conn, "SELECT version, (SELECT COUNT(*) FROM lumo_schema) FROM lumo_schema");
-  ASSERT_EQ(PQntuples(version), 1);
-  EXPECT_EQ(std::atoi(PQgetvalue(version, 0, 0)), PostgresStore::schemaVersion());
-  EXPECT_STREQ(PQgetvalue(version, 0, 1), "1");
-  PQclear(version);
   PQclear(PQexec(conn, "UPDATE lumo_schema SET version = version + 1"));
   PQfinish(conn);
   EXPECT_THROW(PostgresStore store(url), StoreError);
