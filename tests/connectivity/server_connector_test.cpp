@@ -47,7 +47,7 @@ Reply<Record> await(Send send) {
 
 SessionStartInfo startInfo() {
   SessionStartInfo info;
-  info.setupWithAgentId("agent/1", "Shop", "Login", std::nullopt,
+  info.setupWithAgentId("agent/1", "Café", "Login", std::nullopt,
                         std::make_shared<AppEnvironment>("iOS 17", "app", "iPhone", Size{375, 667}),
                         std::make_shared<BatchInfo>("nightly"), "feature", std::nullopt,
                         std::nullopt, true, std::make_shared<ImageMatchSettings>());
@@ -100,8 +100,8 @@ class ServerConnectorTest : public TestServerFixture {
   std::shared_ptr<ServerConnector> connector_;
 };
 
-// The start record goes under "startInfo" in the exact bytes of its dictionary; 201 makes a
-// new session.
+// The start record goes under "startInfo" in the exact bytes of its dictionary, its length
+// counted in bytes; 201 makes a new session.
 TEST_F(ServerConnectorTest, StartSessionPostsTheStartRecordUnderStartInfo) {
   server_.enqueue({.status = 201, .body = R"({"id":"s-9","url":"https://r/s-9","extra":1})"});
   const SessionStartInfo info = startInfo();
