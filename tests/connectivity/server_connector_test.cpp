@@ -70,9 +70,9 @@ Reply<RunningSession> start(ServerConnector& connector,
       [&](auto handler) { connector.startSessionWithInfo(info, handler); });
 }
 
-Reply<MatchResult> match(ServerConnector& connector, const std::string& id = "s-1") {
+Reply<MatchResult> match(ServerConnector& connector) {
   return await<MatchResult>(
-      [&](auto handler) { connector.matchWindowForSession(session(id), matchData(), handler); });
+      [&](auto handler) { connector.matchWindowForSession(session(), matchData(), handler); });
 }
 
 Reply<TestResults> stop(ServerConnector& connector, bool aborted = false, bool save = false,
