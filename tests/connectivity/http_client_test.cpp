@@ -46,15 +46,12 @@ Outcome call(HttpClient& client, HttpRequest request) {
 
 using HttpClientTest = TestServerFixture;
 
-// Sent as given, on one reused connection, every handler on the one worker thread.
-TEST_F(HttpClientTest, SendsMethodHeadersAndBodyAsGivenOnOneConnection) {
+// Answers are read whole and every handler runs on the one worker thread; requests reuse one
+// connection. What goes on the wire is checked byte for byte by the connector's tests.
+TEST_F(HttpClientTest, HandlersRunOnOneWorkerAndRequestsShareOneConnection) {
   server_.enqueue({.status = 201, .body = R"({"id":"7"})"});
   HttpClient client;
-  HttpRequest post = request(server_.baseURL() + "/a/b.json?k=v&flag=1", "POST");
-  post.body = R"({"x":1})";
-  post.setValue("7", "Content-Length");
-  post.setValue("application/json", "Content-Type");
-  const Outcome outcome = call(client, post);
+  const Outcome outcome = call(client, request(server_.baseURL() + "/a?k=v"));
   ASSERT_TRUE(outcome.response);
   EXPECT_FALSE(outcome.error);
   EXPECT_EQ(outcome.response->statusCode, 201);
@@ -64,18 +61,9 @@ TEST_F(HttpClientTest, SendsMethodHeadersAndBodyAsGivenOnOneConnection) {
     threads.insert(call(client, request(server_.baseURL() + "/r")).thread);
   }
   EXPECT_EQ(threads.size(), 1u);
-
   const auto sent = server_.requests();
-  ASSERT_EQ(sent.size(), 3u);
-  EXPECT_EQ(sent[0].method, "POST");
-  EXPECT_EQ(sent[0].path, "/a/b.json");
-  EXPECT_EQ(sent[0].query, "k=v&flag=1");
-  EXPECT_EQ(sent[0].body, R"({"x":1})");
-  EXPECT_EQ(sent[0].header("Content-Length"), "7");
-  EXPECT_EQ(sent[0].header("Content-Type"), "application/json");
-  EXPECT_EQ(sent[0].header("Expect"), std::nullopt);
-  EXPECT_EQ(sent[0].remotePort, sent[1].remotePort);
-  EXPECT_EQ(sent[1].remotePort, sent[2].remotePort);
+  EXPECT_EQ(sent.at(0).remotePort, sent.at(1).remotePort);
+  EXPECT_EQ(sent.at(1).remotePort, sent.at(2).remotePort);
 }
 
 TEST_F(HttpClientTest, UrlsAndHeadersThatCannotBeSentFailWithoutTouchingTheNetwork) {
@@ -124,10 +112,9 @@ TEST_F(HttpClientTest, DestroyingTheClientFinishesWhatItCanWithinTheGrace) {
                 [&](std::optional<HttpResponse>, std::optional<Error>) { heldCalled = true; });
     ASSERT_TRUE(server_.waitForRequests(4, 10s));
   }
-  const auto took = std::chrono::steady_clock::now() - start;
   EXPECT_FALSE(heldCalled) << "no handler after the destructor";
-  EXPECT_GE(took, 150ms);
-  EXPECT_LT(took, 5s);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 150ms);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
   server_.release();
 }
 

@@ -8,12 +8,16 @@ namespace lumo::test {
 namespace {
 
 // Every list is moved up by the status bar exactly once; "None" takes the default level.
+// Regions are read now: a shared one changed after the settings were built goes as it is then.
 TEST(MatchSettingsTranslation, ShiftsEachRegionOnceAndFillsEveryList) {
+  auto moving = std::make_shared<Region>(1, 2, 3, 4);
   const CheckSettings settings = CheckSettings()
                                      .ignore({Region(5, 100, 50, 60)})
+                                     .strict(moving)
                                      .content({Region(0, 20, 1, 1)})
                                      .floating(Region(0, 30, 10, 10), 1, 2, 3, 4)
                                      .ignoreCaret();
+  *moving = Region(0, 40, 1, 1);
   struct Case {
     double statusBar;
     bool crop;
@@ -30,7 +34,7 @@ TEST(MatchSettingsTranslation, ShiftsEachRegionOnceAndFillsEveryList) {
     EXPECT_EQ(s.floatingRegions(), std::vector<FloatingMatchSettings>{
                                        FloatingMatchSettings(0, 30 - c.shift, 10, 10, 1, 2, 4, 3)});
     EXPECT_EQ(s.layoutRegions(), std::vector<Region>{}) << "set, not missing";
-    EXPECT_EQ(s.strictRegions(), std::vector<Region>{});
+    EXPECT_EQ(s.strictRegions(), std::vector<Region>{Region(0, 40 - c.shift, 1, 1)});
   }
   EXPECT_EQ(MatchSettingsTranslation::translate(settings.exact(), MatchLevelLayout, 0, false)
                 .matchLevel(),

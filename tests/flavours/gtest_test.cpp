@@ -32,24 +32,26 @@ ImagePtr screen(std::uint8_t shade, int mark = 0) {
   return std::make_shared<const Image>(std::move(image));
 }
 
-// The reference server on a loopback port, shared by the tests of a suite; each test is its
-// own visual test, so the tests do not see each other's baselines.
-struct EmbeddedServer {
-  static void start() {
-    data = new TempDir;
+// The reference server on a loopback port, started once for the program; each test is its own
+// visual test, so the tests do not see each other's baselines.
+class EmbeddedServer : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    data = std::make_unique<TempDir>();
     server::ServerConfig config;
     config.dataDir = data->path();
-    instance = new server::Server(config);
+    instance = std::make_unique<server::Server>(config);
     instance->start();
   }
-  static void stop() {
+  void TearDown() override {
     instance->stop();
-    delete instance;
-    delete data;
+    instance.reset();
+    data.reset();
   }
-  static inline TempDir* data = nullptr;
-  static inline server::Server* instance = nullptr;
+  static inline std::unique_ptr<TempDir> data;
+  static inline std::unique_ptr<server::Server> instance;
 };
+const auto* const kEmbeddedServer = ::testing::AddGlobalTestEnvironment(new EmbeddedServer);
 
 VisualTestConfig config(ImagePtr image, bool newBaselineFails = false) {
   return {.serverUrl = EmbeddedServer::instance->baseUrl(),
@@ -68,11 +70,7 @@ Verdict run(ImagePtr image, bool newBaselineFails = false) {
   return visual.finish();
 }
 
-class VisualTestTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() { EmbeddedServer::start(); }
-  static void TearDownTestSuite() { EmbeddedServer::stop(); }
-};
+using VisualTestTest = ::testing::Test;
 
 TEST_F(VisualTestTest, IsNamedAfterTheTestAndReportsOnce) {
   VisualTest visual(config(screen(90)));
@@ -114,8 +112,6 @@ TEST_F(VisualTestTest, AnUnreachableServerFailsTheTest) {
 // the verdict it reached.
 class Checkout : public gtest::VisualTestFixture {
  protected:
-  static void SetUpTestSuite() { EmbeddedServer::start(); }
-  static void TearDownTestSuite() { EmbeddedServer::stop(); }
   VisualTestConfig visualTestConfig() override { return config(screen(120)); }
   void TearDown() override {
     VisualTestFixture::TearDown();
