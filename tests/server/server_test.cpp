@@ -19,32 +19,6 @@ class ServerProtocol : public ServerTest {
   }
 };
 
-// What the client's readers do not look at (see client_scenario.h for the rest): links,
-// and images served back as sent.
-TEST_F(ServerProtocol, ResultsLinkTheSessionBatchAndImagesServedAsSent) {
-  const Image cart = screen(2, kBlue);
-  const Json started = answer(startSession(startInfo("Checkout")), 201);
-  const std::string first = started["id"];
-  EXPECT_EQ(started["url"], server_->baseUrl() + "/sessions/" + first);
-  EXPECT_TRUE(check(first, screen(1), "home"));
-  EXPECT_TRUE(check(first, cart, "cart"));
-  Json results = stop(first, true);
-  expectFields(results, {{"/name", "Checkout"},
-                         {"/appName", "Shop"},
-                         {"/hostOS", "iOS 17.2"},
-                         {"/apiUrls/session", started["url"]},
-                         {"/apiUrls/batch", server_->baseUrl() + "/batches/B1"},
-                         {"/appUrls/session", started["url"]},
-                         {"/stepsInfo/1/name", "cart"},
-                         {"/stepsInfo/1/hasBaselineImage", false}});
-  const std::string imageUrl = results["stepsInfo"][1]["apiUrls"]["currentImage"];
-  auto image = client_->Get(imageUrl.substr(server_->baseUrl().size()));
-  ASSERT_TRUE(image);
-  EXPECT_EQ(image->status, 200);
-  EXPECT_EQ(image->get_header_value("Content-Type"), "image/png");
-  EXPECT_EQ(server::detail::decodePngImage(image->body), cart);
-}
-
 // What a stop saves, seen from the test's next start (201: there is no baseline).
 TEST_F(ServerProtocol, AStopSavesOnlyARunThatWasNeitherAbortedNorFailedWhenAskedTo) {
   const struct {
@@ -88,7 +62,10 @@ TEST_F(ServerProtocol, MissingAndExtraStepsLeaveTheTestUnresolved) {
   const std::string shorter = start(startInfo("Search"), 200);
   EXPECT_TRUE(check(shorter, screen(1), "one"));
   const Json results = stop(shorter, false);
-  expectFields(results, {{"/status", "Unresolved"},
+  expectFields(results, {{"/name", "Search"},
+                         {"/appName", "Shop"},
+                         {"/hostOS", "iOS 17.2"},
+                         {"/status", "Unresolved"},
                          {"/missing", 1},
                          {"/steps", 2},
                          {"/stepsInfo/1/hasBaselineImage", true},
@@ -102,14 +79,13 @@ TEST_F(ServerProtocol, MissingAndExtraStepsLeaveTheTestUnresolved) {
                {{"/status", "Unresolved"}, {"/isDifferent", true}, {"/matches", 2}});
 }
 
+// The feature branch compares with the default branch's baseline (as the client scenario
+// shows) and saves its own; another branch still falls back to the default one.
 TEST_F(ServerProtocol, ABranchWithoutABaselineUsesTheDefaultBranchs) {
   saveBaseline(startInfo("Cart"), {screen(1)});
-  // The feature branch compares with the default branch's baseline (as the client scenario
-  // shows) and saves its own.
-  const std::string changed = start(startInfo("Cart", "feature"), 200);
-  EXPECT_FALSE(check(changed, screen(4), "cart"));
-  EXPECT_EQ(stop(changed, true)["branchName"], "feature");
-  // Another branch still falls back to the default one, not to the feature branch.
+  const std::string feature = start(startInfo("Cart", "feature"), 200);
+  EXPECT_FALSE(check(feature, screen(4), "cart"));
+  stop(feature, true);
   for (const auto& [branch, word] :
        {std::pair{"feature", 4u}, std::pair{"", 1u}, std::pair{"other", 1u}}) {
     const std::string id = start(startInfo("Cart", branch), 200);
@@ -133,33 +109,32 @@ TEST_F(ServerProtocol, TheEnvironmentIsTheBaselineEnvNameOrTheDeviceItRunsOn) {
   start(startInfo("Home"), 200);
 }
 
+// Each step's settings, where the default strict ones see a difference.
 TEST_F(ServerProtocol, MatchSettingsOfEachStepAreApplied) {
-  saveBaseline(startInfo("Regions"), {screen(1, kRed)});
-  const std::string id = start(startInfo("Regions"), 200);
-  EXPECT_FALSE(check(id, screen(2, kBlue), "screen", true));
-  Json ignoring = settings("Content");
-  ignoring["Ignore"] = {{{"left", 10}, {"top", 55}, {"width", 180}, {"height", 25}}};
-  EXPECT_FALSE(check(id, screen(2, kBlue), "screen", true, settings("Content")));
-  EXPECT_TRUE(check(id, screen(2, kBlue), "screen", true, ignoring));
-  expectFields(stop(id, false), {{"/contentMatches", 1}, {"/matches", 1}, {"/steps", 1}});
-
-  const std::string layout = start(startInfo("Regions"), 200);
-  EXPECT_TRUE(check(layout, screen(2, kBlue), "screen", true, settings("Layout")));
-  EXPECT_EQ(stop(layout, false)["layoutMatches"], 1);
-
-  const std::string floating = start(startInfo("Regions"), 200);
-  Json moving = settings("Strict");
-  moving["Floating"] = {{{"left", 36},
-                         {"top", 116},
-                         {"width", 128},
-                         {"height", 44},
-                         {"maxUpOffset", 10},
-                         {"maxDownOffset", 10},
-                         {"maxLeftOffset", 0},
-                         {"maxRightOffset", 0}}};
-  EXPECT_FALSE(check(floating, screen(1, kRed, 126), "screen", true));
-  EXPECT_TRUE(check(floating, screen(1, kRed, 126), "screen", true, moving));
-  EXPECT_EQ(stop(floating, false)["status"], "Passed");
+  saveBaseline(startInfo("Regions"), {screen(1)});
+  Json floating = settings();
+  floating["Floating"] = {{{"left", 36},
+                           {"top", 116},
+                           {"width", 128},
+                           {"height", 44},
+                           {"maxUpOffset", 10},
+                           {"maxDownOffset", 10},
+                           {"maxLeftOffset", 0},
+                           {"maxRightOffset", 0}}};
+  const struct {
+    Image current;
+    Json settings;
+    const char* counter;
+  } cases[] = {{screen(1, kBlue), settings("Content"), "/contentMatches"},
+               {screen(2, kBlue), settings("Layout"), "/layoutMatches"},
+               {screen(1, kRed, 126), floating, "/strictMatches"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.counter);
+    const std::string id = start(startInfo("Regions"), 200);
+    EXPECT_FALSE(check(id, c.current, "screen", true));
+    EXPECT_TRUE(check(id, c.current, "screen", true, c.settings));
+    expectFields(stop(id, false), {{c.counter, 1}, {"/status", "Passed"}});
+  }
 }
 
 }  // namespace
