@@ -74,34 +74,33 @@ TEST_F(ServerProtocol, MissingAndExtraStepsLeaveTheTestUnresolved) {
                {{"/status", "Unresolved"}, {"/isDifferent", true}, {"/matches", 2}});
 }
 
-// The feature branch compares with the default branch's baseline (as the client scenario
-// shows) and saves its own; another branch still falls back to the default one.
-TEST_F(ServerProtocol, ABranchWithoutABaselineUsesTheDefaultBranchs) {
-  saveBaseline(startInfo("Cart"), {screen(1)});
-  const std::string feature = start(startInfo("Cart", "feature"), 200);
-  EXPECT_FALSE(check(feature, screen(4), "cart"));
-  stop(feature, true);
-  for (const auto& [branch, word] :
-       {std::pair{"feature", 4u}, std::pair{"", 1u}, std::pair{"other", 1u}}) {
-    const std::string id = start(startInfo("Cart", branch), 200);
-    EXPECT_TRUE(check(id, screen(word), "cart")) << branch;
-    stop(id, false);
-  }
-}
-
-TEST_F(ServerProtocol, TheEnvironmentIsTheBaselineEnvNameOrTheDeviceItRunsOn) {
-  saveBaseline(startInfo("Home", "", "phones"), {screen(1)});
-  Json otherDevice = startInfo("Home", "", "phones");
-  otherDevice["environment"]["DeviceInfo"] = "Pixel 8";
-  start(otherDevice, 200);
-
+// Which baseline a start finds (0: none): its branch's, else the default branch's (as the
+// client scenario shows); in the environment the client names, else the one it runs on.
+TEST_F(ServerProtocol, AStartFindsTheBaselineOfItsBranchAndEnvironment) {
   saveBaseline(startInfo("Home"), {screen(1)});
-  Json otherSize = startInfo("Home"), otherOs = startInfo("Home");
-  otherSize["environment"]["displaySize"]["width"] = 390;
-  otherOs["environment"]["OSInfo"] = "iOS 18";
-  start(otherSize, 201);
-  start(otherOs, 201);
-  start(startInfo("Home"), 200);
+  saveBaseline(startInfo("Home", "", "phones"), {screen(2)});
+  const std::string feature = start(startInfo("Home", "feature"), 200);
+  EXPECT_FALSE(check(feature, screen(4), "step"));
+  stop(feature, true);
+  const auto changed = [](Json info, const char* pointer, Json value) {
+    info[Json::json_pointer(pointer)] = std::move(value);
+    return info;
+  };
+  const std::pair<Json, unsigned> cases[] = {
+      {startInfo("Home", "feature"), 4},
+      {startInfo("Home"), 1},
+      {startInfo("Home", "other"), 1},
+      {changed(startInfo("Home", "", "phones"), "/environment/DeviceInfo", "Pixel 8"), 2},
+      {changed(startInfo("Home"), "/environment/displaySize/width", 390), 0},
+      {changed(startInfo("Home"), "/environment/OSInfo", "iOS 18"), 0},
+  };
+  for (const auto& [info, word] : cases) {
+    SCOPED_TRACE(info.dump());
+    const std::string id = start(info, word ? 200 : 201);
+    if (word) {
+      EXPECT_TRUE(check(id, screen(word), "step"));
+    }
+  }
 }
 
 // Floating regions as the client writes them; levels and the other regions are read the
