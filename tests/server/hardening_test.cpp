@@ -6,7 +6,6 @@
 #include <unistd.h>
 #include <zlib.h>
 
-#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -69,7 +68,6 @@ class Hardening : public ServerTest {
  protected:
   void SetUp() override {
     ServerConfig config;
-    config.maxBodyBytes = std::size_t{40} << 20;
     config.headerTimeout = 300ms;
     config.publicUrl = "https://lumo.example.test/";
     startServer(config);
@@ -97,23 +95,17 @@ TEST_F(Hardening, DeeplyNestedJsonIsRefusedAndTheServerStillAnswers) {
   EXPECT_TRUE(stillServes());
 }
 
-TEST_F(Hardening, LongTextsInTheStartRecordAreRefusedByName) {
-  for (const auto& [pointer, length] :
-       {std::pair{"/appIdOrName", std::size_t{30} << 20}, {"/batchInfo/name", 1001}}) {
-    Json info = startInfo("Long");
-    info[Json::json_pointer(pointer)] = std::string(length, 'n');
-    auto res = startSession(info);
-    ASSERT_TRUE(res);
-    EXPECT_EQ(res->status, 400);
-    std::string named = std::string("startInfo") + pointer;
-    std::replace(named.begin(), named.end(), '/', '.');
-    EXPECT_NE(res->body.find(named), std::string::npos) << res->body.substr(0, 200);
-  }
-  start(startInfo("Long"), 201);  // nothing was stored by the refused starts
+TEST_F(Hardening, ALongTextInTheStartRecordIsRefusedByName) {
+  Json info = startInfo("Long");
+  info["batchInfo"]["name"] = std::string(1001, 'n');
+  auto res = startSession(info);
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 400);
+  EXPECT_NE(res->body.find("startInfo.batchInfo.name"), std::string::npos) << res->body;
+  start(startInfo("Long"), 201);  // nothing was stored by the refused start
 }
 
 TEST_F(Hardening, RequestsRefusedFromTheirHeadAreAnsweredBeforeAnyBodyIsSent) {
-  const std::string key = keyQuery();
   const struct {
     std::string head;
     int status;
@@ -124,9 +116,6 @@ TEST_F(Hardening, RequestsRefusedFromTheirHeadAreAnsweredBeforeAnyBodyIsSent) {
        415},
       {"POST /api/sessions/running.json HTTP/1.1\r\nHost: x\r\nContent-Length: 3000000\r\n\r\n",
        401},
-      {"POST /api/sessions/running.json?" + key +
-           " HTTP/1.1\r\nHost: x\r\nContent-Length: 900000000\r\n\r\n",
-       413},
       {"POST /nowhere HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n", 404},
   };
   for (const auto& c : cases) {

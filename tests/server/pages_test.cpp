@@ -50,26 +50,16 @@ TEST(ReviewAccess, SessionsNeedAKnownKeyAndExpire) {
 }
 
 // The client's doubled time (an offset, then the UTC time again) is shown as one UTC time.
-TEST_F(ServerPages, IndexEscapesClientTextShowsReadableTimesAndFiltersAndPages) {
+TEST_F(ServerPages, IndexEscapesClientTextAndShowsReadableTimes) {
   Json info = startInfo("<script>alert(1)</script> & co");
   info["batchInfo"]["name"] = "Night \"build\"";
   info["batchInfo"]["startedAt"] = "2026-11-22T11:21:53+0100T11:21:53Z";
   stop(start(info, 201), false);
-  for (int i = 0; i < 20; ++i) {
-    Json other = startInfo("T" + std::to_string(i));
-    other["batchInfo"]["id"] = "P" + std::to_string(i);
-    other["appIdOrName"] = i < 3 ? "Mail" : "Shop";
-    stop(start(other, 201), false);
-  }
   auto res = client_->Get("/");
   ASSERT_TRUE(res);
   EXPECT_TRUE(has(res->get_header_value("Content-Security-Policy"), "script-src 'self'"));
-  EXPECT_TRUE(has(res->body, "Page 1 of 2"));
-  EXPECT_FALSE(has(res->body, "href=\"/batches/B1\""));  // the oldest is on page 2
-  const std::string second = body("/?page=2");
-  EXPECT_TRUE(has(second, "Night &quot;build&quot;"));
-  EXPECT_TRUE(has(second, "2026-11-22 10:21:53 UTC"));
-  EXPECT_TRUE(has(body("/?app=Mail"), "3 batches match the filter"));
+  EXPECT_TRUE(has(res->body, "Night &quot;build&quot;"));
+  EXPECT_TRUE(has(res->body, "2026-11-22 10:21:53 UTC"));
   EXPECT_TRUE(has(body("/batches/B1"), "&lt;script&gt;alert(1)&lt;/script&gt; &amp; co"));
 }
 
