@@ -58,14 +58,6 @@ inline SessionStartInfo clientStartInfo(const std::string& test = "Checkout",
   return info;
 }
 
-// Approves a session through the API of the server on `port`; returns the answer's status.
-inline int approveOn(int port, const std::string& id) {
-  auto res = httplib::Client("127.0.0.1", port)
-                 .Post("/api/sessions/" + id + "/approve?apiKey=" + std::string(kDemoApiKey), "{}",
-                       "application/json");
-  return res ? res->status : 0;
-}
-
 // The client library's own connector, writers and readers against real servers: a new test,
 // a passing rerun on a feature branch with a region the client ignores, a differing run (a
 // retry round, then the last attempt) and its approval on `approvePort`, then a pass. Each
@@ -114,11 +106,9 @@ inline void runClientScenario(const std::vector<std::shared_ptr<ServerConnector>
   // Each instance links to itself: the session's path is what they share.
   EXPECT_TRUE(results->url().value_or("").ends_with("/sessions/" + *session->sessionId()));
   EXPECT_EQ(results->batchId(), "client-batch");
-  EXPECT_EQ(results->batchName(), "Client batch");
   EXPECT_EQ(results->hostDisplaySize(), (Size{200, 240}));
   ASSERT_TRUE(results->stepsInfo() && results->stepsInfo()->size() == 2u);
   EXPECT_TRUE((*results->stepsInfo())[0].hasCurrentImage());
-  EXPECT_TRUE((*results->stepsInfo())[0].apiUrls());
   ASSERT_TRUE(results->defaultMatchSettings());
   EXPECT_EQ(results->defaultMatchSettings()->matchLevel(), "Strict");
 
@@ -147,7 +137,11 @@ inline void runClientScenario(const std::vector<std::shared_ptr<ServerConnector>
   EXPECT_EQ(results->mismatches(), 1);
   ASSERT_TRUE(results->stepsInfo());
   EXPECT_TRUE((*results->stepsInfo())[0].isDifferent());
-  EXPECT_EQ(approveOn(approvePort, *session->sessionId()), 200);
+  auto approved = httplib::Client("127.0.0.1", approvePort)
+                      .Post("/api/sessions/" + *session->sessionId() +
+                                "/approve?apiKey=" + std::string(kDemoApiKey),
+                            "{}", "application/json");
+  EXPECT_TRUE(approved && approved->status == 200);
 
   session = start(std::nullopt);
   ASSERT_TRUE(session);

@@ -1,16 +1,14 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 #include <zlib.h>
 
-#include <algorithm>
 #include <chrono>
 #include <thread>
 
-#include "json_limits.h"
 #include "server_fixture.h"
 
 namespace lumo::test {
@@ -42,25 +40,18 @@ class RawConnection {
     }
     return true;
   }
-  // Everything received until the server closes or `timeout` passes.
+  // Everything received until the server closes, or until it is silent for `timeout`.
   std::string receive(std::chrono::milliseconds timeout = 5s) {
+    const timeval wait{timeout.count() / 1000, timeout.count() % 1000 * 1000};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
     std::string received;
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-          deadline - std::chrono::steady_clock::now());
-      pollfd p{fd_, POLLIN, 0};
-      if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) {
-        return received;
-      }
-      char buffer[4096];
-      const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
-      if (n <= 0) {
-        closedByServer_ = true;
-        return received;
-      }
+    char buffer[4096];
+    ssize_t n = 0;
+    while ((n = recv(fd_, buffer, sizeof buffer, 0)) > 0) {
       received.append(buffer, static_cast<std::size_t>(n));
     }
+    closedByServer_ = n == 0;
+    return received;
   }
   bool closedByServer() const { return closedByServer_; }
 
@@ -77,7 +68,6 @@ class Hardening : public ServerTest {
  protected:
   void SetUp() override {
     ServerConfig config;
-    config.maxBodyBytes = std::size_t{40} << 20;
     config.headerTimeout = 300ms;
     config.publicUrl = "https://lumo.example.test/";
     startServer(config);
@@ -88,55 +78,34 @@ class Hardening : public ServerTest {
   }
 };
 
-TEST(JsonDepth, CountsBracketsOutsideStringsOnly) {
-  const std::string deep = std::string(65, '[') + std::string(65, ']');
-  const struct {
-    std::string text;
-    bool fits;
-  } cases[] = {
-      {std::string(64, '[') + std::string(64, ']'), true},
-      {deep, false},
-      {"{\"a\":" + std::string(64, '{') + "}", false},
-      {"\"" + std::string(100, '[') + "\"", true},
-      {"[\"\\\"" + std::string(100, '[') + "\"]", true},  // an escaped quote does not end it
-      {"[\"\\\\\"" + std::string(70, '[') + "]", false},  // an escaped backslash does
-      {std::string(100, ']') + std::string(64, '['), true},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(server::detail::checkJsonDepth(c.text), c.fits) << c.text.substr(0, 80);
-  }
-}
-
+// Nesting is counted before parsing, outside texts only: an escaped quote ends no text, an
+// escaped backslash does.
 TEST_F(Hardening, DeeplyNestedJsonIsRefusedAndTheServerStillAnswers) {
-  for (const int depth : {75'000, 65}) {
-    std::string body = R"({"startInfo":{"appIdOrName":"D","scenarioIdOrName":"T","x":)";
-    body += std::string(static_cast<std::size_t>(depth), '[') +
-            std::string(static_cast<std::size_t>(depth), ']') + "}}";
-    auto res = client_->Post("/api/sessions/running.json?" + keyQuery(), body, "application/json");
-    ASSERT_TRUE(res) << depth;
-    EXPECT_EQ(res->status, 400) << depth;
+  const std::string deep = std::string(75'000, '[') + std::string(75'000, ']');
+  for (const std::string& x : {deep, std::string(65, '{'), "[\"\\\\\"," + deep + "]"}) {
+    auto res =
+        client_->Post("/api/sessions/running.json?" + keyQuery(),
+                      R"({"startInfo":{"appIdOrName":"D","scenarioIdOrName":"T","x":)" + x + "}}",
+                      "application/json");
+    ASSERT_TRUE(res);
+    EXPECT_EQ(res->status, 400);
     EXPECT_NE(res->body.find("deeper than 64 levels"), std::string::npos) << res->body;
   }
+  start(startInfo("\"" + std::string(100, '[')), 201);
   EXPECT_TRUE(stillServes());
 }
 
-TEST_F(Hardening, LongTextsInTheStartRecordAreRefusedByName) {
-  for (const auto& [pointer, length] :
-       {std::pair{"/appIdOrName", std::size_t{30} << 20}, {"/batchInfo/name", 1001}}) {
-    Json info = startInfo("Long");
-    info[Json::json_pointer(pointer)] = std::string(length, 'n');
-    auto res = startSession(info);
-    ASSERT_TRUE(res);
-    EXPECT_EQ(res->status, 400);
-    std::string named = std::string("startInfo") + pointer;
-    std::replace(named.begin(), named.end(), '/', '.');
-    EXPECT_NE(res->body.find(named), std::string::npos) << res->body.substr(0, 200);
-  }
-  start(startInfo("Long"), 201);  // nothing was stored by the refused starts
+TEST_F(Hardening, ALongTextInTheStartRecordIsRefusedByName) {
+  Json info = startInfo("Long");
+  info["batchInfo"]["name"] = std::string(1001, 'n');
+  auto res = startSession(info);
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 400);
+  EXPECT_NE(res->body.find("startInfo.batchInfo.name"), std::string::npos) << res->body;
+  start(startInfo("Long"), 201);  // nothing was stored by the refused start
 }
 
 TEST_F(Hardening, RequestsRefusedFromTheirHeadAreAnsweredBeforeAnyBodyIsSent) {
-  const std::string key = keyQuery();
   const struct {
     std::string head;
     int status;
@@ -147,9 +116,6 @@ TEST_F(Hardening, RequestsRefusedFromTheirHeadAreAnsweredBeforeAnyBodyIsSent) {
        415},
       {"POST /api/sessions/running.json HTTP/1.1\r\nHost: x\r\nContent-Length: 3000000\r\n\r\n",
        401},
-      {"POST /api/sessions/running.json?" + key +
-           " HTTP/1.1\r\nHost: x\r\nContent-Length: 900000000\r\n\r\n",
-       413},
       {"POST /nowhere HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n", 404},
   };
   for (const auto& c : cases) {
@@ -171,9 +137,7 @@ TEST_F(Hardening, AChunkedBodyOverTheLimitIsRefused) {
   for (int i = 0; i < 8 && connection.send("4000\r\n" + chunk + "\r\n"); ++i) {
   }
   connection.send("0\r\n\r\n");
-  const std::string response = connection.receive(3s);
-  EXPECT_EQ(statusOf(response), 413) << response.substr(0, 200);
-  EXPECT_NE(response.find("over the limit of 65536 bytes"), std::string::npos);
+  EXPECT_EQ(statusOf(connection.receive(3s)), 413);
 }
 
 TEST_F(Hardening, IdleAndDrippingConnectionsNeitherBlockOthersNorStayOpen) {
@@ -217,7 +181,7 @@ TEST_F(Hardening, LinksUseThePublicUrlWhateverTheHostHeaderSays) {
 }
 
 // A PNG that declares 7071 x 7071 RGBA pixels but carries only 6 KB of image data.
-std::string truncatedLargePng() {
+std::vector<std::uint8_t> truncatedLargePng() {
   std::string png = server::detail::encodePngImage(noise(200, 200, 3));
   const auto putBe32 = [&](std::size_t at, std::uint32_t v) {
     for (int i = 0; i < 4; ++i) {
@@ -226,22 +190,17 @@ std::string truncatedLargePng() {
   };
   putBe32(16, 7071);
   putBe32(20, 7071);
-  const auto* ihdr = reinterpret_cast<const Bytef*>(png.data() + 12);
-  putBe32(29, static_cast<std::uint32_t>(crc32(0, ihdr, 17)));
-  png.resize(6 * 1024);
-  return png;
+  putBe32(29, static_cast<std::uint32_t>(
+                  crc32(0, reinterpret_cast<const Bytef*>(png.data() + 12), 17)));
+  return {png.begin(), png.begin() + 6 * 1024};
 }
 
 TEST_F(Hardening, ATruncatedPngDeclaringALargeImageFailsWithoutAllocatingIt) {
-  const std::string png = truncatedLargePng();
-  EXPECT_FALSE(server::detail::pngDataCanFill(png));
-  EXPECT_TRUE(server::detail::pngDataCanFill(server::detail::encodePngImage(noise(200, 200, 3))));
+  const std::string id = start(startInfo("Png"), 201);
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
   const long before = usage.ru_maxrss;
-  const std::string id = start(startInfo("Png"), 201);
-  const std::vector<std::uint8_t> bytes(png.begin(), png.end());
-  auto res = matchWindow(id, matchData(base64Encode(bytes), "big"));
+  auto res = matchWindow(id, matchData(base64Encode(truncatedLargePng()), "big"));
   ASSERT_TRUE(res);
   EXPECT_EQ(res->status, 400) << res->body;
   getrusage(RUSAGE_SELF, &usage);

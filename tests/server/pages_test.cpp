@@ -3,7 +3,6 @@
 #include <regex>
 
 #include "review_access.h"
-#include "review_time.h"
 #include "server_fixture.h"
 
 namespace lumo::test {
@@ -30,28 +29,6 @@ class ServerPages : public ServerTest {
   }
 };
 
-TEST(ReviewTime, ReadsTheClientsDoubledTimeAndOtherIsoFormsAsUtc) {
-  const struct {
-    const char* text;
-    const char* readable;  // "" for unreadable
-  } cases[] = {
-      {"2026-11-23T01:20:04+0000T01:20:04Z", "2026-11-23 01:20:04 UTC"},
-      {"2026-11-22T11:21:53+0100T11:21:53Z", "2026-11-22 10:21:53 UTC"},
-      {"2026-01-01T00:30:00-02:30", "2026-01-01 03:00:00 UTC"},
-      {"2026-03-01T00:10:00.123+01:00", "2026-02-28 23:10:00 UTC"},
-      {"2026-01-01 10:00", "2026-01-01 10:00:00 UTC"},
-      {"2026-02-30T10:00:00Z", ""},
-      {"2026-01-01T25:00:00Z", ""},
-      {"yesterday", ""},
-      {"", ""},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(server::detail::readableTime(c.text).value_or(""), c.readable) << c.text;
-  }
-  EXPECT_EQ(server::detail::readableTime(std::int64_t{1'767'225'600'000}),
-            "2026-01-01 00:00:00 UTC");
-}
-
 TEST(ReviewAccess, SessionsNeedAKnownKeyAndExpire) {
   auto now = std::chrono::system_clock::time_point{};
   server::detail::ReviewAccess access({"k1", "k2"}, false, std::chrono::hours(1),
@@ -72,107 +49,46 @@ TEST(ReviewAccess, SessionsNeedAKnownKeyAndExpire) {
   EXPECT_FALSE(access.formToken(cookie));
 }
 
-TEST_F(ServerPages, IndexEscapesClientTextShowsReadableTimesAndFiltersAndPages) {
-  EXPECT_TRUE(has(body("/"), "No tests have run yet."));
+// The client's doubled time (an offset, then the UTC time again) is shown as one UTC time.
+TEST_F(ServerPages, IndexEscapesClientTextAndShowsReadableTimes) {
   Json info = startInfo("<script>alert(1)</script> & co");
   info["batchInfo"]["name"] = "Night \"build\"";
-  info["batchInfo"]["startedAt"] = "2026-11-23T01:20:04+0000T01:20:04Z";
+  info["batchInfo"]["startedAt"] = "2026-11-22T11:21:53+0100T11:21:53Z";
   stop(start(info, 201), false);
-  for (int i = 0; i < 21; ++i) {
-    Json other = startInfo("T" + std::to_string(i), i % 2 ? "feature" : "");
-    other["batchInfo"]["id"] = "P" + std::to_string(i);
-    other["appIdOrName"] = i < 3 ? "Mail" : "Shop";
-    stop(start(other, 201), false);
-  }
-
   auto res = client_->Get("/");
   ASSERT_TRUE(res);
-  EXPECT_EQ(res->get_header_value("Content-Type"), "text/html; charset=utf-8");
   EXPECT_TRUE(has(res->get_header_value("Content-Security-Policy"), "script-src 'self'"));
-  EXPECT_TRUE(has(res->body, "22 batches"));
-  EXPECT_TRUE(has(res->body, "Page 1 of 2"));
-  EXPECT_FALSE(has(res->body, "href=\"/batches/B1\""));  // the oldest is on page 2
-  const std::string second = body("/?page=2");
-  EXPECT_FALSE(has(second, "<script>alert"));
-  EXPECT_TRUE(has(second, "Night &quot;build&quot;"));
-  EXPECT_TRUE(has(second, "2026-11-23 01:20:04 UTC"));
-  EXPECT_FALSE(has(second, "T01:20:04Z"));
-  EXPECT_TRUE(has(body("/?app=Mail"), "3 batches match the filter"));
-  // Odd i from 3 to 19.
-  EXPECT_TRUE(has(body("/?app=Shop&branch=feature"), "9 batches match the filter"));
-  const std::string batch = body("/batches/B1");
-  EXPECT_TRUE(has(batch, "&lt;script&gt;alert(1)&lt;/script&gt; &amp; co"));
-  EXPECT_FALSE(has(batch, "<script>alert"));
-  res = client_->Get("/static/review.js");
-  EXPECT_EQ(res->get_header_value("Content-Type"), "text/javascript; charset=utf-8");
-  EXPECT_TRUE(has(res->body, "addEventListener('keydown'"));
+  EXPECT_TRUE(has(res->body, "Night &quot;build&quot;"));
+  EXPECT_TRUE(has(res->body, "2026-11-22 10:21:53 UTC"));
+  EXPECT_TRUE(has(body("/batches/B1"), "&lt;script&gt;alert(1)&lt;/script&gt; &amp; co"));
 }
 
+// A rejected step keeps its test unresolved through "approve all".
 TEST_F(ServerPages, BatchCountsRejectKeepsTheBaselineAndApproveAllSkipsRejected) {
-  const char* tests[] = {"Same", "Changed", "Refused"};
   std::string ids[3];
   for (int i = 0; i < 3; ++i) {
-    const std::string id = start(startInfo(tests[i]), 201);
+    const std::string test = "T" + std::to_string(i);
+    const std::string id = start(startInfo(test), 201);
     check(id, screen(1), "home");
     stop(id, true);
-    ids[i] = start(startInfo(tests[i]), 200);
+    ids[i] = start(startInfo(test), 200);
     check(ids[i], screen(i == 0 ? 1 : 2), "home");
     stop(ids[i], false);
   }
   stop(start(startInfo("Fresh"), 201), false);  // new, no steps: nothing to approve
-
-  std::string batch = body("/batches/B1");
-  const std::string token = formToken(batch);
-  ASSERT_FALSE(token.empty());
-  EXPECT_TRUE(has(batch, "Approve all unresolved (2)"));
+  const std::string token = formToken(body("/batches/B1"));
   auto reject = form("/sessions/" + ids[2] + "/reject", "csrf=" + token + "&position=0&step=1");
-  EXPECT_EQ(reject->status, 303);
   EXPECT_EQ(reject->get_header_value("Location"), "/sessions/" + ids[2] + "#step-1");
-  batch = body("/batches/B1");
+  std::string batch = body("/batches/B1");
   // The first runs were saved as baselines: they passed.
-  for (const char* count : {"passed 4<", "new 1<", "different 1<", "failed 0<", "rejected 1<",
-                            "Approve all unresolved (1)"}) {
+  for (const char* count : {"passed 4<", "different 1<", "rejected 1<", "unresolved (1)"}) {
     EXPECT_TRUE(has(batch, count)) << count;
   }
-  const std::string filtered = body("/batches/B1?status=rejected");
-  EXPECT_TRUE(has(filtered, "Refused"));
-  EXPECT_FALSE(has(filtered, ">Changed<"));
-
-  // Without the form's token nothing changes.
   EXPECT_EQ(form("/batches/B1/approve", "csrf=0")->status, 403);
   EXPECT_EQ(form("/batches/B1/approve", "csrf=" + token)->status, 303);
   batch = body("/batches/B1");
-  for (const char* count : {"passed 5<", "new 1<", "rejected 1"}) {
-    EXPECT_TRUE(has(batch, count)) << count;
-  }
-  EXPECT_FALSE(has(batch, "Approve all unresolved"));
-  // The approved test is compared with its new baseline.
-  EXPECT_TRUE(check(start(startInfo("Changed"), 200), screen(2), "home"));
-}
-
-TEST_F(ServerPages, TheSessionPageHoldsTheViewerWithBoxesFromTheStore) {
-  const std::string first = start(startInfo("Page"), 201);
-  check(first, screen(1), "home");
-  check(first, screen(2), "cart");
-  stop(first, true);
-  const std::string second = start(startInfo("Page"), 200);
-  EXPECT_FALSE(check(second, screen(3), "home"));
-  stop(second, false);
-
-  std::string page = body("/sessions/" + second);
-  // The comparison's own boxes.
-  EXPECT_TRUE(has(page, "id=\"step-1\" data-outcome=\"different\" data-boxes=\"[["));
-  EXPECT_TRUE(has(page, "id=\"step-2\" data-outcome=\"missing\""));
-  EXPECT_TRUE(has(page, "<form id=\"approve\" method=\"post\""));
-  EXPECT_FALSE(has(page, "<script>"));
-  // Boxes from a store that records them, in either shape.
-  execSql(dir_.path(),
-          "UPDATE steps SET boxes = '[{\"left\":20,\"top\":60,\"width\":160,\"height\":12},"
-          "[1,2,3,4]]' WHERE session_id = '" +
-              second + "' AND position = 0");
-  page = body("/sessions/" + second);
-  EXPECT_TRUE(has(page, "data-boxes=\"[[20,60,160,12],[1,2,3,4]]\""));
-  EXPECT_TRUE(has(page, "2 differences"));
+  EXPECT_TRUE(has(batch, "passed 5<") && has(batch, "rejected 1<")) << batch;
+  EXPECT_TRUE(check(start(startInfo("T1"), 200), screen(2), "home"));
 }
 
 TEST_F(ServerPages, WithKeysEveryPageAndImageAsksForASignIn) {
@@ -184,42 +100,30 @@ TEST_F(ServerPages, WithKeysEveryPageAndImageAsksForASignIn) {
   const Json results = answer(stopSession(session, false, false, "secret"), 200);
   const std::string image = results["stepsInfo"][0]["apiUrls"]["currentImage"];
   const std::string imagePath = image.substr(server_->baseUrl().size());
-
   for (const std::string& path :
        {std::string("/"), std::string("/batches/B1"), "/sessions/" + session, imagePath}) {
-    auto res = client_->Get(path);
-    EXPECT_EQ(res->status, 303) << path;
-    EXPECT_TRUE(res->get_header_value("Location").starts_with("/signin?next=")) << path;
+    EXPECT_TRUE(client_->Get(path)->get_header_value("Location").starts_with("/signin?next="))
+        << path;
   }
   EXPECT_EQ(form("/sessions/" + session + "/approve", "csrf=x")->status, 303);
   auto refused = form("/signin", "key=wrong&next=/");
   EXPECT_EQ(refused->status, 401);
   EXPECT_TRUE(refused->get_header_value("Set-Cookie").empty());
   auto signedIn = form("/signin", "key=secret&next=//evil.example/");
-  EXPECT_EQ(signedIn->status, 303);
   EXPECT_EQ(signedIn->get_header_value("Location"), "/");
   const std::string setCookie = signedIn->get_header_value("Set-Cookie");
-  EXPECT_TRUE(has(setCookie, "; HttpOnly; SameSite=Strict")) << setCookie;
   const httplib::Headers cookie = {{"Cookie", setCookie.substr(0, setCookie.find(';'))}};
-  auto page = client_->Get("/sessions/" + session, cookie);
-  EXPECT_EQ(page->status, 200);
-  EXPECT_EQ(client_->Get(imagePath, cookie)->status, 200);
-  EXPECT_EQ(
-      form("/sessions/" + session + "/approve", "csrf=" + formToken(page->body), cookie)->status,
-      303);
-  EXPECT_TRUE(has(client_->Get("/sessions/" + session, cookie)->body, "saved as baseline"));
+  EXPECT_EQ(client_->Get("/sessions/" + session, cookie)->status, 200);
+  EXPECT_EQ(server::detail::decodePngImage(client_->Get(imagePath, cookie)->body), screen());
 }
 
 TEST_F(ServerPages, UnknownPagesAndImagesAreNotFound) {
   for (const std::string& path :
        {std::string("/sessions/nope"), std::string("/batches/nope"),
         std::string("/static/other.js"), "/images/" + std::string(64, 'a') + ".png",
-        std::string("/images/..%2Flumo.db"), std::string("/elsewhere")}) {
+        std::string("/images/..%2Flumo.db")}) {
     EXPECT_EQ(client_->Get(path)->status, 404) << path;
   }
-  auto res = client_->Get("/api/elsewhere?" + keyQuery());
-  EXPECT_EQ(res->status, 404);
-  EXPECT_TRUE(Json::parse(res->body)["error"].is_string());
 }
 
 }  // namespace
