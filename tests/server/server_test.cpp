@@ -52,6 +52,44 @@ TEST_F(ServerProtocol, AStopSavesOnlyARunThatWasNeitherAbortedNorFailedWhenAsked
   }
 }
 
+// Each step is judged by the level and regions of its own settings, as read from their JSON,
+// and the results count each level's matches. The text line changes in screen(2), the button
+// colour in kBlue; the floating button may move down only.
+TEST_F(ServerProtocol, MatchSettingsOfEachStepAreApplied) {
+  saveBaseline(startInfo("Regions"), {screen(1)});
+  const auto with = [](const std::string& level, const char* list, const char* region) {
+    Json s = settings(level);
+    s[list] = Json::array({Json::parse(region)});
+    return s;
+  };
+  const char* line = R"({"left": 10, "top": 55, "width": 180, "height": 25})";
+  const char* button = R"({"left": 30, "top": 110, "width": 140, "height": 56})";
+  const char* floating = R"({"left": 36, "top": 116, "width": 128, "height": 44,
+      "maxUpOffset": 0, "maxDownOffset": 10, "maxLeftOffset": 0, "maxRightOffset": 0})";
+  const struct {
+    Json settings;
+    Image image;
+    const char* counter;  // the count of the results that is 1
+  } cases[] = {
+      {settings("Content"), screen(2, kBlue), "mismatches"},
+      {with("Content", "Ignore", line), screen(2, kBlue), "contentMatches"},
+      {settings("Layout"), screen(2, kBlue), "layoutMatches"},
+      {with("Layout", "Strict", button), screen(1, kBlue), "mismatches"},
+      {with("Strict", "Content", button), screen(1, kBlue), "strictMatches"},
+      {with("Strict", "Layout", line), screen(2), "strictMatches"},
+      {with("Strict", "Floating", floating), screen(1, kRed, 126), "strictMatches"},
+      {with("Strict", "Floating", floating), screen(1, kRed, 114), "mismatches"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.settings.dump());
+    const std::string id = start(startInfo("Regions"), 200);
+    const auto data = matchData(screenshot64(c.image), "s", false, c.settings);
+    EXPECT_EQ(answer(matchWindow(id, data), 200)["asExpected"],
+              std::string(c.counter) != "mismatches");
+    EXPECT_EQ(stop(id, false)[c.counter], 1);
+  }
+}
+
 TEST_F(ServerProtocol, AMissingStepLeavesTheTestUnresolved) {
   saveBaseline(startInfo("Search"), {screen(1), screen(2)});
   const std::string shorter = start(startInfo("Search"), 200);
