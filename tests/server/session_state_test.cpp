@@ -5,6 +5,7 @@
 
 #include <atomic>
 
+#include "baseline_cache.h"
 #include "lumo/server/session_manager.h"
 #include "lumo/server/sqlite_store.h"
 #include "server_fixture.h"
@@ -175,6 +176,48 @@ TEST_F(SessionState, DecodedBaselinesAreSharedByEverySession) {
   }
   EXPECT_EQ(m.baselineCacheHits(), 2u);
   EXPECT_EQ(m.cachedBaselineBytes(), screen(1).pixels().size());
+}
+
+// A record written too deep straight into the database is refused before it is parsed again,
+// and the refusal changes nothing.
+TEST_F(SessionState, AnOverDeepStoredRecordIsRefusedUnread) {
+  Instance instance = open();
+  SessionManager& m = *instance.manager;
+  const std::string id = start(m, "Deep");
+  EXPECT_TRUE(check(m, id, screen(1)));
+  const std::string deep = std::string(100'000, '[') + std::string(100'000, ']');
+  execSql(dir_.path(), "UPDATE sessions SET start_info = '{\"x\":" + deep +
+                           "}'; UPDATE steps SET boxes = '" + deep + "'");
+  EXPECT_EQ(refusal([&] { check(m, id, screen(1)); }), 500);
+  EXPECT_EQ(refusal([&] { stop(m, id, true); }), 500);
+  EXPECT_THROW(instance.store->steps(id), StoreError);
+  EXPECT_EQ(instance.store->findSession(id)->stepCount, 1);
+}
+
+TEST(BaselineCache, DropsTheLeastRecentlyUsedPastItsBudget) {
+  server::detail::BaselineCache cache(100);  // bytes: room for 25 pixels
+  int loads = 0;
+  struct Step {
+    const char* hash;
+    int width;  // of the image a load would give; 0: none
+    int loadsAfter;
+    std::size_t bytesAfter;
+  };
+  for (const Step& s : {Step{"a", 10, 1, 40}, Step{"b", 10, 2, 80}, Step{"a", 10, 2, 80},
+                        Step{"c", 10, 3, 80},     // drops b, the least recently used
+                        Step{"a", 10, 3, 80},     // a stayed
+                        Step{"b", 10, 4, 80},     // b is loaded again
+                        Step{"huge", 30, 5, 80},  // larger than the budget: not kept
+                        Step{"none", 0, 6, 80}, Step{"none", 0, 7, 80}}) {
+    SCOPED_TRACE(s.hash);
+    const auto image = cache.get(s.hash, [&] {
+      ++loads;
+      return s.width > 0 ? std::make_shared<const Image>(s.width, 1) : nullptr;
+    });
+    EXPECT_EQ(image != nullptr, s.width > 0);
+    EXPECT_EQ(loads, s.loadsAfter);
+    EXPECT_EQ(cache.bytes(), s.bytesAfter);
+  }
 }
 
 }  // namespace
