@@ -79,7 +79,7 @@ TEST_F(CheckEndToEnd, WrongApiKeyIsNoVerdict) {
 
 TEST(CheckUnreachable, RefusedConnectionIsExitFourWithTheReasonAndItsReport) {
   TempDir files;
-  const auto image = writePng(files.path() / "home.png", screen(20, 20, 50));
+  const auto image = writePng(files.path() / "home.png", markedScreen(20, 20, 50));
   RefusingPort refusing;
   const auto outcome = runLumo({"check", "--server", refusing.baseURL(), "--app", "Shop", "--test",
                                 "Home", "--api-key", "key", "--report",
@@ -101,7 +101,8 @@ int checkInMemory(const std::string& url, std::ostringstream& out, std::ostrings
   options.testName = "Home";
   options.apiKey = "key";
   options.matchTimeout = 0;
-  options.checkpoints.push_back({"home", {}, std::make_shared<const Image>(screen(20, 20, 50))});
+  options.checkpoints.push_back(
+      {"home", {}, std::make_shared<const Image>(markedScreen(20, 20, 50))});
   options.waitPolicy = std::make_shared<FastWaitPolicy>(0.3);
   return runCheck(options, out, err);
 }

@@ -16,7 +16,7 @@ class CheckUsage : public TestServerFixture {
  protected:
   void SetUp() override {
     TestServerFixture::SetUp();
-    image_ = writePng(dir_.path() / "home.png", screen(40, 60, 90)).string();
+    image_ = writePng(dir_.path() / "home.png", markedScreen(40, 60, 90)).string();
     std::ofstream(dir_.path() / "notes.png") << "not a picture";
   }
 

@@ -17,9 +17,9 @@ class CompareCommandTest : public ::testing::Test {
 };
 
 TEST_F(CompareCommandTest, ExitStatusSaysWhetherTheImagesMatch) {
-  const std::string grey = png("grey.png", screen(60, 40, 128));
-  const std::string marked = png("marked.png", screen(60, 40, 128, 6));
-  const std::string taller = png("taller.png", screen(60, 41, 128));
+  const std::string grey = png("grey.png", markedScreen(60, 40, 128));
+  const std::string marked = png("marked.png", markedScreen(60, 40, 128, 6));
+  const std::string taller = png("taller.png", markedScreen(60, 41, 128));
   const std::string notPng = (dir_.path() / "not-a-png.png").string();
   std::ofstream(notPng) << "GIF89a";
   struct Case {
@@ -43,9 +43,9 @@ TEST_F(CompareCommandTest, ExitStatusSaysWhetherTheImagesMatch) {
 }
 
 TEST_F(CompareCommandTest, JsonGivesTheVerdictCountsAndBoxes) {
-  const Outcome outcome =
-      runLumo({"compare", "--json", "--diff", (dir_.path() / "diff.png").string(),
-               png("a.png", screen(60, 40, 128)), png("b.png", screen(60, 40, 128, 6))});
+  const Outcome outcome = runLumo(
+      {"compare", "--json", "--diff", (dir_.path() / "diff.png").string(),
+       png("a.png", markedScreen(60, 40, 128)), png("b.png", markedScreen(60, 40, 128, 6))});
   ASSERT_EQ(outcome.status, kExitDifferences) << outcome.err;
   EXPECT_EQ(nlohmann::json::parse(outcome.out), nlohmann::json::parse(R"({"matches": false,
       "matchLevel": "Strict", "sizeMismatch": false, "differentPixels": 36, "toleratedPixels": 0,

@@ -17,6 +17,7 @@
 #include "platform/png.h"
 #include "run.h"
 #include "server/temp_dir.h"
+#include "support/test_images.h"
 
 namespace lumo::test {
 
@@ -34,22 +35,6 @@ inline Outcome runLumo(const std::vector<std::string>& args) {
   std::ostringstream err;
   const int status = run(args, out, err);
   return {status, out.str(), err.str()};
-}
-
-// A width x height screen of one colour with a `mark` square of another at its top left.
-inline Image screen(int width, int height, std::uint8_t shade, int mark = 0) {
-  Image image(width, height);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      std::uint8_t* p = image.row(y) + x * Image::kChannels;
-      const bool marked = x < mark && y < mark;
-      p[0] = marked ? 250 : shade;
-      p[1] = marked ? 20 : shade;
-      p[2] = shade;
-      p[3] = 255;
-    }
-  }
-  return image;
 }
 
 inline std::filesystem::path writePng(const std::filesystem::path& path, const Image& image) {
@@ -85,9 +70,9 @@ class EmbeddedServerTest : public ::testing::Test {
     config.dataDir = data_.path();
     server_ = std::make_unique<server::Server>(config);
     server_->start();
-    home_ = writePng(files_.path() / "home.png", screen(40, 60, 90)).string();
-    cart_ = writePng(files_.path() / "cart.png", screen(40, 60, 180)).string();
-    changed_ = writePng(files_.path() / "cart-new.png", screen(40, 60, 180, 10)).string();
+    home_ = writePng(files_.path() / "home.png", markedScreen(40, 60, 90)).string();
+    cart_ = writePng(files_.path() / "cart.png", markedScreen(40, 60, 180)).string();
+    changed_ = writePng(files_.path() / "cart-new.png", markedScreen(40, 60, 180, 10)).string();
   }
   void TearDown() override { server_->stop(); }
 

@@ -8,6 +8,7 @@
 #include "lumo/server/server.h"
 #include "server/temp_dir.h"
 #include "support/fast_wait_policy.h"
+#include "support/test_images.h"
 
 namespace lumo::test {
 namespace {
@@ -16,20 +17,8 @@ using gtest::Verdict;
 using gtest::VisualTest;
 using gtest::VisualTestConfig;
 
-// A screen of one shade with a `mark` square of red at its top left.
 ImagePtr screen(std::uint8_t shade, int mark = 0) {
-  Image image(60, 80);
-  for (int y = 0; y < image.height(); ++y) {
-    for (int x = 0; x < image.width(); ++x) {
-      std::uint8_t* p = image.row(y) + x * Image::kChannels;
-      const bool marked = x < mark && y < mark;
-      p[0] = marked ? 250 : shade;
-      p[1] = marked ? 20 : shade;
-      p[2] = shade;
-      p[3] = 255;
-    }
-  }
-  return std::make_shared<const Image>(std::move(image));
+  return std::make_shared<const Image>(markedScreen(60, 80, shade, mark));
 }
 
 // The reference server on a loopback port, started once for the program; each test is its own

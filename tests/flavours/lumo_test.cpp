@@ -21,24 +21,14 @@
 #include "support/fast_wait_policy.h"
 #include "support/log_capture.h"
 #include "support/scoped_env.h"
+#include "support/test_images.h"
 #include "support/test_server.h"
 
 namespace lumo::test {
 namespace {
 
-// A screen whose pixels encode their position (red x, green y), so crops show on the wire.
 ImagePtr screen(int width, int height) {
-  Image image(width, height);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      std::uint8_t* p = image.row(y) + x * 4;
-      p[0] = static_cast<std::uint8_t>(x);
-      p[1] = static_cast<std::uint8_t>(y);
-      p[2] = 0x80;
-      p[3] = 0xff;
-    }
-  }
-  return std::make_shared<const Image>(std::move(image));
+  return std::make_shared<const Image>(positionScreen(width, height));
 }
 
 Json resultsWith(const std::string& status, bool isNew) {

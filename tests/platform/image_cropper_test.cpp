@@ -2,18 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include "support/test_images.h"
+
 namespace lumo::test {
 namespace {
 
 ImagePtr numbered(int width, int height) {
-  Image image(width, height);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      image.row(y)[x * 4] = static_cast<std::uint8_t>(x);
-      image.row(y)[x * 4 + 1] = static_cast<std::uint8_t>(y);
-    }
-  }
-  return std::make_shared<const Image>(std::move(image));
+  return std::make_shared<const Image>(positionScreen(width, height));
 }
 
 TEST(PixelCropper, CopiesTheRowsOfTheClippedRectangle) {
