@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
-#include <libpq-fe.h>
 #include <netinet/in.h>
 #include <pwd.h>
 #include <signal.h>
@@ -109,21 +108,6 @@ int run(const std::vector<std::string>& argv, const std::optional<Account>& acco
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
 }
 
-std::string percentEncoded(const std::string& text) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  for (const unsigned char c : text) {
-    if (std::isalnum(c) || c == '-' || c == '_' || c == '.') {
-      out += static_cast<char>(c);
-    } else {
-      out += '%';
-      out += kHex[c >> 4];
-      out += kHex[c & 15];
-    }
-  }
-  return out;
-}
-
 constexpr const char* kUser = "lumo";
 constexpr const char* kPrefix = "lumo-pg-";
 
@@ -154,8 +138,9 @@ void removeOrphans(const std::filesystem::path& binDir, const std::optional<Acco
 std::optional<std::filesystem::path> PostgresCluster::findBinDir() {
   auto complete = [](const std::filesystem::path& dir) {
     std::error_code ec;
-    return std::filesystem::exists(dir / "initdb", ec) &&
-           std::filesystem::exists(dir / "pg_ctl", ec);
+    return std::ranges::all_of(
+        std::initializer_list<const char*>{"initdb", "pg_ctl", "createdb"},
+        [&](const char* program) { return std::filesystem::exists(dir / program, ec); });
   };
   if (const char* configured = std::getenv("LUMO_POSTGRES_BIN")) {
     return complete(configured) ? std::optional<std::filesystem::path>(configured) : std::nullopt;
@@ -260,41 +245,27 @@ PostgresCluster::~PostgresCluster() {
 }
 
 std::string PostgresCluster::url(const std::string& database) const {
-  return fmt::format("postgresql://{}@127.0.0.1:{}/{}", kUser, port_, percentEncoded(database));
+  return fmt::format("postgresql://{}@127.0.0.1:{}/{}", kUser, port_, database);
 }
 
 std::string PostgresCluster::database(const std::string& name) {
+  const bool plain = !name.empty() && std::ranges::all_of(name, [](unsigned char c) {
+    return std::isalnum(c) || c == '-' || c == '_';
+  });
+  if (!plain) {
+    throw std::invalid_argument("a test database name of letters, digits, - and _: " + name);
+  }
   // Serialised: CREATE DATABASE copies a template that must have no other users.
   static std::mutex creating;
   std::lock_guard lock(creating);
-  PGconn* conn = PQconnectdb(url("postgres").c_str());
-  auto check = [&](PGresult* result) {
-    const bool ok =
-        PQresultStatus(result) == PGRES_TUPLES_OK || PQresultStatus(result) == PGRES_COMMAND_OK;
-    const std::string message = PQerrorMessage(conn);
-    const int rows = ok ? PQntuples(result) : 0;
-    PQclear(result);
-    if (!ok) {
-      PQfinish(conn);
-      throw std::runtime_error("cannot create database " + name + ": " + message);
-    }
-    return rows;
-  };
-  if (PQstatus(conn) != CONNECTION_OK) {
-    const std::string message = PQerrorMessage(conn);
-    PQfinish(conn);
-    throw std::runtime_error("cannot connect to the test cluster: " + message);
+  if (created_.insert(name).second &&
+      run({(binDir_ / "createdb").string(), "-h", "127.0.0.1", "-p", std::to_string(port_), "-U",
+           kUser, name},
+          unprivilegedAccount(), root_, root_ / "server.log") != 0) {
+    created_.erase(name);
+    throw std::runtime_error("cannot create test database " + name + ":\n" +
+                             readFile(root_ / "server.log"));
   }
-  const char* values[] = {name.c_str()};
-  if (check(PQexecParams(conn, "SELECT 1 FROM pg_database WHERE datname = $1", 1, nullptr, values,
-                         nullptr, nullptr, 0)) == 0) {
-    // A name cannot be a parameter; quoting makes any text a valid one.
-    char* quoted = PQescapeIdentifier(conn, name.c_str(), name.size());
-    const std::string sql = std::string("CREATE DATABASE ") + quoted;
-    PQfreemem(quoted);
-    check(PQexec(conn, sql.c_str()));
-  }
-  PQfinish(conn);
   return url(name);
 }
 

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 namespace lumo::test {
@@ -36,8 +37,8 @@ class PostgresCluster {
   static PostgresCluster* shared();
   static std::string skipReason();
 
-  // A URL for database `name`, created empty on first use. `name` is any text; the same
-  // name gives the same database.
+  // A URL for database `name` (letters, digits, '-' and '_'), created empty on first use; the
+  // same name gives the same database. Thread-safe.
   std::string database(const std::string& name);
 
   int port() const { return port_; }
@@ -53,6 +54,7 @@ class PostgresCluster {
   double startSeconds_ = 0;
   int ownerPid_ = 0;
   bool running_ = false;
+  std::set<std::string> created_;
 };
 
 }  // namespace lumo::test
