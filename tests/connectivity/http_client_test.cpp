@@ -9,6 +9,7 @@
 
 #include "platform/expectation.h"
 #include "platform/waiter.h"
+#include "support/await_reply.h"
 #include "support/test_server.h"
 
 namespace lumo::test {
@@ -16,12 +17,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// What one completion handler received, and on which thread.
-struct Outcome {
-  std::optional<HttpResponse> response;
-  std::optional<Error> error;
-  std::thread::id thread;
-};
+using Outcome = Reply<std::optional<HttpResponse>>;
 
 HttpRequest request(std::string url, std::string method = "GET") {
   HttpRequest request;
@@ -30,18 +26,9 @@ HttpRequest request(std::string url, std::string method = "GET") {
   return request;
 }
 
-// Sends through `client` and waits (bounded) for the handler.
 Outcome call(HttpClient& client, HttpRequest request) {
-  auto done = std::make_shared<Expectation>();
-  auto outcome = std::make_shared<Outcome>();
-  client.send(std::move(request),
-              [done, outcome](std::optional<HttpResponse> response, std::optional<Error> error) {
-                *outcome = {std::move(response), std::move(error), std::this_thread::get_id()};
-                done->fulfill();
-              });
-  EXPECT_EQ(Waiter::waitForExpectations({done}, 10s), WaiterResult::Completed);
-  EXPECT_NE(outcome->thread, std::this_thread::get_id()) << "handlers run on the worker";
-  return *outcome;
+  return awaitReply<std::optional<HttpResponse>>(
+      [&](auto handler) { client.send(std::move(request), std::move(handler)); });
 }
 
 using HttpClientTest = TestServerFixture;
@@ -52,10 +39,10 @@ TEST_F(HttpClientTest, HandlersRunOnOneWorkerAndRequestsShareOneConnection) {
   server_.enqueue({.status = 201, .body = R"({"id":"7"})"});
   HttpClient client;
   const Outcome outcome = call(client, request(server_.baseURL() + "/a?k=v"));
-  ASSERT_TRUE(outcome.response);
+  ASSERT_TRUE(outcome.value);
   EXPECT_FALSE(outcome.error);
-  EXPECT_EQ(outcome.response->statusCode, 201);
-  EXPECT_EQ(outcome.response->body, R"({"id":"7"})");
+  EXPECT_EQ(outcome.value->statusCode, 201);
+  EXPECT_EQ(outcome.value->body, R"({"id":"7"})");
   std::set<std::thread::id> threads{outcome.thread};
   for (int i = 0; i < 2; ++i) {
     threads.insert(call(client, request(server_.baseURL() + "/r")).thread);

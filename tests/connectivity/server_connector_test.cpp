@@ -9,8 +9,7 @@
 
 #include "connectivity/http_client.h"
 #include "lumo/internal_inconsistency_exception.h"
-#include "platform/expectation.h"
-#include "platform/waiter.h"
+#include "support/await_reply.h"
 #include "support/log_capture.h"
 #include "support/scoped_env.h"
 #include "support/test_server.h"
@@ -22,28 +21,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Pair;
 using namespace std::chrono_literals;
-
-// What one completion handler received.
-template <typename Record>
-struct Reply {
-  std::shared_ptr<Record> record;
-  std::optional<Error> error;
-  std::thread::id thread;
-};
-
-// Makes one call through `send`, which gets the handler, and waits (bounded) for its reply.
-template <typename Record, typename Send>
-Reply<Record> await(Send send) {
-  auto done = std::make_shared<Expectation>();
-  auto reply = std::make_shared<Reply<Record>>();
-  send([done, reply](std::shared_ptr<Record> record, std::optional<Error> error) {
-    *reply = {std::move(record), std::move(error), std::this_thread::get_id()};
-    done->fulfill();
-  });
-  EXPECT_EQ(Waiter::waitForExpectations({done}, 10s), WaiterResult::Completed);
-  EXPECT_NE(reply->thread, std::this_thread::get_id()) << "handlers run on the worker";
-  return *reply;
-}
 
 SessionStartInfo startInfo() {
   SessionStartInfo info;
@@ -64,20 +41,20 @@ std::shared_ptr<RunningSession> session(const std::string& id = "s-1") {
   return std::make_shared<RunningSession>(Json{{"id", id}, {"url", "https://results/" + id}});
 }
 
-Reply<RunningSession> start(ServerConnector& connector,
-                            const SessionStartInfo& info = startInfo()) {
-  return await<RunningSession>(
+Reply<std::shared_ptr<RunningSession>> start(ServerConnector& connector,
+                                             const SessionStartInfo& info = startInfo()) {
+  return awaitReply<std::shared_ptr<RunningSession>>(
       [&](auto handler) { connector.startSessionWithInfo(info, handler); });
 }
 
-Reply<MatchResult> match(ServerConnector& connector) {
-  return await<MatchResult>(
+Reply<std::shared_ptr<MatchResult>> match(ServerConnector& connector) {
+  return awaitReply<std::shared_ptr<MatchResult>>(
       [&](auto handler) { connector.matchWindowForSession(session(), matchData(), handler); });
 }
 
-Reply<TestResults> stop(ServerConnector& connector, bool aborted = false, bool save = false,
-                        const std::string& id = "s-1") {
-  return await<TestResults>(
+Reply<std::shared_ptr<TestResults>> stop(ServerConnector& connector, bool aborted = false,
+                                         bool save = false, const std::string& id = "s-1") {
+  return awaitReply<std::shared_ptr<TestResults>>(
       [&](auto handler) { connector.stopSession(*session(id), aborted, save, handler); });
 }
 
@@ -105,10 +82,10 @@ class ServerConnectorTest : public TestServerFixture {
 TEST_F(ServerConnectorTest, StartSessionPostsTheStartRecordUnderStartInfo) {
   server_.enqueue({.status = 201, .body = R"({"id":"s-9","url":"https://r/s-9","extra":1})"});
   const SessionStartInfo info = startInfo();
-  const Reply<RunningSession> reply = start(*connector_, info);
-  ASSERT_TRUE(reply.record);
+  const Reply<std::shared_ptr<RunningSession>> reply = start(*connector_, info);
+  ASSERT_TRUE(reply.value);
   EXPECT_FALSE(reply.error);
-  EXPECT_TRUE(reply.record->isNewSession());
+  EXPECT_TRUE(reply.value->isNewSession());
   const RecordedRequest sent = server_.requests().at(0);
   EXPECT_EQ(requestLine(sent), "POST /api/sessions/running.json?apiKey=key");
   EXPECT_EQ(sent.body, Json({{"startInfo", info.dictionary()}}).dump());
@@ -121,8 +98,8 @@ TEST_F(ServerConnectorTest, StartSessionPostsTheStartRecordUnderStartInfo) {
 TEST_F(ServerConnectorTest, MatchWindowPostsTheMatchDataAsTheWholeBody) {
   server_.enqueue({.body = R"({"asExpected":true})"});
   LogCapture log;
-  const Reply<MatchResult> reply = match(*connector_);
-  EXPECT_TRUE(reply.record && reply.record->asExpected());
+  const Reply<std::shared_ptr<MatchResult>> reply = match(*connector_);
+  EXPECT_TRUE(reply.value && reply.value->asExpected());
   const RecordedRequest sent = server_.requests().at(0);
   EXPECT_EQ(requestLine(sent), "POST /api/sessions/running/s-1.json?apiKey=key");
   EXPECT_EQ(sent.body, matchData()->dictionary().dump());
@@ -172,13 +149,13 @@ TEST_F(ServerConnectorTest, OnlyJsonObjectsGiveARecordWhateverTheStatus) {
     const auto started = start(*connector_);
     const auto matched = match(*connector_);
     const auto stopped = stop(*connector_);
-    EXPECT_FALSE(started.record || started.error || matched.record || matched.error ||
-                 stopped.record || stopped.error)
+    EXPECT_FALSE(started.value || started.error || matched.value || matched.error ||
+                 stopped.value || stopped.error)
         << body;
   }
   server_.enqueue({.status = 404, .body = R"({"asExpected":true})"});
   const auto matched = match(*connector_);
-  EXPECT_TRUE(matched.record && matched.record->asExpected());
+  EXPECT_TRUE(matched.value && matched.value->asExpected());
 }
 
 TEST_F(ServerConnectorTest, AnEmptyStoredKeyFallsBackToTheEnvironmentOnEveryCall) {
@@ -206,7 +183,7 @@ TEST_F(ServerConnectorTest, TheServerUrlIsUsedAsItsTextAndQueryValuesAreNotEncod
 TEST_F(ServerConnectorTest, AUrlThatCannotBeBuiltFailsThroughTheHandlerWithoutSending) {
   connector_->setApiKey("key with blank");
   const auto started = start(*connector_);
-  EXPECT_FALSE(started.record);
+  EXPECT_FALSE(started.value);
   ASSERT_TRUE(started.error);
   EXPECT_THAT(started.error->localizedDescription(), HasSubstr("cannot appear in a URL"));
   EXPECT_TRUE(server_.requests().empty());
@@ -221,7 +198,7 @@ TEST_F(ServerConnectorTest, TransportFailuresAndTimeOutsReachTheHandler) {
 
   server_.enqueue({.dropConnection = true});
   const auto matched = match(*connector_);
-  EXPECT_TRUE(matched.error && !matched.record);
+  EXPECT_TRUE(matched.error && !matched.value);
 
   EXPECT_EQ(connector_->timeout(), 60);
   EXPECT_EQ(connector_->requestTimeoutInterval(), 60s);
@@ -234,8 +211,8 @@ TEST_F(ServerConnectorTest, TransportFailuresAndTimeOutsReachTheHandler) {
 
 TEST_F(ServerConnectorTest, SeveralCallsAreInFlightAtOnceAndEmptyHandlersAreAllowed) {
   server_.hold();
-  std::thread starting([&] { EXPECT_TRUE(start(*connector_).record); });
-  std::thread matching([&] { EXPECT_TRUE(match(*connector_).record); });
+  std::thread starting([&] { EXPECT_TRUE(start(*connector_).value); });
+  std::thread matching([&] { EXPECT_TRUE(match(*connector_).value); });
   connector_->stopSession(*session(), false, false, {});
   EXPECT_TRUE(server_.waitForRequests(3, 10s));
   server_.release();
@@ -248,8 +225,8 @@ using ServerConnectorTlsTest = HttpsTestServerFixture;
 TEST_F(ServerConnectorTlsTest, TalksToAServerWithASelfSignedCertificate) {
   server_.enqueue({.status = 201, .body = R"({"id":"tls"})"});
   const auto reply = start(*ServerConnector::connectorWithServerURL(server_.baseURL(), "key"));
-  ASSERT_TRUE(reply.record) << reply.error->localizedDescription();
-  EXPECT_EQ(reply.record->sessionId(), "tls");
+  ASSERT_TRUE(reply.value) << reply.error->localizedDescription();
+  EXPECT_EQ(reply.value->sessionId(), "tls");
 }
 
 }  // namespace
