@@ -124,7 +124,10 @@ int main() {
   const CompareSettings strict;
   const float maxDelta = lumo::server::detail::maxDeltaFor(comparer.options().colourThreshold);
   Figures full;
-  for (const auto& [name, current] : pairs) {
+  for (const auto& pair : pairs) {
+    // Not a structured binding: the lambdas below capture `current`, which clang 14 refuses.
+    const char* name = pair.first;
+    const Image& current = pair.second;
     const std::filesystem::path file = dir / (std::string(name) + ".png");
     writePng(file, current);
     Figures f;

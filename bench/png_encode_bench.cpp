@@ -93,27 +93,27 @@ std::vector<std::uint8_t> libpngDefault(const Image& image) {
 
 std::size_t ours(const Image& image) { return lumo::base64Encode(lumo::encodePng(image)).size(); }
 
-void BM_LibpngDefault(benchmark::State& state) {
+void libpngDefault(benchmark::State& state) {
   for (auto _ : state) {
     benchmark::DoNotOptimize(libpngDefault(appScreen()));
   }
 }
-BENCHMARK(BM_LibpngDefault)->Unit(benchmark::kMillisecond);
+BENCHMARK(libpngDefault)->Unit(benchmark::kMillisecond);
 
-void BM_EncodePngAndBase64(benchmark::State& state) {
+void encodePngAndBase64(benchmark::State& state) {
   for (auto _ : state) {
     benchmark::DoNotOptimize(ours(appScreen()));
   }
 }
-BENCHMARK(BM_EncodePngAndBase64)->Unit(benchmark::kMillisecond);
+BENCHMARK(encodePngAndBase64)->Unit(benchmark::kMillisecond);
 
-void BM_DownscaleByThree(benchmark::State& state) {
+void downscaleByThree(benchmark::State& state) {
   auto image = std::make_shared<const Image>(appScreen());
   for (auto _ : state) {
     benchmark::DoNotOptimize(lumo::ScaledScreenshot::areaAverage(image, 3));
   }
 }
-BENCHMARK(BM_DownscaleByThree)->Unit(benchmark::kMillisecond);
+BENCHMARK(downscaleByThree)->Unit(benchmark::kMillisecond);
 
 template <typename F>
 double medianSeconds(F&& run, int rounds = 7) {

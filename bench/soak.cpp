@@ -636,7 +636,7 @@ class FailureLog {
             reason.remove_prefix(failed + 9);
           }
           // "after 16 ms" and "after 0 ms" are the same failure.
-          const std::string text = std::regex_replace(std::string(reason), kMilliseconds, "N ms");
+          const std::string text = std::regex_replace(std::string(reason), milliseconds_, "N ms");
           std::lock_guard lock(mutex_);
           ++counts_[std::string(prefix) + text];
         }
@@ -653,7 +653,7 @@ class FailureLog {
   }
 
  private:
-  const std::regex kMilliseconds{"[0-9]+ ms"};
+  const std::regex milliseconds_{"[0-9]+ ms"};
   mutable std::mutex mutex_;
   std::map<std::string, int> counts_;
 };

@@ -191,11 +191,15 @@ CheckOptions CheckCommand::options() const {
     if (equals != std::string::npos && !std::filesystem::is_regular_file(file, ec)) {
       file = item.substr(0, equals);
       tag = item.substr(equals + 1);
-      if (tag.empty()) throw UsageError(fmt::format("\"{}\": the tag after \"=\" is empty", item));
+      if (tag.empty()) {
+        throw UsageError(fmt::format("\"{}\": the tag after \"=\" is empty", item));
+      }
     } else {
       tag = file.stem().string();
     }
-    if (file.empty()) throw UsageError(fmt::format("\"{}\": no file before \"=\"", item));
+    if (file.empty()) {
+      throw UsageError(fmt::format("\"{}\": no file before \"=\"", item));
+    }
     o.checkpoints.push_back({tag, file, nullptr});
   }
   return o;

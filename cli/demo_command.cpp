@@ -53,7 +53,9 @@ class TemporaryDirectory {
 class QuietLog {
  public:
   explicit QuietLog(bool verbose) : active_(!verbose) {
-    if (active_) previous_ = setSystemLogSink([](std::string_view) {});
+    if (active_) {
+      previous_ = setSystemLogSink([](std::string_view) {});
+    }
   }
   ~QuietLog() {
     if (active_) {

@@ -102,7 +102,9 @@ ImagePtr inbox() {
     c.circle(44, top + 35, 22, row % 3 == 0 ? kBrand : kMutedText);
     c.text(80, top + 18, 140 + (row * 37) % 80);
     c.text(80, top + 40, 200 - (row * 23) % 70, kMutedText);
-    if (row < 2) c.circle(kWidth - 28, top + 24, 6, kBrand);  // unread
+    if (row < 2) {  // unread
+      c.circle(kWidth - 28, top + 24, 6, kBrand);
+    }
   }
   return c.done();
 }

@@ -24,10 +24,10 @@ constexpr std::uint8_t kNotData = 0x80;  // CR, LF, '=' and anything not base64
 constexpr std::array<std::uint8_t, 256> kBase64Values = [] {
   std::array<std::uint8_t, 256> values{};
   values.fill(kNotData);
-  constexpr std::string_view alphabet =
+  constexpr std::string_view kAlphabet =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  for (std::size_t i = 0; i < alphabet.size(); ++i) {
-    values[static_cast<unsigned char>(alphabet[i])] = static_cast<std::uint8_t>(i);
+  for (std::size_t i = 0; i < kAlphabet.size(); ++i) {
+    values[static_cast<unsigned char>(kAlphabet[i])] = static_cast<std::uint8_t>(i);
   }
   return values;
 }();

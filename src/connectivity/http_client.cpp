@@ -76,7 +76,9 @@ std::optional<Error> checkURL(const std::string& url) {
       wellFormed && (std::string_view(scheme) == "http" || std::string_view(scheme) == "https");
   curl_free(scheme);
   curl_url_cleanup(parsed);
-  if (!wellFormed) return curlError(CURLE_URL_MALFORMAT, fmt::format("cannot parse \"{}\"", url));
+  if (!wellFormed) {
+    return curlError(CURLE_URL_MALFORMAT, fmt::format("cannot parse \"{}\"", url));
+  }
   if (!web) {
     return curlError(CURLE_UNSUPPORTED_PROTOCOL, "only http and https URLs are served");
   }

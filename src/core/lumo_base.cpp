@@ -131,7 +131,9 @@ std::string LumoBase::getBaseAgentId() const {
 }
 
 std::string LumoBase::getFullAgentId() const {
-  if (agentId_) return fmt::format("{} [{}]", *agentId_, getBaseAgentId());
+  if (agentId_) {
+    return fmt::format("{} [{}]", *agentId_, getBaseAgentId());
+  }
   return getBaseAgentId();
 }
 
@@ -326,7 +328,9 @@ void LumoBase::ensureRunningSession() {
   Logger::log("No running session, calling start session..");
   auto call = std::make_shared<detail::PendingCall>("Start session expectation");
   startSessionCall(call, [](std::optional<Error> error) {
-    if (error) Logger::logWithFormat("Failed to start session: {}", error->localizedDescription());
+    if (error) {
+      Logger::logWithFormat("Failed to start session: {}", error->localizedDescription());
+    }
   });
   if (!call->wait(shared_->mutex, waitPolicy_->serverAnswerSeconds())) {
     throw TestFailedException(kTimeOutReason);

@@ -96,7 +96,9 @@ std::vector<std::uint8_t> base64Decode(std::string_view text) {
       }
       quad = 0;
       count = 0;
-      if (padding > 0) padding = 3;  // nothing may follow a padded group
+      if (padding > 0) {  // nothing may follow a padded group
+        padding = 3;
+      }
     }
   }
   if (count != 0) {

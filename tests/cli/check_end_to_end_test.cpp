@@ -123,7 +123,9 @@ TEST(CheckUnreachable, SilentServerIsExitFourAfterTheBound) {
 TEST(CheckVerdict, StopAnswerThatIsNoObjectIsExitFour) {
   TestServer server;
   server.setHandler([&](const RecordedRequest& request) {
-    if (request.method == "DELETE") return ScriptedResponse{200, "[]"};
+    if (request.method == "DELETE") {
+      return ScriptedResponse{200, "[]"};
+    }
     if (request.path == "/api/sessions/running.json") {
       return ScriptedResponse{200, R"({"id":"s1","url":"http://results/s1"})"};
     }

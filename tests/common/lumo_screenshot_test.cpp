@@ -67,7 +67,8 @@ TEST(LumoScreenshot, CutsTheStatusBarWithoutCheckingIt) {
     ScaledScreenshot shot(filled(100, c.height));
     shot.cropStatusBarWithHeight(c.bar, c.scale);
     ASSERT_TRUE(shot.image());
-    EXPECT_EQ(shot.image()->empty() ? Size() : shot.size(), c.left ? Size(100, c.left) : Size());
+    const Size expected = c.left ? Size{100, c.left} : Size();
+    EXPECT_EQ(shot.image()->empty() ? Size() : shot.size(), expected);
   }
 }
 

@@ -16,16 +16,16 @@ class PagesInBrowser : public ServerTest {
  protected:
   static void SetUpTestSuite() {
     try {
-      browser_.emplace();
+      sharedBrowser.emplace();
     } catch (const BrowserUnavailable& e) {
-      unavailable_ = e.what();
+      unavailableReason = e.what();
     }
   }
-  static void TearDownTestSuite() { browser_.reset(); }
+  static void TearDownTestSuite() { sharedBrowser.reset(); }
 
   void SetUp() override {
-    if (!browser_) {
-      GTEST_SKIP() << "Chromium cannot start here, page tests skipped: " << unavailable_;
+    if (!sharedBrowser) {
+      GTEST_SKIP() << "Chromium cannot start here, page tests skipped: " << unavailableReason;
     }
     ServerTest::SetUp();
   }
@@ -36,7 +36,7 @@ class PagesInBrowser : public ServerTest {
   static bool eventually(const std::string& expression) {
     for (int attempt = 0; attempt < 400; ++attempt) {
       try {
-        if (browser_->waitFor(expression)) {
+        if (sharedBrowser->waitFor(expression)) {
           return true;
         }
       } catch (const std::runtime_error&) {
@@ -47,8 +47,8 @@ class PagesInBrowser : public ServerTest {
     return false;
   }
 
-  static inline std::optional<HeadlessBrowser> browser_;
-  static inline std::string unavailable_;
+  static inline std::optional<HeadlessBrowser> sharedBrowser;
+  static inline std::string unavailableReason;
 };
 
 constexpr const char* kAllImagesLoaded =
@@ -68,8 +68,8 @@ TEST_F(PagesInBrowser, AReviewerFindsTheChangeOverlaysItAndApprovesWithTheKeyboa
   execSql(dir_.path(),
           "UPDATE steps SET boxes = "
           "'[{\"left\":20,\"top\":60,\"width\":160,\"height\":12},[1,2,3,4]]'");
-  browser_->navigate(page("/sessions/" + second));
-  ASSERT_TRUE(browser_->waitFor(kAllImagesLoaded));
+  sharedBrowser->navigate(page("/sessions/" + second));
+  ASSERT_TRUE(sharedBrowser->waitFor(kAllImagesLoaded));
   // Each action (a key when it is one character, else a script) and what the page then shows.
   const std::pair<const char*, const char*> steps[] = {
       // Each box is drawn over every frame (three side by side, one overlay).
@@ -88,13 +88,13 @@ TEST_F(PagesInBrowser, AReviewerFindsTheChangeOverlaysItAndApprovesWithTheKeyboa
   };
   for (const auto& [action, shown] : steps) {
     if (std::strlen(action) == 1) {
-      browser_->pressKey(action);
+      sharedBrowser->pressKey(action);
     } else if (*action) {
-      browser_->evaluate(action);
+      sharedBrowser->evaluate(action);
     }
-    EXPECT_TRUE(browser_->waitFor(shown)) << action << " => " << shown;
+    EXPECT_TRUE(sharedBrowser->waitFor(shown)) << action << " => " << shown;
   }
-  browser_->pressKey("a");
+  sharedBrowser->pressKey("a");
   ASSERT_TRUE(eventually("document.body.innerText.includes('saved as baseline')"));
 
   // The API sees the approval: the changed screen is now the baseline.

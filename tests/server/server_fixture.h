@@ -23,6 +23,7 @@
 namespace lumo {
 
 // Rectangles in failure messages, found by argument-dependent lookup.
+// NOLINTNEXTLINE(readability-identifier-naming): GoogleTest looks for this spelling.
 inline void PrintTo(const Rect& r, std::ostream* out) { *out << toString(r); }
 
 }  // namespace lumo

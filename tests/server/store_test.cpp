@@ -34,7 +34,8 @@ struct Backend {
   bool needsCluster = false;
 };
 
-// ctest lists each case by its backend's name rather than its bytes.
+// ctest lists each case by its backend's name rather than its bytes (GoogleTest's spelling).
+// NOLINTNEXTLINE(readability-identifier-naming)
 void PrintTo(const Backend& backend, std::ostream* out) { *out << backend.name; }
 
 const Backend kSqlite{
