@@ -12,7 +12,7 @@
 namespace lumo::cli {
 namespace {
 
-bool isWebURL(std::string_view url) {
+bool isWebUrl(std::string_view url) {
   for (const std::string_view scheme : {"http://", "https://"}) {
     if (url.size() > scheme.size() && url.substr(0, scheme.size()) == scheme) {
       return true;
@@ -84,7 +84,7 @@ CheckOptions CheckCommand::options() const {
   };
 
   CheckOptions o;
-  if (!isWebURL(server_)) {
+  if (!isWebUrl(server_)) {
     throw UsageError(
         fmt::format("--server: expected an http:// or https:// URL, got \"{}\"", server_));
   }

@@ -55,7 +55,7 @@ Error transferError(const HttpRequest& request, CURLcode code, const char* error
 // curl accepts some text that is not a URL (blanks, bytes beyond ASCII) and would send it as
 // it stands, so the characters are checked first: only those RFC 3986 allows, and "%" only
 // as the start of an escape.
-std::optional<Error> checkURL(const std::string& url) {
+std::optional<Error> checkUrl(const std::string& url) {
   constexpr std::string_view kAllowed =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~:/?#[]@!$&'()*+,;=%";
   for (std::size_t i = 0; i < url.size(); ++i) {
@@ -116,7 +116,7 @@ void HttpRequest::setValue(std::string value, std::string_view field) {
   }
 }
 
-std::optional<std::string> HttpRequest::valueForHTTPHeaderField(std::string_view field) const {
+std::optional<std::string> HttpRequest::valueForHttpHeaderField(std::string_view field) const {
   const auto it = std::ranges::find_if(
       headers, [&](const Header& header) { return equalsIgnoringCase(header.first, field); });
   if (it == headers.end()) {
@@ -141,7 +141,7 @@ struct Transfer {
 // Sets up the easy handle of `transfer`; an error means the request cannot be sent at all.
 std::optional<Error> prepare(Transfer& transfer, std::vector<CURL*>& spare) {
   const HttpRequest& request = transfer.request;
-  if (auto error = checkURL(request.url)) {
+  if (auto error = checkUrl(request.url)) {
     return error;
   }
   if (auto error = checkHeaders(request.headers)) {

@@ -32,7 +32,7 @@ struct HttpRequest {
   // or appends the header when the request has none of that name.
   void setValue(std::string value, std::string_view field);
   // The value of the header `field` (case-insensitive), or nullopt.
-  std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const;
+  std::optional<std::string> valueForHttpHeaderField(std::string_view field) const;
 };
 
 // What the server answered: any status, with the raw body.

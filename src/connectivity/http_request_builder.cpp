@@ -40,7 +40,7 @@ HttpRequest HTTPRequestBuilder::requestWithURL(std::string url, const std::optio
   return makeRequest(std::move(url), std::move(body), std::move(httpMethod), timeoutInterval);
 }
 
-HttpRequest HTTPRequestBuilder::requestWithJSONText(std::string url, std::string jsonText,
+HttpRequest HTTPRequestBuilder::requestWithJsonText(std::string url, std::string jsonText,
                                                     std::string httpMethod,
                                                     std::chrono::milliseconds timeoutInterval) {
   return makeRequest(std::move(url), std::move(jsonText), std::move(httpMethod), timeoutInterval);

@@ -20,7 +20,7 @@ class HTTPRequestBuilder {
                                     std::string httpMethod,
                                     std::chrono::milliseconds timeoutInterval);
   // The same with the body already written as JSON text, which is sent as it stands.
-  static HttpRequest requestWithJSONText(std::string url, std::string jsonText,
+  static HttpRequest requestWithJsonText(std::string url, std::string jsonText,
                                          std::string httpMethod,
                                          std::chrono::milliseconds timeoutInterval);
 };

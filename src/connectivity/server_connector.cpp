@@ -123,7 +123,7 @@ void ServerConnector::matchWindowForSession(const std::shared_ptr<RunningSession
     // Text that is not UTF-8 cannot be JSON; the request goes out with an empty body, as the
     // builder sends any dictionary that cannot be serialised.
   }
-  urlSession_->send(HTTPRequestBuilder::requestWithJSONText(url, std::move(body), "POST",
+  urlSession_->send(HTTPRequestBuilder::requestWithJsonText(url, std::move(body), "POST",
                                                             requestTimeoutInterval_),
                     answerTo(std::move(completionHandler)));
 }

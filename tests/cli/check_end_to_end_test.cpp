@@ -81,11 +81,11 @@ TEST(CheckUnreachable, RefusedConnectionIsExitFourWithTheReasonAndItsReport) {
   TempDir files;
   const auto image = writePng(files.path() / "home.png", markedScreen(20, 20, 50));
   RefusingPort refusing;
-  const auto outcome = runLumo({"check", "--server", refusing.baseURL(), "--app", "Shop", "--test",
+  const auto outcome = runLumo({"check", "--server", refusing.baseUrl(), "--app", "Shop", "--test",
                                 "Home", "--api-key", "key", "--report",
                                 (files.path() / "down.json").string(), image.string()});
   EXPECT_EQ(outcome.status, kExitUnreachable);
-  EXPECT_THAT(outcome.err, HasSubstr("cannot reach the server at " + refusing.baseURL() + ": "));
+  EXPECT_THAT(outcome.err, HasSubstr("cannot reach the server at " + refusing.baseUrl() + ": "));
   EXPECT_EQ(lineCount(outcome.err), 1u) << outcome.err;
   const Json report = Json::parse(readFile(files.path() / "down.json"));
   EXPECT_EQ(report["verdict"], "unreachable");
@@ -112,7 +112,7 @@ TEST(CheckUnreachable, SilentServerIsExitFourAfterTheBound) {
   server.start();
   server.hold();
   std::ostringstream out, err;
-  EXPECT_EQ(checkInMemory(server.baseURL(), out, err), kExitUnreachable);
+  EXPECT_EQ(checkInMemory(server.baseUrl(), out, err), kExitUnreachable);
   EXPECT_THAT(err.str(), HasSubstr("did not answer in time"));
   EXPECT_EQ(server.requests().size(), 1u);
   server.stop();
@@ -133,7 +133,7 @@ TEST(CheckVerdict, StopAnswerThatIsNoObjectIsExitFour) {
   });
   server.start();
   std::ostringstream out, err;
-  EXPECT_EQ(checkInMemory(server.baseURL(), out, err), kExitUnreachable);
+  EXPECT_EQ(checkInMemory(server.baseUrl(), out, err), kExitUnreachable);
   EXPECT_THAT(err.str(), HasSubstr("gave no verdict"));
   EXPECT_THAT(out.str(), Not(HasSubstr("Test passed")));
   server.stop();

@@ -23,7 +23,7 @@ class CheckUsage : public TestServerFixture {
   // A valid command line with `extra` inserted before the screenshots (this one by default).
   std::vector<std::string> args(std::vector<std::string> extra,
                                 std::vector<std::string> images = {}) const {
-    std::vector<std::string> a = {"check",  "--server", server_.baseURL(), "--app", "Shop",
+    std::vector<std::string> a = {"check",  "--server", server_.baseUrl(), "--app", "Shop",
                                   "--test", "Home",     "--api-key",       "key"};
     a.insert(a.end(), extra.begin(), extra.end());
     if (images.empty()) {
@@ -58,8 +58,8 @@ TEST_F(CheckUsage, EachBadArgumentIsOneLineAndExitThreeWithNothingSent) {
   expectUsageError({"check", "--server", "localhost:8088", "--app", "Shop", "--test", "Home",
                     "--api-key", "key", image_},
                    "--server");
-  expectUsageError({"check", "--server", server_.baseURL(), "--test", "Home", image_}, "--app");
-  expectUsageError({"check", "--server", server_.baseURL(), "--app", "Shop", "--test", "Home",
+  expectUsageError({"check", "--server", server_.baseUrl(), "--test", "Home", image_}, "--app");
+  expectUsageError({"check", "--server", server_.baseUrl(), "--app", "Shop", "--test", "Home",
                     "--api-key", "key"},
                    "no screenshots");
   expectUsageError({}, "subcommand");
@@ -74,14 +74,14 @@ TEST_F(CheckUsage, UnreadableScreensAreFoundBeforeAnythingIsSent) {
   // 40 x 60 pixels at scale 2 is 20 x 30 points.
   expectUsageError(args({"--scale", "2", "--region", "0,0,20,31"}), "--region 0,0,20,31");
   expectUsageError(args({"--capture", "false"}, {"home"}), "cannot capture");
-  expectUsageError({"check", "--server", server_.baseURL(), "--app", "Shop", "--test", "Home",
+  expectUsageError({"check", "--server", server_.baseUrl(), "--app", "Shop", "--test", "Home",
                     "--api-key", "key", "--capture", "cat " + image_},
                    "TAG");
 }
 
 TEST_F(CheckUsage, ApiKeyDefaultsToTheEnvironment) {
   const std::vector<std::string> keyless = {
-      "check", "--server", server_.baseURL(), "--app", "Shop", "--test", "Home", image_};
+      "check", "--server", server_.baseUrl(), "--app", "Shop", "--test", "Home", image_};
   {
     ScopedEnv unset("BRIXTEL_API_KEY", nullptr);
     expectUsageError(keyless, "BRIXTEL_API_KEY");

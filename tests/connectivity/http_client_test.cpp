@@ -38,14 +38,14 @@ using HttpClientTest = TestServerFixture;
 TEST_F(HttpClientTest, HandlersRunOnOneWorkerAndRequestsShareOneConnection) {
   server_.enqueue({.status = 201, .body = R"({"id":"7"})"});
   HttpClient client;
-  const Outcome outcome = call(client, request(server_.baseURL() + "/a?k=v"));
+  const Outcome outcome = call(client, request(server_.baseUrl() + "/a?k=v"));
   ASSERT_TRUE(outcome.value);
   EXPECT_FALSE(outcome.error);
   EXPECT_EQ(outcome.value->statusCode, 201);
   EXPECT_EQ(outcome.value->body, R"({"id":"7"})");
   std::set<std::thread::id> threads{outcome.thread};
   for (int i = 0; i < 2; ++i) {
-    threads.insert(call(client, request(server_.baseURL() + "/r")).thread);
+    threads.insert(call(client, request(server_.baseUrl() + "/r")).thread);
   }
   EXPECT_EQ(threads.size(), 1u);
   const auto sent = server_.requests();
@@ -55,7 +55,7 @@ TEST_F(HttpClientTest, HandlersRunOnOneWorkerAndRequestsShareOneConnection) {
 
 TEST_F(HttpClientTest, UrlsAndHeadersThatCannotBeSentFailWithoutTouchingTheNetwork) {
   HttpClient client;
-  const std::string base = server_.baseURL();
+  const std::string base = server_.baseUrl();
   for (const std::string& url :
        {base + "/a b", base + "/a\nb", base + "/caf\xC3\xA9", base + "/100%",
         std::string("not a url"), std::string("127.0.0.1/no-scheme"),
@@ -79,7 +79,7 @@ TEST_F(HttpClientTest, DestroyingTheClientFinishesWhatItCanWithinTheGrace) {
   {
     HttpClient client;  // the default grace of 5 s
     for (const char* path : {"/a", "/b", "/c"}) {
-      client.send(request(server_.baseURL() + path),
+      client.send(request(server_.baseUrl() + path),
                   [&](std::optional<HttpResponse> response, std::optional<Error>) {
                     called += response && response->statusCode == 200 ? 1 : 0;
                   });
@@ -95,7 +95,7 @@ TEST_F(HttpClientTest, DestroyingTheClientFinishesWhatItCanWithinTheGrace) {
   const auto start = std::chrono::steady_clock::now();
   {
     HttpClient client(150ms);
-    client.send(request(server_.baseURL() + "/held"),
+    client.send(request(server_.baseUrl() + "/held"),
                 [&](std::optional<HttpResponse>, std::optional<Error>) { heldCalled = true; });
     ASSERT_TRUE(server_.waitForRequests(4, 10s));
   }
@@ -113,8 +113,8 @@ TEST_F(HttpClientTest, HandlersMaySendAgainOrDestroyTheirClient) {
   server_.enqueue({.status = 200});
   server_.enqueue({.status = 202});
   client->send(
-      request(server_.baseURL() + "/one"), [&](std::optional<HttpResponse>, std::optional<Error>) {
-        client->send(request(server_.baseURL() + "/two"),
+      request(server_.baseUrl() + "/one"), [&](std::optional<HttpResponse>, std::optional<Error>) {
+        client->send(request(server_.baseUrl() + "/two"),
                      [&](std::optional<HttpResponse> response, std::optional<Error>) {
                        secondStatus = response ? std::optional(response->statusCode) : std::nullopt;
                        client.reset();

@@ -22,7 +22,7 @@ TEST(HttpRequestBuilder, WithoutUsableParamsTheBodyIsMissingOrEmpty) {
   const HttpRequest bad =
       HTTPRequestBuilder::requestWithURL("h", Json{{"title", "\xFF\xFE not UTF-8"}}, "POST", 60s);
   EXPECT_EQ(bad.body, "");
-  EXPECT_EQ(bad.valueForHTTPHeaderField("content-length"), "0");
+  EXPECT_EQ(bad.valueForHttpHeaderField("content-length"), "0");
 }
 
 }  // namespace

@@ -62,7 +62,7 @@ class ServerConnectorTest : public TestServerFixture {
  protected:
   void SetUp() override {
     TestServerFixture::SetUp();
-    connector_ = ServerConnector::connectorWithServerURL(server_.baseURL(), "key");
+    connector_ = ServerConnector::connectorWithServerURL(server_.baseUrl(), "key");
   }
   // The connector goes first, closing its kept-alive connections so the server stops at once.
   void TearDown() override {
@@ -105,7 +105,7 @@ TEST_F(ServerConnectorTest, MatchWindowPostsTheMatchDataAsTheWholeBody) {
   EXPECT_EQ(sent.body, matchData()->dictionary().dump());
   EXPECT_EQ(sent.header("Content-Length"), std::to_string(sent.body.size()));
   EXPECT_EQ(sent.header("Content-Type"), "application/json");
-  EXPECT_THAT(log.lines(), ElementsAre("[BrixtelLumo] Match window URL: " + server_.baseURL() +
+  EXPECT_THAT(log.lines(), ElementsAre("[BrixtelLumo] Match window URL: " + server_.baseUrl() +
                                        "/api/sessions/running/s-1.json?apiKey=key"));
 }
 
@@ -172,7 +172,7 @@ TEST_F(ServerConnectorTest, AnEmptyStoredKeyFallsBackToTheEnvironmentOnEveryCall
 }
 
 TEST_F(ServerConnectorTest, TheServerUrlIsUsedAsItsTextAndQueryValuesAreNotEncoded) {
-  const auto conn = ServerConnector::connectorWithServerURL(server_.baseURL() + "/", "k+y/=%41");
+  const auto conn = ServerConnector::connectorWithServerURL(server_.baseUrl() + "/", "k+y/=%41");
   stop(*conn, false, false, "id&x=1");
   const RecordedRequest sent = server_.requests().at(0);
   EXPECT_EQ(sent.path, "//api/sessions/running/id&x=1.json");
@@ -191,7 +191,7 @@ TEST_F(ServerConnectorTest, AUrlThatCannotBeBuiltFailsThroughTheHandlerWithoutSe
 
 TEST_F(ServerConnectorTest, TransportFailuresAndTimeOutsReachTheHandler) {
   const RefusingPort refusing;
-  const auto started = start(*ServerConnector::connectorWithServerURL(refusing.baseURL(), "key"));
+  const auto started = start(*ServerConnector::connectorWithServerURL(refusing.baseUrl(), "key"));
   ASSERT_TRUE(started.error);
   EXPECT_EQ(started.error->domain(), HttpClient::kErrorDomain);
   EXPECT_THAT(started.error->localizedDescription(), HasSubstr("Connection refused"));
@@ -224,7 +224,7 @@ using ServerConnectorTlsTest = HttpsTestServerFixture;
 
 TEST_F(ServerConnectorTlsTest, TalksToAServerWithASelfSignedCertificate) {
   server_.enqueue({.status = 201, .body = R"({"id":"tls"})"});
-  const auto reply = start(*ServerConnector::connectorWithServerURL(server_.baseURL(), "key"));
+  const auto reply = start(*ServerConnector::connectorWithServerURL(server_.baseUrl(), "key"));
   ASSERT_TRUE(reply.value) << reply.error->localizedDescription();
   EXPECT_EQ(reply.value->sessionId(), "tls");
 }

@@ -52,7 +52,7 @@ class MatchWindowTaskTest : public TestServerFixture {
       return ScriptedResponse{200, Json{{"asExpected", post >= matchesFrom_}}.dump()};
     });
     task_ = MatchWindowTask::create(
-        ServerConnector::connectorWithServerURL(server_.baseURL(), "key"),
+        ServerConnector::connectorWithServerURL(server_.baseUrl(), "key"),
         std::make_shared<RunningSession>(Json{{"id", "s1"}}), 3, &provider_, policy_);
   }
 

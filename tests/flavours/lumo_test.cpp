@@ -63,7 +63,7 @@ class LumoTest : public TestServerFixture {
 
   std::unique_ptr<Lumo> controller(std::shared_ptr<ScreenshotSource> source,
                                    std::shared_ptr<FastWaitPolicy> policy = nullptr) {
-    auto lumo = std::make_unique<Lumo>(server_.baseURL(), std::move(source));
+    auto lumo = std::make_unique<Lumo>(server_.baseUrl(), std::move(source));
     lumo->setApiKey("key");
     lumo->setWaitPolicy(policy ? policy : policy_);
     return lumo;
@@ -358,7 +358,7 @@ TEST_F(LumoTest, LateAnswersAreStoredAfterTheTimeOut) {
 // at once rather than waiting out a bound nothing can answer.
 TEST(LumoUnreachable, RefusedSessionStartClosesTheTestAndTheCheckFailsAtOnce) {
   RefusingPort refusing;
-  Lumo lumo(refusing.baseURL(),
+  Lumo lumo(refusing.baseUrl(),
             std::make_shared<MemoryScreenshotSource>(std::vector<ImagePtr>{screen(10, 10)}));
   lumo.setApiKey("key");
   lumo.setWaitPolicy(std::make_shared<FastWaitPolicy>(30));

@@ -134,7 +134,7 @@ void TestServer::stop() {
   }
 }
 
-std::string TestServer::baseURL() const {
+std::string TestServer::baseUrl() const {
   return (scheme_ == Scheme::Http ? "http://127.0.0.1:" : "https://127.0.0.1:") +
          std::to_string(port_);
 }

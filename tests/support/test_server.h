@@ -71,7 +71,7 @@ class TestServer {
 
   int port() const { return port_; }
   // "http://127.0.0.1:<port>" or "https://...", without a trailing slash.
-  std::string baseURL() const;
+  std::string baseUrl() const;
   const std::filesystem::path& certificatePath() const { return certificatePath_; }
 
   // Queues an answer; queued answers are used first, in order, one per request.
@@ -117,7 +117,7 @@ class RefusingPort {
 
   int port() const { return port_; }
   // "http://127.0.0.1:<port>".
-  std::string baseURL() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
  private:
   int socket_ = -1;
