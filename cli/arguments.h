@@ -10,7 +10,7 @@
 #include "lumo/match_level.h"
 #include "lumo/region.h"
 
-namespace CLI {
+namespace CLI {  // NOLINT(readability-identifier-naming): CLI11's
 class App;
 }
 

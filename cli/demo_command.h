@@ -4,7 +4,7 @@
 #include <iosfwd>
 #include <string>
 
-namespace CLI {
+namespace CLI {  // NOLINT(readability-identifier-naming): CLI11's
 class App;
 }
 

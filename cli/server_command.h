@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace CLI {
+namespace CLI {  // NOLINT(readability-identifier-naming): CLI11's
 class App;
 }
 namespace lumo::server {

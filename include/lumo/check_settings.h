@@ -122,11 +122,13 @@ class CheckSettings : public CheckSettingsProtocol, public CheckSettingsInternal
   void contentRegion(const Region& region);
   void floatingRegion(const Region& region, std::int64_t maxUpOffset, std::int64_t maxDownOffset,
                       std::int64_t maxRightOffset, std::int64_t maxLeftOffset);
+  // NOLINTBEGIN(readability-identifier-naming): the system spells these names.
   void ignore_(std::shared_ptr<GetRegionProtocol> provider);
   void layout_(std::shared_ptr<GetRegionProtocol> provider);
   void strict_(std::shared_ptr<GetRegionProtocol> provider);
   void content_(std::shared_ptr<GetRegionProtocol> provider);
   void floating_(std::shared_ptr<GetFloatingRegionProtocol> provider);
+  // NOLINTEND(readability-identifier-naming)
 
  private:
   template <typename Change>

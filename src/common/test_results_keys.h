@@ -5,6 +5,7 @@ namespace lumo {
 // The JSON keys of the test-results records, shared by their readers and writers so that a
 // key is spelt in one place. Note RemainderKey: the DefaultMatchSettings field it fills is
 // named `reminder`.
+// NOLINTBEGIN(readability-identifier-naming): the system spells these names.
 inline constexpr char ApiUrlsKey[] = "apiUrls";
 inline constexpr char AppNameKey[] = "appName";
 inline constexpr char AppUrlsKey[] = "appUrls";
@@ -57,5 +58,6 @@ inline constexpr char StrictKey[] = "strict";
 inline constexpr char StrictMatchesKey[] = "strictMatches";
 inline constexpr char TopKey[] = "top";
 inline constexpr char WidthKey[] = "width";
+// NOLINTEND(readability-identifier-naming)
 
 }  // namespace lumo
