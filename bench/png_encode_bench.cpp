@@ -93,27 +93,27 @@ std::vector<std::uint8_t> libpngDefault(const Image& image) {
 
 std::size_t ours(const Image& image) { return lumo::base64Encode(lumo::encodePng(image)).size(); }
 
-void libpngDefault(benchmark::State& state) {
+void benchLibpngDefault(benchmark::State& state) {
   for (auto _ : state) {
     benchmark::DoNotOptimize(libpngDefault(appScreen()));
   }
 }
-BENCHMARK(libpngDefault)->Unit(benchmark::kMillisecond);
+BENCHMARK(benchLibpngDefault)->Unit(benchmark::kMillisecond);
 
-void encodePngAndBase64(benchmark::State& state) {
+void benchEncodePngAndBase64(benchmark::State& state) {
   for (auto _ : state) {
     benchmark::DoNotOptimize(ours(appScreen()));
   }
 }
-BENCHMARK(encodePngAndBase64)->Unit(benchmark::kMillisecond);
+BENCHMARK(benchEncodePngAndBase64)->Unit(benchmark::kMillisecond);
 
-void downscaleByThree(benchmark::State& state) {
+void benchDownscaleByThree(benchmark::State& state) {
   auto image = std::make_shared<const Image>(appScreen());
   for (auto _ : state) {
     benchmark::DoNotOptimize(lumo::ScaledScreenshot::areaAverage(image, 3));
   }
 }
-BENCHMARK(downscaleByThree)->Unit(benchmark::kMillisecond);
+BENCHMARK(benchDownscaleByThree)->Unit(benchmark::kMillisecond);
 
 template <typename F>
 double medianSeconds(F&& run, int rounds = 7) {

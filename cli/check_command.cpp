@@ -208,7 +208,6 @@ int runTest(const CheckOptions& o, std::ostream& out, std::ostream& err, TestRep
   Lumo lumo(o.serverURL, source);
   configure(lumo, o);
   const CheckSettings settings = settingsOf(o);
-  std::optional<std::string> sessionUrl;
   try {
     lumo.open(o.appName, o.testName, viewport);
     // Started before the first checkpoint, so that a server that cannot be reached or will
@@ -229,8 +228,7 @@ int runTest(const CheckOptions& o, std::ostream& out, std::ostream& err, TestRep
                  o.serverURL);
       return kExitUnreachable;
     }
-    sessionUrl = session->url();
-    report.sessionUrl = sessionUrl;
+    report.sessionUrl = session->url();
     for (std::size_t i = 0; i < o.checkpoints.size(); ++i) {
       const std::string& tag = o.checkpoints[i].tag;
       if (checkpointSource) {
@@ -272,7 +270,7 @@ int runTest(const CheckOptions& o, std::ostream& out, std::ostream& err, TestRep
   }
   if (results->status() == TestResultsStatusPassed) {
     fmt::print(out, "Test passed. See details at {}\n",
-               results->url().value_or(sessionUrl.value_or("(null)")));
+               results->url().value_or(report.sessionUrl.value_or("(null)")));
     return kExitPassed;
   }
   fmt::print(out, "{}\n", error.localizedDescription());
