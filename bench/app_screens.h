@@ -10,7 +10,7 @@
 // An app screen drawn with anti-aliasing, as a phone renders one: a status bar, a header on a
 // gradient, list rows with round avatars, two lines of text and hairline separators, a photo
 // card, a text field and a rounded button. The fields of ScreenLook are the changes the
-// comparison tests and benchmarks draw.
+// comparison benchmark draws.
 namespace lumo::test {
 
 struct Rgb {
