@@ -1,14 +1,11 @@
 #include "postgres_cluster.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
-#include <netinet/in.h>
 #include <pwd.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,23 +39,6 @@ std::optional<Account> unprivilegedAccount() {
     }
   }
   throw std::runtime_error("running as root, and neither user postgres nor nobody exists");
-}
-
-int freeLoopbackPort() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    if (fd >= 0) {
-      ::close(fd);
-    }
-    throw std::runtime_error("no free loopback port");
-  }
-  ::close(fd);
-  return ntohs(address.sin_port);
 }
 
 std::string readFile(const std::filesystem::path& path) {
@@ -202,7 +182,6 @@ PostgresCluster::PostgresCluster(const std::filesystem::path& binDir, Options op
     std::filesystem::remove_all(root_);
     throw std::runtime_error("cannot hand " + root_.string() + " to the cluster's user");
   }
-  port_ = freeLoopbackPort();
   const std::filesystem::path data = root_ / "data";
   const std::filesystem::path log = root_ / "server.log";
   auto fail = [&](const std::string& what) {
@@ -215,12 +194,11 @@ PostgresCluster::PostgresCluster(const std::filesystem::path& binDir, Options op
           account, root_, log) != 0) {
     fail("initdb failed");
   }
-  // Sockets only on loopback TCP and in our own directory, not the system's.
-  const std::string serverOptions = fmt::format(
-      "-c listen_addresses=127.0.0.1 -c port={} -c unix_socket_directories={} "
-      "-c max_connections={}{}",
-      port_, root_.string(), options.maxConnections,
-      options.fsync ? "" : " -c fsync=off -c full_page_writes=off");
+  // No TCP at all: one socket in our own directory, so no port is taken or raced for.
+  const std::string serverOptions =
+      fmt::format("-c listen_addresses='' -c unix_socket_directories={} -c max_connections={}{}",
+                  root_.string(), options.maxConnections,
+                  options.fsync ? "" : " -c fsync=off -c full_page_writes=off");
   if (run({(binDir / "pg_ctl").string(), "start", "-w", "-t", "60", "-D", data.string(), "-l",
            log.string(), "-o", serverOptions},
           account, root_, log) != 0) {
@@ -245,7 +223,7 @@ PostgresCluster::~PostgresCluster() {
 }
 
 std::string PostgresCluster::url(const std::string& database) const {
-  return fmt::format("postgresql://{}@127.0.0.1:{}/{}", kUser, port_, database);
+  return fmt::format("postgresql://{}@/{}?host={}", kUser, database, root_.string());
 }
 
 std::string PostgresCluster::database(const std::string& name) {
@@ -259,8 +237,7 @@ std::string PostgresCluster::database(const std::string& name) {
   static std::mutex creating;
   std::lock_guard lock(creating);
   if (created_.insert(name).second &&
-      run({(binDir_ / "createdb").string(), "-h", "127.0.0.1", "-p", std::to_string(port_), "-U",
-           kUser, name},
+      run({(binDir_ / "createdb").string(), "-h", root_.string(), "-U", kUser, name},
           unprivilegedAccount(), root_, root_ / "server.log") != 0) {
     created_.erase(name);
     throw std::runtime_error("cannot create test database " + name + ":\n" +

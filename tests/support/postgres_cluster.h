@@ -9,8 +9,8 @@
 namespace lumo::test {
 
 // A throwaway PostgreSQL cluster from the installed server programs: initdb and pg_ctl on a
-// fresh temporary directory, listening on a free loopback port only, trusting every local
-// connection. Run as root, it runs the server as the unprivileged `postgres` user (which
+// fresh temporary directory, listening on a Unix socket in that directory only, trusting every
+// local connection. Run as root, it runs the server as the unprivileged `postgres` user (which
 // Debian's package creates) or else `nobody`, since PostgreSQL refuses root. Stopped and
 // removed with the object, by the process that started it.
 class PostgresCluster {
@@ -41,7 +41,6 @@ class PostgresCluster {
   // same name gives the same database. Thread-safe.
   std::string database(const std::string& name);
 
-  int port() const { return port_; }
   // How long initdb and the start took, in seconds.
   double startSeconds() const { return startSeconds_; }
 
@@ -50,7 +49,6 @@ class PostgresCluster {
 
   std::filesystem::path binDir_;
   std::filesystem::path root_;
-  int port_ = 0;
   double startSeconds_ = 0;
   int ownerPid_ = 0;
   bool running_ = false;
