@@ -72,13 +72,6 @@ inline void text(Image& image, int left, int top, int width, int height, unsigne
   fill(image, left + width - 2, top, 2, height, c);
 }
 
-// A button: a filled box with a word inside.
-inline void button(Image& image, int left, int top, int width, int height, Colour fillColour,
-                   unsigned word) {
-  fill(image, left, top, width, height, fillColour);
-  text(image, left + 8, top + 6, width - 16, height - 12, word, kWhite);
-}
-
 // Noise with the given seed: every pixel a random colour.
 inline Image noise(int width, int height, unsigned seed) {
   Image image(width, height);
@@ -89,12 +82,14 @@ inline Image noise(int width, int height, unsigned seed) {
   return image;
 }
 
-// A small screen: a title, a line of text and a button; `word` varies the text.
+// A small screen: a title, a line of text and a button with a word on it; `word` varies the
+// line of text.
 inline Image screen(unsigned word = 1, Colour buttonColour = kRed, int buttonTop = 120) {
   Image image = solid(200, 240);
   text(image, 20, 20, 120, 16, 100);
   text(image, 20, 60, 160, 12, word);
-  button(image, 40, buttonTop, 120, 36, buttonColour, 7);
+  fill(image, 40, buttonTop, 120, 36, buttonColour);
+  text(image, 48, buttonTop + 6, 104, 24, 7, kWhite);
   return image;
 }
 
