@@ -66,18 +66,6 @@ TEST(Png, RoundTripsOpaqueTranslucentOddAndExtremeSizes) {
   }
 }
 
-TEST(Png, OurOutputIsReadByLibpng) {
-  const Image image = pattern(31, 13, true);
-  const auto ours = encodePng(image);
-  png_image in{};
-  in.version = PNG_IMAGE_VERSION;
-  ASSERT_TRUE(png_image_begin_read_from_memory(&in, ours.data(), ours.size()));
-  in.format = PNG_FORMAT_RGBA;
-  std::vector<std::uint8_t> pixels(PNG_IMAGE_SIZE(in));
-  ASSERT_TRUE(png_image_finish_read(&in, nullptr, pixels.data(), 0, nullptr));
-  EXPECT_EQ(pixels, image.pixels());
-}
-
 TEST(Png, DecodesPaletteAnd16BitInterlacedGreyToRgba) {
   const Image expected(3, 2, {0,   0,   0,   255, 50,  50,  50,  255, 100, 100, 100, 255,
                               150, 150, 150, 255, 200, 200, 200, 255, 250, 250, 250, 255});
