@@ -39,6 +39,7 @@ TEST(LumoScreenshot, CropsToTheScaledRegionClippedToTheImage) {
     ScaledScreenshot(filled(100, 100)).cropRegion(Region(100, 100, 10, 10), 2);
     FAIL();
   } catch (const OutOfBoundsException& e) {
+    EXPECT_EQ(e.name(), "OutOfBoundsException");
     EXPECT_EQ(e.reason(),
               "Region [{{200, 200}, {20, 20}}] is out of screenshot bounds [{{0, 0}, {100, 100}}]");
   }
@@ -46,19 +47,12 @@ TEST(LumoScreenshot, CropsToTheScaledRegionClippedToTheImage) {
 
 // The status bar is cut without any check; a cut past the bottom leaves an empty image.
 TEST(LumoScreenshot, CutsTheStatusBarWithoutCheckingIt) {
-  const struct {
-    int height;
-    double bar, scale;
-    double left;
-  } cases[] = {{300, 20, 2, 260}, {30, 20, 2, 0}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::to_string(c.bar) + " x " + std::to_string(c.scale));
-    ScaledScreenshot shot(filled(100, c.height));
-    shot.cropStatusBarWithHeight(c.bar, c.scale);
-    ASSERT_TRUE(shot.image());
-    const Size expected = c.left ? Size{100, c.left} : Size();
-    EXPECT_EQ(shot.image()->empty() ? Size() : shot.size(), expected);
-  }
+  ScaledScreenshot shot(filled(100, 300));
+  shot.cropStatusBarWithHeight(20, 2);
+  EXPECT_EQ(shot.size(), (Size{100, 260}));
+  ScaledScreenshot tooShort(filled(100, 30));
+  tooShort.cropStatusBarWithHeight(20, 2);
+  EXPECT_TRUE(tooShort.image() && tooShort.image()->empty());
 }
 
 TEST(ScaledScreenshot, AveragesTheAreaEachPointCovers) {
