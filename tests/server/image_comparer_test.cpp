@@ -107,19 +107,6 @@ TEST(ImageComparer, FastStrictScanMarksWhatThePlainOneMarks) {
   }
 }
 
-// A wide baseline and a tall screenshot: the diff image is the screenshot's size, not the
-// square that would cover both.
-TEST(ImageComparer, TheDiffOfOtherSizesIsTheScreenshotsSize) {
-  const Image wide = solid(400, 50), tall = solid(50, 400);
-  const CompareResult result = compare(wide, tall, {});
-  EXPECT_TRUE(result.sizeMismatch && !result.matches);
-  const Image diff = ImageComparer().diffImage(wide, tall, {}, result);
-  EXPECT_EQ(diff.width(), 50);
-  EXPECT_EQ(diff.height(), 400);
-  EXPECT_EQ(diff.row(399)[1], 0);            // only in the screenshot: red
-  EXPECT_GT(diff.row(10)[10 * 4 + 1], 200);  // in both: faded white
-}
-
 TEST(ImageComparer, FloatingOffsetsFarBeyondTheImageAreClamped) {
   // A one-pixel region that may move anywhere on a large image: the search is bounded by the
   // image and by its budget, and it finds the pixel's colour elsewhere.

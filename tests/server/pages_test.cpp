@@ -117,14 +117,5 @@ TEST_F(ServerPages, WithKeysEveryPageAndImageAsksForASignIn) {
   EXPECT_EQ(server::detail::decodePngImage(client_->Get(imagePath, cookie)->body), screen());
 }
 
-TEST_F(ServerPages, UnknownPagesAndImagesAreNotFound) {
-  for (const std::string& path :
-       {std::string("/sessions/nope"), std::string("/batches/nope"),
-        std::string("/static/other.js"), "/images/" + std::string(64, 'a') + ".png",
-        std::string("/images/..%2Flumo.db")}) {
-    EXPECT_EQ(client_->Get(path)->status, 404) << path;
-  }
-}
-
 }  // namespace
 }  // namespace lumo::test
