@@ -1,11 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <sstream>
-#include <string>
-#include <vector>
-
 #include "check_command.h"
 #include "lumo/detail/json.h"
 #include "run_lumo.h"
@@ -60,21 +55,6 @@ TEST_F(CheckEndToEnd, CaptureCommandTakesEachCheckpointFromTheCommand) {
   const auto again = check({"--capture", "cat " + home_}, {"first"});
   EXPECT_EQ(again.status, kExitPassed) << again.err;
   EXPECT_THAT(again.out, HasSubstr("first: matched\n"));
-}
-
-// The report shows the batch name the server keeps; a given name is pinned above.
-TEST_F(CheckEndToEnd, TheBatchIsNamedAfterAppTestAndLocalTimeUnlessGiven) {
-  const auto file = files_.path() / "r.json";
-  EXPECT_EQ(check({"--report", file.string()}, {home_}).status, kExitNewTest);
-  EXPECT_THAT(Json::parse(readFile(file))["batch"]["name"].get<std::string>(),
-              ::testing::MatchesRegex("Shop Browse [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}"));
-}
-
-TEST_F(CheckEndToEnd, WrongApiKeyIsNoVerdict) {
-  const auto outcome = check({}, {home_}, "wrong");
-  EXPECT_EQ(outcome.status, kExitUnreachable);
-  EXPECT_THAT(outcome.err, HasSubstr("did not start a session"));
-  EXPECT_EQ(outcome.out, "");
 }
 
 TEST(CheckUnreachable, RefusedConnectionIsExitFourWithTheReasonAndItsReport) {

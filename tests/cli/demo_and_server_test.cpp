@@ -4,11 +4,7 @@
 
 #include <vector>
 
-#include "lumo/server/server.h"
-#include "lumo/version.h"
-#include "platform/png.h"
 #include "run_lumo.h"
-#include "server/temp_dir.h"
 #include "server_command.h"
 
 namespace lumo::test {
@@ -75,12 +71,6 @@ TEST(ServerCommand, BadArgumentsAreUsageErrors) {
     EXPECT_EQ(outcome.status, kExitUsage) << args[1];
     EXPECT_EQ(lineCount(outcome.err), 1u) << outcome.err;
   }
-}
-
-TEST(Version, IsTheProjectsVersion) {
-  const auto outcome = runLumo({"--version"});
-  EXPECT_EQ(outcome.status, kExitPassed) << outcome.err;
-  EXPECT_EQ(outcome.out, std::string("lumo ") + kVersion + "\n");
 }
 
 }  // namespace

@@ -3,9 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "run_lumo.h"
 
 namespace lumo::test {
@@ -34,14 +31,6 @@ TEST(Report, JUnitXmlEscapesTheUsersTextAndCountsEachKindOfCheckpoint) {
             std::string::npos);
   EXPECT_EQ(count(xml, "<testcase "), 5u);
   EXPECT_EQ(count(xml, "</testcase>"), 4u);  // all but the matched one have a body
-}
-
-TEST(Report, FileFormatComesFromTheExtension) {
-  EXPECT_EQ(reportFormatOf("--report", "out/Report.XML"), ReportFormat::JUnitXml);
-  EXPECT_EQ(reportFormatOf("--report", "r.json"), ReportFormat::Json);
-  for (const char* file : {"r.txt", "r.xml.gz"}) {
-    EXPECT_THROW(reportFormatOf("--report", file), UsageError) << file;
-  }
 }
 
 }  // namespace
