@@ -50,13 +50,6 @@ TEST_F(CheckEndToEnd, NewThenUnchangedThenChangedGiveTwoZeroOneAndTheirReports) 
   EXPECT_EQ(ignored.status, kExitPassed) << ignored.out << ignored.err;
 }
 
-TEST_F(CheckEndToEnd, CaptureCommandTakesEachCheckpointFromTheCommand) {
-  EXPECT_EQ(check({"--capture", "cat " + home_}, {"first"}).status, kExitNewTest);
-  const auto again = check({"--capture", "cat " + home_}, {"first"});
-  EXPECT_EQ(again.status, kExitPassed) << again.err;
-  EXPECT_THAT(again.out, HasSubstr("first: matched\n"));
-}
-
 TEST(CheckUnreachable, RefusedConnectionIsExitFourWithTheReasonAndItsReport) {
   TempDir files;
   const auto image = writePng(files.path() / "home.png", markedScreen(20, 20, 50));

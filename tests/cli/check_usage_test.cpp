@@ -66,9 +66,6 @@ TEST_F(CheckUsage, EachBadArgumentOrScreenIsOneLineAndExitThreeWithNothingSent) 
   // 40 x 60 pixels at scale 2 is 20 x 30 points.
   expectUsageError(args({"--scale", "2", "--region", "0,0,20,31"}), "--region 0,0,20,31");
   expectUsageError(args({"--capture", "false"}, {"home"}), "cannot capture");
-  expectUsageError({"check", "--server", server_.baseUrl(), "--app", "Shop", "--test", "Home",
-                    "--api-key", "key", "--capture", "cat " + image_},
-                   "TAG");
 }
 
 TEST_F(CheckUsage, ApiKeyDefaultsToTheEnvironment) {

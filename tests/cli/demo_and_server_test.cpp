@@ -12,11 +12,6 @@ namespace {
 
 using ::testing::HasSubstr;
 
-Image readPng(const std::filesystem::path& path) {
-  const std::string bytes = readFile(path);
-  return decodePng(std::vector<std::uint8_t>(bytes.begin(), bytes.end()));
-}
-
 TEST(Demo, GivesNewTestThenPassedThenDifferences) {
   const auto outcome = runLumo({"demo"});
   EXPECT_EQ(outcome.status, 0) << outcome.err;
@@ -27,16 +22,6 @@ TEST(Demo, GivesNewTestThenPassedThenDifferences) {
   EXPECT_THAT(outcome.out, HasSubstr("Results pages: http://127.0.0.1:"));
   // The library's log lines stay out of the demo's output unless asked for.
   EXPECT_THAT(outcome.out, ::testing::Not(HasSubstr("[BrixtelLumo]")));
-}
-
-TEST(Demo, WritesItsScreensForLumoCheck) {
-  TempDir dir;
-  ASSERT_EQ(runLumo({"demo", "--write-screens", dir.path().string()}).status, 0);
-  for (const char* screen : {"Login.png", "Inbox.png", "Settings.png", "Login-changed.png"}) {
-    const Image image = readPng(dir.path() / screen);
-    EXPECT_EQ(std::pair(image.width(), image.height()), std::pair(360, 640)) << screen;
-  }
-  EXPECT_NE(readPng(dir.path() / "Login-changed.png"), readPng(dir.path() / "Login.png"));
 }
 
 TEST(ServerCommand, ServesUntilToldToStop) {
@@ -65,8 +50,7 @@ TEST(ServerCommand, BadArgumentsAreUsageErrors) {
                                              {"server", "--cert", "nope.pem", "--key", "nope.key"},
                                              {"server", "--baseline-cache-mb", "-5"},
                                              {"server", "--public-url", "lumo.example.com"},
-                                             {"server", "--store", "mysql://db/lumo"},
-                                             {"demo", "--port", "-1"}}) {
+                                             {"server", "--store", "mysql://db/lumo"}}) {
     const auto outcome = runLumo(args);
     EXPECT_EQ(outcome.status, kExitUsage) << args[1];
     EXPECT_EQ(lineCount(outcome.err), 1u) << outcome.err;
