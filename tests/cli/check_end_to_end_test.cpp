@@ -12,7 +12,6 @@ namespace {
 
 using CheckEndToEnd = EmbeddedServerTest;
 using ::testing::HasSubstr;
-using ::testing::Not;
 
 // New, unchanged and changed runs give 2, 0 and 1, each with its lines and its report.
 TEST_F(CheckEndToEnd, NewThenUnchangedThenChangedGiveTwoZeroOneAndTheirReports) {
@@ -46,8 +45,7 @@ TEST_F(CheckEndToEnd, NewThenUnchangedThenChangedGiveTwoZeroOneAndTheirReports) 
   // Failed runs are not saved by default: the baseline is still the first one...
   EXPECT_EQ(check({}, {home_, cart_}).status, kExitPassed);
   // ...and regions reach the server: ignoring the changed corner makes the change pass.
-  const auto ignored = check({"--ignore", "0,0,12,12"}, {home_, changed_ + "=cart"});
-  EXPECT_EQ(ignored.status, kExitPassed) << ignored.out << ignored.err;
+  EXPECT_EQ(check({"--ignore", "0,0,12,12"}, {home_, changed_ + "=cart"}).status, kExitPassed);
 }
 
 TEST(CheckUnreachable, RefusedConnectionIsExitFourWithTheReasonAndItsReport) {
@@ -95,20 +93,15 @@ TEST(CheckUnreachable, SilentServerIsExitFourAfterTheBound) {
 // Which answers count as no JSON object is pinned with the connector.
 TEST(CheckVerdict, StopAnswerThatIsNoObjectIsExitFour) {
   TestServer server;
-  server.setHandler([&](const RecordedRequest& request) {
-    if (request.method == "DELETE") {
-      return ScriptedResponse{200, "[]"};
-    }
-    if (request.path == "/api/sessions/running.json") {
-      return ScriptedResponse{200, R"({"id":"s1","url":"http://results/s1"})"};
-    }
-    return ScriptedResponse{200, R"({"asExpected":true})"};
-  });
+  // The start, the one match and the stop, in turn.
+  server.enqueue({200, R"({"id":"s1","url":"http://results/s1"})"});
+  server.enqueue({200, R"({"asExpected":true})"});
+  server.enqueue({200, "[]"});
   server.start();
   std::ostringstream out, err;
   EXPECT_EQ(checkInMemory(server.baseUrl(), out, err), kExitUnreachable);
   EXPECT_THAT(err.str(), HasSubstr("gave no verdict"));
-  EXPECT_THAT(out.str(), Not(HasSubstr("Test passed")));
+  EXPECT_THAT(out.str(), ::testing::Not(HasSubstr("Test passed")));
   server.stop();
 }
 

@@ -21,11 +21,7 @@ TEST_F(CompareCommandTest, ExitStatusSaysWhetherTheImagesMatch) {
   const std::string taller = png("taller.png", markedScreen(60, 41, 128));
   const std::string notPng = (dir_.path() / "not-a-png.png").string();
   std::ofstream(notPng) << "GIF89a";
-  struct Case {
-    std::vector<std::string> args;
-    int status;
-  };
-  const Case cases[] = {
+  const std::pair<std::vector<std::string>, int> cases[] = {
       {{"compare", grey, grey}, kExitPassed},
       {{"compare", grey, marked}, kExitDifferences},
       {{"compare", "--match-level", "none", grey, taller}, kExitPassed},
@@ -34,9 +30,9 @@ TEST_F(CompareCommandTest, ExitStatusSaysWhetherTheImagesMatch) {
       {{"compare", grey, (dir_.path() / "absent.png").string()}, kExitUsage},
       {{"compare", grey, notPng}, kExitUsage},
   };
-  for (const Case& c : cases) {
-    const Outcome outcome = runLumo(c.args);
-    EXPECT_EQ(outcome.status, c.status) << ::testing::PrintToString(c.args) << outcome.err;
+  for (const auto& [args, status] : cases) {
+    const Outcome outcome = runLumo(args);
+    EXPECT_EQ(outcome.status, status) << ::testing::PrintToString(args) << outcome.err;
   }
 }
 
