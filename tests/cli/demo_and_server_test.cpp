@@ -4,22 +4,13 @@
 
 #include <vector>
 
-#include "lumo/server/server.h"
-#include "lumo/version.h"
-#include "platform/png.h"
 #include "run_lumo.h"
-#include "server/temp_dir.h"
 #include "server_command.h"
 
 namespace lumo::test {
 namespace {
 
 using ::testing::HasSubstr;
-
-Image readPng(const std::filesystem::path& path) {
-  const std::string bytes = readFile(path);
-  return decodePng(std::vector<std::uint8_t>(bytes.begin(), bytes.end()));
-}
 
 TEST(Demo, GivesNewTestThenPassedThenDifferences) {
   const auto outcome = runLumo({"demo"});
@@ -31,16 +22,6 @@ TEST(Demo, GivesNewTestThenPassedThenDifferences) {
   EXPECT_THAT(outcome.out, HasSubstr("Results pages: http://127.0.0.1:"));
   // The library's log lines stay out of the demo's output unless asked for.
   EXPECT_THAT(outcome.out, ::testing::Not(HasSubstr("[BrixtelLumo]")));
-}
-
-TEST(Demo, WritesItsScreensForLumoCheck) {
-  TempDir dir;
-  ASSERT_EQ(runLumo({"demo", "--write-screens", dir.path().string()}).status, 0);
-  for (const char* screen : {"Login.png", "Inbox.png", "Settings.png", "Login-changed.png"}) {
-    const Image image = readPng(dir.path() / screen);
-    EXPECT_EQ(std::pair(image.width(), image.height()), std::pair(360, 640)) << screen;
-  }
-  EXPECT_NE(readPng(dir.path() / "Login-changed.png"), readPng(dir.path() / "Login.png"));
 }
 
 TEST(ServerCommand, ServesUntilToldToStop) {
@@ -59,7 +40,6 @@ TEST(ServerCommand, ServesUntilToldToStop) {
   EXPECT_EQ(status, 0) << err.str();
   EXPECT_EQ(pageStatus, 200);
   EXPECT_THAT(out.str(), HasSubstr("Lumo server listening at http://127.0.0.1:"));
-  EXPECT_THAT(out.str(), HasSubstr(std::string(server::kDemoApiKey)));
 }
 
 TEST(ServerCommand, BadArgumentsAreUsageErrors) {
@@ -69,18 +49,11 @@ TEST(ServerCommand, BadArgumentsAreUsageErrors) {
                                              {"server", "--cert", "nope.pem", "--key", "nope.key"},
                                              {"server", "--baseline-cache-mb", "-5"},
                                              {"server", "--public-url", "lumo.example.com"},
-                                             {"server", "--store", "mysql://db/lumo"},
-                                             {"demo", "--port", "-1"}}) {
+                                             {"server", "--store", "mysql://db/lumo"}}) {
     const auto outcome = runLumo(args);
     EXPECT_EQ(outcome.status, kExitUsage) << args[1];
     EXPECT_EQ(lineCount(outcome.err), 1u) << outcome.err;
   }
-}
-
-TEST(Version, IsTheProjectsVersion) {
-  const auto outcome = runLumo({"--version"});
-  EXPECT_EQ(outcome.status, kExitPassed) << outcome.err;
-  EXPECT_EQ(outcome.out, std::string("lumo ") + kVersion + "\n");
 }
 
 }  // namespace

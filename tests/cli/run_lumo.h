@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -12,7 +10,6 @@
 #include <vector>
 
 #include "exit_status.h"
-#include "lumo/image.h"
 #include "lumo/server/server.h"
 #include "platform/png.h"
 #include "run.h"

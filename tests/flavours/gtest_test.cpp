@@ -7,7 +7,6 @@
 
 #include "lumo/server/server.h"
 #include "server/temp_dir.h"
-#include "support/fast_wait_policy.h"
 #include "support/test_images.h"
 
 namespace lumo::test {
@@ -63,11 +62,10 @@ using VisualTestTest = ::testing::Test;
 
 TEST_F(VisualTestTest, IsNamedAfterTheTestAndReportsOnce) {
   VisualTest visual(config(screen(90)));
-  EXPECT_EQ(visual.testName(), "VisualTestTest.IsNamedAfterTheTestAndReportsOnce");
   visual.check("Home");
   EXPECT_EQ(visual.finish(), Verdict::NewBaseline);
   ASSERT_TRUE(visual.results());
-  EXPECT_EQ(visual.results()->name(), visual.testName());
+  EXPECT_EQ(visual.results()->name(), "VisualTestTest.IsNamedAfterTheTestAndReportsOnce");
   EXPECT_EQ(visual.finish(), Verdict::NewBaseline);
 }
 
@@ -84,14 +82,10 @@ TEST_F(VisualTestTest, EachVerdictBecomesTheRightGoogleTestOutcome) {
 TEST_F(VisualTestTest, AnUnreachableServerFailsTheTest) {
   auto unreachable = config(screen(90));
   unreachable.serverUrl = "http://127.0.0.1:1";  // nothing listens there
-  unreachable.configure = [](Lumo& lumo) {
-    lumo.setWaitPolicy(std::make_shared<FastWaitPolicy>());
-  };
   EXPECT_NONFATAL_FAILURE(
       {
         VisualTest visual(unreachable);
         EXPECT_FALSE(visual.check("Home"));
-        EXPECT_FALSE(visual.check("Cart"));
         EXPECT_EQ(visual.finish(), Verdict::NotJudged);
       },
       "the server at http://127.0.0.1:1 did not answer");
@@ -110,10 +104,7 @@ class Checkout : public gtest::VisualTestFixture {
   Verdict expected_ = Verdict::NewBaseline;
 };
 
-TEST_F(Checkout, ChecksInTheBodyAreJudgedAfterIt) {
-  ASSERT_TRUE(check("Cart"));
-  EXPECT_TRUE(visualTest().lumo().isOpen());
-}
+TEST_F(Checkout, ChecksInTheBodyAreJudgedAfterIt) { ASSERT_TRUE(check("Cart")); }
 
 TEST_F(Checkout, ASkippedTestIsAbortedNotJudged) {
   check("Cart");

@@ -3,19 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <deque>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <thread>
 
 #include "lumo/detail/json.h"
+#include "lumo/diffs_found_exception.h"
 #include "lumo/lumo_exception.h"
 #include "lumo/match_result.h"
 #include "lumo/new_test_exception.h"
-#include "lumo/running_session.h"
 #include "lumo/test_failed_exception.h"
-#include "lumo/test_results.h"
 #include "platform/base64.h"
 #include "platform/png.h"
 #include "support/fast_wait_policy.h"
@@ -80,20 +77,16 @@ class LumoTest : public TestServerFixture {
       return {newSession_ ? 201 : 200, R"({"id":"s1","url":"http://results/s1"})"};
     }
     if (request.method == "POST") {
-      const bool asExpected = matchAnswers_.front();
-      if (matchAnswers_.size() > 1) {
-        matchAnswers_.pop_front();
-      }
-      return {200, Json{{"asExpected", asExpected}}.dump()};
+      return {200, Json{{"asExpected", matches_}}.dump()};
     }
     return {.status = 200, .body = results_.dump(), .delay = stopDelay_};
   }
 
-  // Match answers go in turn, the last one for every later post.
-  void script(bool newSession, Json results, std::deque<bool> matchAnswers = {true}) {
+  // `matches` answers every match post.
+  void script(bool newSession, Json results, bool matches = true) {
     std::lock_guard lock(mutex_);
     newSession_ = newSession;
-    matchAnswers_ = std::move(matchAnswers);
+    matches_ = matches;
     results_ = std::move(results);
   }
 
@@ -110,7 +103,7 @@ class LumoTest : public TestServerFixture {
 
   std::mutex mutex_;
   bool newSession_ = false;
-  std::deque<bool> matchAnswers_{true};
+  bool matches_ = true;
   Json results_ = resultsWith("Passed", false);
   std::chrono::milliseconds stopDelay_{0};
 
@@ -139,13 +132,11 @@ TEST_F(LumoTest, NewTestRunsOnceAndEndsAsNewTestException) {
 }
 
 // What the controller puts into the start record: a branch property beats its environment
-// variable and an empty one falls back to it; no batch gives a nameless one.
+// variable and an empty one falls back to it.
 TEST_F(LumoTest, StartRecordTakesConfigurationThenEnvironment) {
   ScopedEnv branch("BRIXTEL_BRANCH", "env-branch");
   ScopedEnv parent("BRIXTEL_PARENT_BRANCH", "env-parent");
   ScopedEnv baseline("BRIXTEL_BASELINE_BRANCH", nullptr);
-  ScopedEnv batchId("BRIXTEL_BATCH_ID", nullptr);
-  ScopedEnv batchName("BRIXTEL_BATCH_NAME", nullptr);
   lumo_->setBranchName("feature");
   lumo_->setParentBranchName("");
   lumo_->setSaveDiffs(true);
@@ -153,8 +144,6 @@ TEST_F(LumoTest, StartRecordTakesConfigurationThenEnvironment) {
   LogCapture log;
   openAndCheck(*lumo_);
   Json start = Json::parse(sent("POST", true).at(0).body)["startInfo"];
-  EXPECT_FALSE(start["batchInfo"].contains("name"));
-  EXPECT_FALSE(start["batchInfo"]["id"].get<std::string>().empty());
   EXPECT_EQ(start["environment"]["displaySize"], Json::parse(R"({"width":100,"height":200})"));
   for (const char* key : {"batchInfo", "environment", "defaultMatchSettings", "agentId"}) {
     start.erase(key);
@@ -189,39 +178,31 @@ TEST_F(LumoTest, SaveFlagsDecideUpdateBaseline) {
   }
 }
 
-// The verdicts of an existing baseline that no other test judges through the controller: each
-// as the exception close throws or as the error it fills in.
-TEST_F(LumoTest, DifferencesAndFailuresAsExceptionOrError) {
-  const std::pair<Json, std::string> cases[] = {
-      {resultsWith("Unresolved", false),
-       "Test Login of Shop detected differences! See details at: http://results/s1"},
-      {resultsWith("Failed", false), "Login of Shop. See details at http://results/s1"},
-  };
-  for (const auto& [results, description] : cases) {
-    for (bool throwing : {true, false}) {
-      SCOPED_TRACE(description + (throwing ? " throwing" : ""));
-      script(false, results);
-      openAndCheck(*lumo_);
-      Error error;
-      std::string thrown;
-      std::shared_ptr<TestResults> returned;
-      try {
-        returned = lumo_->closeWithThrow(throwing, &error);
-      } catch (const TestFailedException& e) {
-        thrown = e.reason();
-        EXPECT_EQ(e.testResults(), lumo_->testResult()) << "the exception carries the results";
-      }
-      EXPECT_EQ(thrown, throwing ? description : "");
-      EXPECT_EQ(error.localizedDescription(), throwing ? "" : description);
-      EXPECT_EQ(returned, throwing ? nullptr : lumo_->testResult());
-    }
+// The verdicts of an existing baseline that no other test judges through the controller:
+// differences raised, a failure written into the error slot when not throwing.
+TEST_F(LumoTest, DifferencesRaiseAndAFailureFillsTheErrorWhenNotThrowing) {
+  script(false, resultsWith("Unresolved", false));
+  openAndCheck(*lumo_);
+  try {
+    lumo_->close(nullptr);
+    ADD_FAILURE() << "differences must raise";
+  } catch (const DiffsFoundException& e) {
+    EXPECT_EQ(e.reason(),
+              "Test Login of Shop detected differences! See details at: http://results/s1");
+    EXPECT_EQ(e.testResults(), lumo_->testResult());
   }
+  script(false, resultsWith("Failed", false));
+  openAndCheck(*lumo_);
+  Error error;
+  const auto returned = lumo_->closeWithThrow(false, &error);
+  EXPECT_EQ(returned, lumo_->testResult());
+  EXPECT_EQ(error.localizedDescription(), "Login of Shop. See details at http://results/s1");
 }
 
 // The rounds themselves are the task's; the controller logs the mismatch and runs later checks
 // once, sleeping their timeout first.
 TEST_F(LumoTest, MismatchOnAnExistingBaselineMakesLaterChecksRunOnce) {
-  script(false, resultsWith("Unresolved", false), {false});
+  script(false, resultsWith("Unresolved", false), false);
   LogCapture log;
   lumo_->open("Shop", "Login", {100, 200});
   EXPECT_FALSE(lumo_->check("home", CheckSettings().timeoutInSeconds(3))->asExpected());
@@ -297,61 +278,27 @@ TEST_F(LumoTest, AbortsStopTheSessionEvenWhenTheControllerGoesRightAfter) {
   EXPECT_EQ(sent("DELETE").size(), 2u);
 }
 
-// An answer that comes after its wait gave up is still stored, as if it had come in time.
-// `prepare` runs before the server holds its answers; `timesOut` must end in the time-out
-// exception; `settled` is true once the late answer is in; `starts` counts the session starts
-// from the held call to the next check.
-TEST_F(LumoTest, LateAnswersAreStoredAfterTheTimeOut) {
-  const auto late = [this](const std::function<void(Lumo&)>& prepare,
-                           const std::function<void(Lumo&)>& timesOut,
-                           const std::function<bool(Lumo&)>& settled, std::size_t starts) {
-    script(false, resultsWith("Passed", false));
-    lumo_ = controller(source_, std::make_shared<FastWaitPolicy>(0.2));
-    prepare(*lumo_);
-    const auto startsBefore = sent("POST", true).size();
-    server_.hold();
-    try {
-      timesOut(*lumo_);
-      ADD_FAILURE() << "the held answer must time out";
-    } catch (const TestFailedException& e) {
-      EXPECT_EQ(e.reason(), "--- Time-out exception");
-    }
-    EXPECT_FALSE(settled(*lumo_)) << "nothing has answered yet";
-    server_.release();
-    for (int i = 0; i < 1000 && !settled(*lumo_); ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    EXPECT_TRUE(settled(*lumo_));
-    lumo_->setWaitPolicy(policy_);
-    if (!lumo_->isOpen()) {
-      lumo_->open("Shop", "Login", {100, 200});
-    }
-    EXPECT_TRUE(lumo_->check("next"));
-    EXPECT_EQ(sent("POST", true).size(), startsBefore + starts);
+// A stop answered after its wait gave up ends in the time-out exception; the late answer still
+// clears the session, so the next test starts its own.
+TEST_F(LumoTest, ALateStopTimesOutAndStillClearsTheSession) {
+  lumo_ = controller(source_, std::make_shared<FastWaitPolicy>(0.2));
+  openAndCheck(*lumo_);
+  server_.hold();
+  try {
     lumo_->close(nullptr);
-  };
-  {
-    SCOPED_TRACE("a late start is the test's session");
-    late(
-        [](Lumo& lumo) {
-          lumo.open("Shop", "Login", {100, 200});
-        },
-        [](Lumo& lumo) { lumo.check("home"); },
-        [](Lumo& lumo) { return lumo.runningSession() != nullptr; }, 1);
+    ADD_FAILURE() << "the held answer must time out";
+  } catch (const TestFailedException& e) {
+    EXPECT_EQ(e.reason(), "--- Time-out exception");
   }
-  {
-    SCOPED_TRACE("a late retry round's mismatch makes later checks run once");
-    late(
-        [this](Lumo& lumo) {
-          openAndCheck(lumo);
-          script(false, resultsWith("Passed", false), {false, true});  // the held one mismatches
-        },
-        [](Lumo& lumo) { lumo.check("late", CheckSettings().timeoutInSeconds(3)); },
-        [](Lumo& lumo) { return lumo.shouldMatchWindowRunOnceOnTimeout(); }, 0);
+  EXPECT_TRUE(lumo_->runningSession()) << "nothing has answered yet";
+  server_.release();
+  for (int i = 0; i < 1000 && lumo_->runningSession(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  SCOPED_TRACE("a late stop clears the session, so the next test starts its own");
-  late([this](Lumo& lumo) { openAndCheck(lumo); }, [](Lumo& lumo) { lumo.close(nullptr); },
-       [](Lumo& lumo) { return lumo.runningSession() == nullptr; }, 1);
+  EXPECT_FALSE(lumo_->runningSession());
+  openAndCheck(*lumo_);
+  EXPECT_EQ(sent("POST", true).size(), 2u);
+  lumo_->close(nullptr);
 }
 
 // A refused start closes the test; the check still says it calls the match window, then fails
