@@ -301,6 +301,25 @@ TEST_F(LumoTest, ALateStopTimesOutAndStillClearsTheSession) {
   lumo_->close(nullptr);
 }
 
+// A session start answered after the check gave up on it still becomes the test's session:
+// the next check starts no second one on the server.
+TEST_F(LumoTest, ALateStartIsStillTheTestsSession) {
+  lumo_ = controller(source_, std::make_shared<FastWaitPolicy>(0.2));
+  lumo_->open("Shop", "Login", {100, 200});
+  server_.hold();
+  EXPECT_THROW(lumo_->check("home"), TestFailedException);
+  server_.release();
+  for (int i = 0; i < 1000 && !lumo_->runningSession(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  lumo_->setWaitPolicy(policy_);
+  if (!lumo_->isOpen()) {
+    lumo_->open("Shop", "Login", {100, 200});
+  }
+  EXPECT_TRUE(lumo_->check("next"));
+  EXPECT_EQ(sent("POST", true).size(), 1u);
+}
+
 // A refused start closes the test; the check still says it calls the match window, then fails
 // at once rather than waiting out a bound nothing can answer.
 TEST(LumoUnreachable, RefusedSessionStartClosesTheTestAndTheCheckFailsAtOnce) {
