@@ -48,6 +48,13 @@ TEST_F(CheckEndToEnd, NewThenUnchangedThenChangedGiveTwoZeroOneAndTheirReports) 
   EXPECT_EQ(check({"--ignore", "0,0,12,12"}, {home_, changed_ + "=cart"}).status, kExitPassed);
 }
 
+TEST_F(CheckEndToEnd, CaptureCommandTakesEachCheckpointFromTheCommand) {
+  EXPECT_EQ(check({"--capture", "cat " + home_}, {"first"}).status, kExitNewTest);
+  const auto again = check({"--capture", "cat " + home_}, {"first"});
+  EXPECT_EQ(again.status, kExitPassed) << again.err;
+  EXPECT_THAT(again.out, HasSubstr("first: matched\n"));
+}
+
 TEST(CheckUnreachable, RefusedConnectionIsExitFourWithTheReasonAndItsReport) {
   TempDir files;
   const auto image = writePng(files.path() / "home.png", markedScreen(20, 20, 50));
