@@ -12,8 +12,6 @@
 #include <thread>
 #include <vector>
 
-#include "platform/base64.h"
-
 namespace lumo::test {
 namespace {
 
@@ -216,13 +214,5 @@ void HeadlessBrowser::pressKey(std::string_view key) {
   call("Input.dispatchKeyEvent", {{"type", "keyDown"}, {"key", text}, {"text", text}});
   call("Input.dispatchKeyEvent", {{"type", "keyUp"}, {"key", text}});
 }
-
-std::string HeadlessBrowser::screenshot() {
-  const Json result = call("Page.captureScreenshot", {{"format", "png"}});
-  const auto bytes = base64Decode(result.at("data").get<std::string>());
-  return {bytes.begin(), bytes.end()};
-}
-
-std::string HeadlessBrowser::url() { return evaluate("location.href").get<std::string>(); }
 
 }  // namespace lumo::test

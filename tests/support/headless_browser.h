@@ -42,10 +42,6 @@ class HeadlessBrowser {
   bool waitFor(const std::string& expression);
   // Types one key (a printable character such as "j") into the focused page.
   void pressKey(std::string_view key);
-  // The visible page as PNG bytes.
-  std::string screenshot();
-  // The page's current address (after redirects).
-  std::string url();
 
  private:
   Json call(const std::string& method, Json params, bool onPage = true);
