@@ -10,7 +10,7 @@
 // An app screen drawn with anti-aliasing, as a phone renders one: a status bar, a header on a
 // gradient, list rows with round avatars, two lines of text and hairline separators, a photo
 // card, a text field and a rounded button. The fields of ScreenLook are the changes the
-// comparison benchmark draws.
+// comparison benchmark draws; with several columns of rows it is a wide web page.
 namespace lumo::test {
 
 struct Rgb {
@@ -21,6 +21,8 @@ struct ScreenLook {
   int widthPoints = 130;
   int heightPoints = 300;
   double scale = 3;  // pixels per point
+  // The list in this many columns side by side, as a wide page lays it out.
+  int columns = 1;
   // The whole screen drawn this many pixels off: another rasteriser, font version or GPU.
   double driftX = 0, driftY = 0;
   bool dark = false;
@@ -56,13 +58,19 @@ class ScreenPainter {
     write(6, 4, 6, "9:41", text);
     write(8, 22, 12, "Inbox", text);
     const int rows = std::max((look_.heightPoints - 170) / 34, 1);
-    for (int i = 0; i < rows; ++i) {
-      const double top = 50 + i * 34;
-      const Rgb avatar{60.0 + 40 * (i % 4), 140.0 - 20 * (i % 3), 200.0 - 30 * (i % 5)};
-      box(8, top + 5, 24, 24, 12, flat(avatar));
-      write(38, top + 7, 8, "Alice " + std::to_string(i), text);
-      write(38, top + 19, 6, "see you at " + std::to_string(10 + i), muted);
-      box(38, top + 33, w - 38, 1 / look_.scale, 0, flat(separator));
+    const int columns = std::max(look_.columns, 1);
+    const double columnWidth = w / columns;
+    for (int column = 0; column < columns; ++column) {
+      const double left = column * columnWidth;
+      for (int row = 0; row < rows; ++row) {
+        const int i = column * rows + row;
+        const double top = 50 + row * 34;
+        const Rgb avatar{60.0 + 40 * (i % 4), 140.0 - 20 * (i % 3), 200.0 - 30 * (i % 5)};
+        box(left + 8, top + 5, 24, 24, 12, flat(avatar));
+        write(left + 38, top + 7, 8, "Alice " + std::to_string(i), text);
+        write(left + 38, top + 19, 6, "see you at " + std::to_string(10 + i), muted);
+        box(left + 38, top + 33, columnWidth - 38, 1 / look_.scale, 0, flat(separator));
+      }
     }
     const double bottom = h - 116;
     box(8, bottom, w - 16, 50, 8, [&](double x, double y) {
