@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "difference_boxes.h"
+#include "perceptual_colour.h"
 #include "rect_pixels.h"
 #include "strict_metric.h"
 
@@ -21,7 +22,7 @@ constexpr int kCaretClusterGap = 8;
 const std::uint8_t* at(const Image& image, int x, int y) { return image.row(y) + x * 4; }
 
 bool same(const std::uint8_t* p, const std::uint8_t* q, float maxDelta, bool exact) {
-  return exact ? std::memcmp(p, q, 4) == 0 : colourDelta(p, q) <= maxDelta;
+  return exact ? std::memcmp(p, q, 4) == 0 : distance(p, q) <= maxDelta;
 }
 
 // Whether `withBar` shows a bar of single-coloured columns in `bar` where `without` shows

@@ -9,6 +9,7 @@
 
 #include "caret_rule.h"
 #include "difference_boxes.h"
+#include "perceptual_colour.h"
 #include "rect_pixels.h"
 #include "strict_metric.h"
 #include "structure_metric.h"
@@ -114,7 +115,7 @@ bool floatingContentFound(const Image& baseline, const Image& current, const Rec
       }
       for (int x = 0; x < areaWidth; ++x) {
         const bool same = exact ? std::memcmp(b + x * 4, c + x * 4, 4) == 0
-                                : detail::colourDelta(b + x * 4, c + x * 4) <= maxDelta;
+                                : detail::distance(b + x * 4, c + x * 4) <= maxDelta;
         if (!same) {
           return false;
         }
@@ -213,7 +214,9 @@ CompareResult ImageComparer::compare(const Image& baseline, const Image& current
     return result;
   }
 
-  const float maxDelta = detail::maxDeltaFor(options_.colourThreshold);
+  const detail::StrictRule rule{options_.justNoticeable, options_.visibleAlone};
+  // Carets and floating content are matched pixel by pixel: a pixel visible alone is a change.
+  const float maxDelta = rule.visibleAlone;
   // Carets are found before anything else and then left out like ignored regions.
   std::vector<Rect> ignore = settings.ignore;
   if (settings.ignoreCaret) {
@@ -265,7 +268,7 @@ CompareResult ImageComparer::compare(const Image& baseline, const Image& current
   MarkCounts counts;
   if (atPixels) {
     std::atomic<bool> differs{false};
-    counts += detail::scanPixels(baseline, current, maxDelta, map, options_.threads, marks.get(),
+    counts += detail::scanPixels(baseline, current, rule, map, options_.threads, marks.get(),
                                  rowMarked.data(), verdictOnly ? &differs : nullptr);
     if (differs) {
       result.matches = false;

@@ -1,11 +1,14 @@
 #include "strict_metric.h"
 
-#include <emmintrin.h>
-
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <thread>
 #include <vector>
+
+#include "coherent_shift.h"
 
 namespace lumo::server::detail {
 namespace {
@@ -50,110 +53,279 @@ bool flatAround(const std::uint8_t* centre, std::size_t stride) {
          load32(below) == v && load32(below + 4) == v;
 }
 
-// The lowest and highest value of each channel within kDriftRadius of a pixel.
-struct ChannelRange {
-  std::uint8_t low[4] = {255, 255, 255, 255};
-  std::uint8_t high[4] = {0, 0, 0, 0};
+// Blocks of kTile x kTile pixels are judged together: a shift is explained block by block,
+// and a block whose bytes are equal costs one compare per row.
+constexpr int kTile = 8;
 
-  bool flat() const { return std::memcmp(low, high, 4) == 0; }
-  bool holds(const std::uint8_t* p) const {
-    for (int c = 0; c < 4; ++c) {
-      if (p[c] + kDriftMargin < low[c] || p[c] > high[c] + kDriftMargin) {
-        return false;
-      }
-    }
-    return true;
-  }
+// A pixel's signed colour change (current minus baseline) in fixed point, so that a whole
+// changed screen takes 6 bytes a pixel and area sums stay in integers.
+struct ColourShift {
+  std::int16_t l = 0, a = 0, b = 0;
 };
+constexpr float kShiftScale = 8192.0f;
 
-ChannelRange rangeAround(const Image& image, int x, int y) {
-  ChannelRange range;
-  static_assert(kDriftRadius == 1, "the vector path reads 3 x 3 pixels");
-  if (x > 0 && x + 2 < image.width() && y > 0 && y + 1 < image.height()) {
-    // Four pixels from each of three rows; the fourth column is overwritten by the third.
-    const std::uint8_t* p = image.row(y) + (x - 1) * 4;
-    const std::size_t stride = image.stride();
-    auto load = [](const std::uint8_t* q) {
-      __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(q));
-      // Lanes 0..2 are the three columns; lane 3 repeats lane 2.
-      return _mm_shuffle_epi32(v, _MM_SHUFFLE(2, 2, 1, 0));
-    };
-    const __m128i r0 = load(p - stride), r1 = load(p), r2 = load(p + stride);
-    __m128i low = _mm_min_epu8(_mm_min_epu8(r0, r1), r2);
-    __m128i high = _mm_max_epu8(_mm_max_epu8(r0, r1), r2);
-    low = _mm_min_epu8(low, _mm_shuffle_epi32(low, _MM_SHUFFLE(1, 0, 3, 2)));
-    low = _mm_min_epu8(low, _mm_shuffle_epi32(low, _MM_SHUFFLE(2, 3, 0, 1)));
-    high = _mm_max_epu8(high, _mm_shuffle_epi32(high, _MM_SHUFFLE(1, 0, 3, 2)));
-    high = _mm_max_epu8(high, _mm_shuffle_epi32(high, _MM_SHUFFLE(2, 3, 0, 1)));
-    const std::uint32_t lowBytes = static_cast<std::uint32_t>(_mm_cvtsi128_si32(low));
-    const std::uint32_t highBytes = static_cast<std::uint32_t>(_mm_cvtsi128_si32(high));
-    std::memcpy(range.low, &lowBytes, 4);
-    std::memcpy(range.high, &highBytes, 4);
-    return range;
-  }
-  const int x0 = std::max(x - kDriftRadius, 0), x1 = std::min(x + kDriftRadius, image.width() - 1);
-  const int y0 = std::max(y - kDriftRadius, 0);
-  const int y1 = std::min(y + kDriftRadius, image.height() - 1);
-  for (int ny = y0; ny <= y1; ++ny) {
-    const std::uint8_t* row = image.row(ny);
-    for (int nx = x0; nx <= x1; ++nx) {
-      for (int c = 0; c < 4; ++c) {
-        range.low[c] = std::min(range.low[c], row[nx * 4 + c]);
-        range.high[c] = std::max(range.high[c], row[nx * 4 + c]);
-      }
-    }
-  }
-  return range;
+std::int16_t fixedPoint(float v) {
+  return static_cast<std::int16_t>(std::clamp(v * kShiftScale, -32767.0f, 32767.0f));
 }
 
-// Anti-aliasing and drift live on edges. Where both images are smooth around a pixel (a
-// gradient, a photo's sky) a difference is a change of colour, and the costly tests are spared.
-constexpr int kEdgeContrast = 8;
+float squaredLength(const ColourShift& s) {
+  const float l = s.l, a = s.a, b = s.b;
+  return (l * l + a * a + b * b) / (kShiftScale * kShiftScale);
+}
 
-bool smooth(const std::uint8_t* low, const std::uint8_t* high) {
-  for (int c = 0; c < 4; ++c) {
-    if (high[c] - low[c] > kEdgeContrast) {
+// One Strict/Exact judgement of two images of one size, in two passes over rows of tiles:
+// judgeTiles settles every pixel it can from its own block (exact pixels, explained pixels,
+// pixels visible alone) and leaves the rest to judgeAreas, which needs the colour shifts of
+// the neighbouring blocks, all known once the first pass is over.
+class StrictScan {
+ public:
+  StrictScan(const Image& a, const Image& b, const StrictRule& rule, const LevelMap& map,
+             std::uint8_t* marks, std::uint8_t* rowMarked, std::atomic<bool>* differs)
+      : a_(a),
+        b_(b),
+        rule_(rule),
+        map_(map),
+        marks_(marks),
+        rowMarked_(rowMarked),
+        differs_(differs),
+        width_(a.width()),
+        height_(a.height()),
+        tilesAcross_((width_ + kTile - 1) / kTile),
+        tilesDown_((height_ + kTile - 1) / kTile),
+        // calloc: pages of blocks that never differ are never touched.
+        shifts_(static_cast<ColourShift*>(
+                    std::calloc(static_cast<std::size_t>(width_) * height_, sizeof(ColourShift))),
+                &std::free),
+        open_(static_cast<std::size_t>(tilesAcross_) * tilesDown_, 0) {
+    if (!shifts_) {
+      throw std::bad_alloc();
+    }
+  }
+
+  int tilesDown() const { return tilesDown_; }
+
+  MarkCounts judgeTiles(int firstRow, int endRow) {
+    MarkCounts counts;
+    LabCache lab;
+    for (int ty = firstRow; ty < endRow && !stopped(); ++ty) {
+      const int y0 = ty * kTile, y1 = std::min(y0 + kTile, height_);
+      bool rowsDiffer = false;
+      for (int y = y0; y < y1 && !rowsDiffer; ++y) {
+        rowsDiffer = std::memcmp(a_.row(y), b_.row(y), a_.stride()) != 0;
+      }
+      for (int tx = 0; rowsDiffer && tx < tilesAcross_ && !stopped(); ++tx) {
+        judgeTile(tx, ty, lab, counts);
+      }
+    }
+    return counts;
+  }
+
+  MarkCounts judgeAreas(int firstRow, int endRow) {
+    MarkCounts counts;
+    for (int ty = firstRow; ty < endRow && !stopped(); ++ty) {
+      for (int tx = 0; tx < tilesAcross_; ++tx) {
+        if (open_[static_cast<std::size_t>(ty) * tilesAcross_ + tx]) {
+          judgeArea(tx, ty, counts);
+        }
+      }
+    }
+    return counts;
+  }
+
+ private:
+  bool stopped() const { return differs_ && differs_->load(std::memory_order_relaxed); }
+
+  void mark(int x, int y, PixelMark m, MarkCounts& counts) {
+    marks_[static_cast<std::size_t>(y) * width_ + x] = m;
+    rowMarked_[y] = 1;
+    if (m == kDiffers) {
+      ++counts.differing;
+      if (differs_) {
+        differs_->store(true, std::memory_order_relaxed);
+      }
+    } else {
+      ++counts.tolerated;
+    }
+  }
+
+  ColourShift& shiftAt(int x, int y) { return shifts_[static_cast<std::size_t>(y) * width_ + x]; }
+
+  bool antialiased(int x, int y) const {
+    const std::size_t stride = a_.stride();
+    const bool interior = x > 0 && y > 0 && x + 1 < width_ && y + 1 < height_;
+    // Most of a changed screen is flat in both images, where only the colour decides.
+    if (interior && flatAround(a_.row(y) + x * 4, stride) &&
+        flatAround(b_.row(y) + x * 4, stride)) {
       return false;
     }
+    return isAntialiased(a_, x, y, b_) || isAntialiased(b_, x, y, a_);
   }
-  return true;
-}
 
-// isDrift with the ranges around the pixel in each image already at hand.
-bool driftWithin(const ChannelRange& aroundA, const ChannelRange& aroundB, const Image& a,
-                 const Image& b, int x, int y) {
-  return !aroundA.flat() && aroundA.holds(b.row(y) + x * 4) && !aroundB.flat() &&
-         aroundB.holds(a.row(y) + x * 4);
-}
+  void judgeTile(int tx, int ty, LabCache& lab, MarkCounts& counts) {
+    const int x0 = tx * kTile, x1 = std::min(x0 + kTile, width_);
+    const int y0 = ty * kTile, y1 = std::min(y0 + kTile, height_);
+    const std::size_t bytes = static_cast<std::size_t>(x1 - x0) * 4;
+    struct PixelAt {
+      int x, y;
+    };
+    PixelAt seen[kTile * kTile];
+    int count = 0;
+    const float noticeable = rule_.justNoticeable * rule_.justNoticeable;
+    for (int y = y0; y < y1; ++y) {
+      const std::uint8_t* ra = a_.row(y);
+      const std::uint8_t* rb = b_.row(y);
+      if (std::memcmp(ra + x0 * 4, rb + x0 * 4, bytes) == 0) {
+        continue;
+      }
+      for (int x = x0; x < x1; ++x) {
+        if (load32(ra + x * 4) == load32(rb + x * 4)) {
+          continue;
+        }
+        const std::uint8_t level = map_.at(static_cast<std::size_t>(y) * width_ + x);
+        if (level == kAtExact) {
+          mark(x, y, kDiffers, counts);
+          continue;
+        }
+        if (level != kAtStrict) {
+          continue;
+        }
+        const Lab la = lab(ra + x * 4), lb = lab(rb + x * 4);
+        ColourShift& s = shiftAt(x, y);
+        s = {fixedPoint(lb.l - la.l), fixedPoint(lb.a - la.a), fixedPoint(lb.b - la.b)};
+        if (squaredLength(s) >= noticeable) {
+          seen[count++] = {x, y};
+        }
+      }
+    }
+    if (count == 0) {
+      return;
+    }
+    // A block whose changes one direction of shift explains, or else each quarter of it that
+    // one explains (glyphs snapped to whole pixels move one by one).
+    bool explained[kTile * kTile] = {};
+    auto explainPart = [&](int left, int top, int side) {
+      unsigned common = 0xff;
+      for (int i = 0; i < count && common; ++i) {
+        if (seen[i].x >= left && seen[i].x < left + side && seen[i].y >= top &&
+            seen[i].y < top + side) {
+          common &= shiftDirections(a_, b_, seen[i].x, seen[i].y);
+        }
+      }
+      for (int i = 0; i < count && common; ++i) {
+        if (seen[i].x >= left && seen[i].x < left + side && seen[i].y >= top &&
+            seen[i].y < top + side) {
+          explained[i] = true;
+        }
+      }
+      return common != 0;
+    };
+    if (!explainPart(x0, y0, kTile)) {
+      for (int quarter = 0; quarter < 4; ++quarter) {
+        explainPart(x0 + (quarter % 2) * (kTile / 2), y0 + (quarter / 2) * (kTile / 2), kTile / 2);
+      }
+    }
+    const float alone = rule_.visibleAlone * rule_.visibleAlone;
+    for (int i = 0; i < count; ++i) {
+      const auto [x, y] = seen[i];
+      ColourShift& s = shiftAt(x, y);
+      if (explained[i] || antialiased(x, y)) {
+        // Explained differences are no colour change: they stay out of the area sums.
+        s = {};
+        mark(x, y, kTolerated, counts);
+      } else if (squaredLength(s) >= alone) {
+        mark(x, y, kDiffers, counts);
+      } else {
+        open_[static_cast<std::size_t>(ty) * tilesAcross_ + tx] = 1;
+      }
+    }
+  }
 
-// Whether anti-aliasing or drift explains a difference at (x, y); `plain` takes the
-// one-neighbour-at-a-time form of the anti-aliasing test, for the reference scan.
-bool explained(const Image& a, const Image& b, int x, int y, bool plain = false) {
-  const ChannelRange aroundA = rangeAround(a, x, y), aroundB = rangeAround(b, x, y);
-  if (smooth(aroundA.low, aroundA.high) && smooth(aroundB.low, aroundB.high)) {
-    return false;
+  // Marks the pixels of a block left open that lie in an area of kAreaSide x kAreaSide whose
+  // average colour shift is noticeable: one direction held over an area is a change, where
+  // dither and alternating noise average out.
+  void judgeArea(int tx, int ty, MarkCounts& counts) {
+    const int x0 = tx * kTile, x1 = std::min(x0 + kTile, width_);
+    const int y0 = ty * kTile, y1 = std::min(y0 + kTile, height_);
+    const int sideX = std::min(kAreaSide, width_), sideY = std::min(kAreaSide, height_);
+    // Sums over the block and kAreaSide - 1 pixels around it, as a summed-area table.
+    const int left = std::max(x0 - sideX + 1, 0), top = std::max(y0 - sideY + 1, 0);
+    const int right = std::min(x1 + sideX - 1, width_), bottom = std::min(y1 + sideY - 1, height_);
+    constexpr int kSpan = kTile + 2 * (kAreaSide - 1) + 1;
+    std::int32_t sums[3][kSpan][kSpan] = {};
+    for (int y = top; y < bottom; ++y) {
+      for (int x = left; x < right; ++x) {
+        const ColourShift& s = shiftAt(x, y);
+        const int i = y - top + 1, j = x - left + 1;
+        const std::int32_t values[3] = {s.l, s.a, s.b};
+        for (int c = 0; c < 3; ++c) {
+          sums[c][i][j] = values[c] + sums[c][i - 1][j] + sums[c][i][j - 1] - sums[c][i - 1][j - 1];
+        }
+      }
+    }
+    const double bound =
+        static_cast<double>(rule_.justNoticeable) * double{kShiftScale} * sideX * sideY;
+    auto noticeableArea = [&](int wx, int wy) {
+      double length = 0;
+      const int i0 = wy - top, j0 = wx - left, i1 = i0 + sideY, j1 = j0 + sideX;
+      for (int c = 0; c < 3; ++c) {
+        const double sum = sums[c][i1][j1] - sums[c][i0][j1] - sums[c][i1][j0] + sums[c][i0][j0];
+        length += sum * sum;
+      }
+      return length >= bound * bound;
+    };
+    const float noticeable = rule_.justNoticeable * rule_.justNoticeable;
+    for (int y = y0; y < y1; ++y) {
+      for (int x = x0; x < x1; ++x) {
+        if (marks_[static_cast<std::size_t>(y) * width_ + x] != kSame ||
+            squaredLength(shiftAt(x, y)) < noticeable) {
+          continue;
+        }
+        bool found = false;
+        for (int wy = std::max(y - sideY + 1, 0); wy <= std::min(y, height_ - sideY) && !found;
+             ++wy) {
+          for (int wx = std::max(x - sideX + 1, 0); wx <= std::min(x, width_ - sideX) && !found;
+               ++wx) {
+            found = noticeableArea(wx, wy);
+          }
+        }
+        if (found) {
+          mark(x, y, kDiffers, counts);
+        }
+      }
+    }
   }
-  if (driftWithin(aroundA, aroundB, a, b, x, y)) {
-    return true;
-  }
-  return plain ? isAntialiasedPlain(a, x, y, b) || isAntialiasedPlain(b, x, y, a)
-               : isAntialiased(a, x, y, b) || isAntialiased(b, x, y, a);
-}
 
-// The colour distance of each pixel of two rows, in a loop the compiler turns into vector code.
-void rowDeltas(const std::uint8_t* __restrict ra, const std::uint8_t* __restrict rb, int count,
-               float* __restrict out) {
-  for (int x = 0; x < count; ++x) {
-    const std::uint8_t* p = ra + x * 4;
-    const std::uint8_t* q = rb + x * 4;
-    const float dr = onWhite(p[0], p[3]) - onWhite(q[0], q[3]);
-    const float dg = onWhite(p[1], p[3]) - onWhite(q[1], q[3]);
-    const float db = onWhite(p[2], p[3]) - onWhite(q[2], q[3]);
-    const float y = dr * 0.29889531f + dg * 0.58662247f + db * 0.11448223f;
-    const float i = dr * 0.59597799f - dg * 0.27417610f - db * 0.32180189f;
-    const float qq = dr * 0.21147017f - dg * 0.52261711f + db * 0.31114694f;
-    out[x] = 0.5053f * y * y + 0.299f * i * i + 0.1957f * qq * qq;
+  const Image& a_;
+  const Image& b_;
+  const StrictRule rule_;
+  const LevelMap map_;
+  std::uint8_t* marks_;
+  std::uint8_t* rowMarked_;
+  std::atomic<bool>* differs_;
+  const int width_, height_, tilesAcross_, tilesDown_;
+  std::unique_ptr<ColourShift[], decltype(&std::free)> shifts_;
+  std::vector<std::uint8_t> open_;
+};
+
+// Runs work(firstTileRow, endTileRow) over all tile rows on up to `parts` threads and adds up
+// the counts.
+template <typename Work>
+MarkCounts inParts(int rows, int parts, Work work) {
+  std::vector<MarkCounts> results(static_cast<std::size_t>(parts));
+  std::vector<std::thread> workers;
+  for (int part = 1; part < parts; ++part) {
+    workers.emplace_back(
+        [&, part] { results[part] = work(rows * part / parts, rows * (part + 1) / parts); });
   }
+  results[0] = work(0, rows / parts);
+  for (auto& worker : workers) {
+    worker.join();
+  }
+  MarkCounts all;
+  for (const MarkCounts& r : results) {
+    all += r;
+  }
+  return all;
 }
 
 }  // namespace
@@ -235,120 +407,21 @@ bool isAntialiasedPlain(const Image& image, int x, int y, const Image& other) {
          (hasManySiblings(image, brightX, brightY) && hasManySiblings(other, brightX, brightY));
 }
 
-bool isDrift(const Image& a, const Image& b, int x, int y) {
-  return driftWithin(rangeAround(a, x, y), rangeAround(b, x, y), a, b, x, y);
-}
-
-MarkCounts scanPixelRows(const Image& a, const Image& b, int y0, int y1, float maxDelta,
-                         const LevelMap& map, std::uint8_t* marks, std::uint8_t* rowMarked,
-                         std::atomic<bool>* differs) {
-  const int width = a.width(), height = a.height();
-  const std::size_t stride = a.stride();
-  const bool uniformExact = map.levels == nullptr && map.uniform == kAtExact;
-  std::vector<float> deltas(uniformExact ? 0 : static_cast<std::size_t>(width));
-  MarkCounts counts;
-  for (int y = y0; y < y1; ++y) {
-    if (differs && differs->load(std::memory_order_relaxed)) {
-      break;
-    }
-    const std::uint8_t* ra = a.row(y);
-    const std::uint8_t* rb = b.row(y);
-    // Screenshots of one screen share most rows byte for byte: settle those with one memcmp.
-    if (std::memcmp(ra, rb, stride) == 0) {
-      continue;
-    }
-    const std::size_t rowStart = static_cast<std::size_t>(y) * width;
-    std::uint8_t* rowMarks = marks + rowStart;
-    const MarkCounts before = counts;
-    if (uniformExact) {
-      for (int x = 0; x < width; ++x) {
-        if (load32(ra + x * 4) != load32(rb + x * 4)) {
-          rowMarks[x] = kDiffers;
-          ++counts.differing;
-        }
-      }
-    } else {
-      rowDeltas(ra, rb, width, deltas.data());
-      const bool interiorRow = y > 0 && y + 1 < height;
-      for (int x = 0; x < width; ++x) {
-        if (deltas[x] == 0.0f && load32(ra + x * 4) == load32(rb + x * 4)) {
-          continue;
-        }
-        const std::uint8_t level = map.at(rowStart + x);
-        if (level == kAtExact) {
-          rowMarks[x] = kDiffers;
-          ++counts.differing;
-          continue;
-        }
-        if (level != kAtStrict || deltas[x] <= maxDelta) {
-          continue;
-        }
-        // Most of a changed screen is flat in both images, where only the colour decides.
-        const bool flat = interiorRow && x > 0 && x + 1 < width && flatAround(ra + x * 4, stride) &&
-                          flatAround(rb + x * 4, stride);
-        if (!flat && explained(a, b, x, y)) {
-          rowMarks[x] = kTolerated;
-          ++counts.tolerated;
-        } else {
-          rowMarks[x] = kDiffers;
-          ++counts.differing;
-        }
-      }
-    }
-    if (!(counts == before)) {
-      rowMarked[y] = 1;
-      if (differs && counts.differing > before.differing) {
-        differs->store(true, std::memory_order_relaxed);
-      }
-    }
-  }
-  return counts;
-}
-
-MarkCounts scanPixels(const Image& a, const Image& b, float maxDelta, const LevelMap& map,
+MarkCounts scanPixels(const Image& a, const Image& b, const StrictRule& rule, const LevelMap& map,
                       int threads, std::uint8_t* marks, std::uint8_t* rowMarked,
                       std::atomic<bool>* differs) {
+  if (a.empty()) {
+    return {};
+  }
   const std::size_t pixels = static_cast<std::size_t>(a.width()) * a.height();
-  const int parts = static_cast<int>(std::clamp<std::size_t>(
-      pixels / kMinPixelsPerThread, 1, static_cast<std::size_t>(std::max(threads, 1))));
-  std::vector<MarkCounts> results(parts);
-  std::vector<std::thread> workers;
-  const int height = a.height();
-  for (int part = 1; part < parts; ++part) {
-    workers.emplace_back([&, part] {
-      results[part] = scanPixelRows(a, b, height * part / parts, height * (part + 1) / parts,
-                                    maxDelta, map, marks, rowMarked, differs);
-    });
-  }
-  results[0] = scanPixelRows(a, b, 0, height / parts, maxDelta, map, marks, rowMarked, differs);
-  for (auto& worker : workers) {
-    worker.join();
-  }
-  MarkCounts all;
-  for (const MarkCounts& part : results) {
-    all += part;
-  }
-  return all;
-}
-
-MarkCounts scanPixelsReference(const Image& a, const Image& b, float maxDelta,
-                               std::uint8_t* marks) {
-  MarkCounts counts;
-  for (int y = 0; y < a.height(); ++y) {
-    for (int x = 0; x < a.width(); ++x) {
-      const std::size_t index = static_cast<std::size_t>(y) * a.width() + x;
-      if (colourDelta(a.row(y) + x * 4, b.row(y) + x * 4) <= maxDelta) {
-        continue;
-      }
-      if (explained(a, b, x, y, true)) {
-        marks[index] = kTolerated;
-        ++counts.tolerated;
-      } else {
-        marks[index] = kDiffers;
-        ++counts.differing;
-      }
-    }
-  }
+  StrictScan scan(a, b, rule, map, marks, rowMarked, differs);
+  const int parts = static_cast<int>(
+      std::clamp<std::size_t>(pixels / kMinPixelsPerThread, 1,
+                              static_cast<std::size_t>(std::clamp(threads, 1, scan.tilesDown()))));
+  MarkCounts counts =
+      inParts(scan.tilesDown(), parts, [&](int from, int to) { return scan.judgeTiles(from, to); });
+  counts +=
+      inParts(scan.tilesDown(), parts, [&](int from, int to) { return scan.judgeAreas(from, to); });
   return counts;
 }
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "lumo/image.h"
+#include "perceptual_colour.h"
 
 namespace lumo::server::detail {
 
@@ -42,35 +43,10 @@ struct MarkCounts {
   friend bool operator==(const MarkCounts&, const MarkCounts&) = default;
 };
 
-// How far (in pixels) an image may be drawn off its baseline and still match at Strict: a
-// screen rendered by another rasteriser, font version or GPU lands up to a pixel away.
-inline constexpr int kDriftRadius = 1;
-// How many levels (0..255, each channel) a drifted pixel may fall outside the colours around
-// it: rasterisers round blended edges differently.
-inline constexpr int kDriftMargin = 16;
-
-// The largest colour distance the YIQ metric can give (black against white).
-inline constexpr float kMaxColourDelta = 35215.0f;
-
-// A colour threshold in 0..1 as a bound on colourDelta.
-inline float maxDeltaFor(float threshold) { return kMaxColourDelta * threshold * threshold; }
-
 // Channel c of a pixel with alpha a, composed over white: what a person sees of it.
 // Written without a branch so that a row of pixels vectorises; exact for opaque pixels.
 inline float onWhite(float c, std::uint8_t a) {
   return 255.0f + (c - 255.0f) * (static_cast<float>(a) / 255.0f);
-}
-
-// Perceptual distance of two RGBA pixels: the squared YIQ difference weighted towards
-// brightness. Exactly 0 for identical pixels.
-inline float colourDelta(const std::uint8_t* p, const std::uint8_t* q) {
-  const float dr = onWhite(p[0], p[3]) - onWhite(q[0], q[3]);
-  const float dg = onWhite(p[1], p[3]) - onWhite(q[1], q[3]);
-  const float db = onWhite(p[2], p[3]) - onWhite(q[2], q[3]);
-  const float y = dr * 0.29889531f + dg * 0.58662247f + db * 0.11448223f;
-  const float i = dr * 0.59597799f - dg * 0.27417610f - db * 0.32180189f;
-  const float qq = dr * 0.21147017f - dg * 0.52261711f + db * 0.31114694f;
-  return 0.5053f * y * y + 0.299f * i * i + 0.1957f * qq * qq;
 }
 
 // Signed brightness difference of two RGBA pixels.
@@ -95,29 +71,30 @@ bool isAntialiased(const Image& image, int x, int y, const Image& other);
 // interior's faster form.
 bool isAntialiasedPlain(const Image& image, int x, int y, const Image& other);
 
-// Whether pixel (x, y) differs only because one image is drawn up to kDriftRadius pixels off
-// the other: each image's pixel lies within the colours (give or take kDriftMargin) of the
-// other image's pixels around it, and both images show an edge there. Never true where either
-// image is flat, so a changed pixel on a plain background always counts.
-bool isDrift(const Image& a, const Image& b, int x, int y);
+// How the Strict judgement weighs colour, in the perceptual distance of perceptual_colour.h.
+struct StrictRule {
+  // A colour shift this large, held over an area of kAreaSide x kAreaSide pixels on average,
+  // is a change; below it differences are invisible or noise.
+  float justNoticeable = kJustNoticeable;
+  // A pixel this far off counts on its own, unless anti-aliasing or a coherent shift of its
+  // neighbourhood explains it.
+  float visibleAlone = 5 * kJustNoticeable;
+};
 
-// The Strict and Exact pass over rows [y0, y1) of two images of one size. Pixels at kAtExact
-// are marked kDiffers when any byte differs; pixels at kAtStrict when their colour distance
-// exceeds maxDelta, unless anti-aliasing or drift explains it (kTolerated). `marks` has a
-// byte per pixel, zero on entry; `rowMarked[y]` becomes 1 for rows with any mark. With
-// `differs` the scan is only for a verdict: it stops at the first differing pixel, sets the
-// flag, and stops too once another scan sharing the flag has set it.
-MarkCounts scanPixelRows(const Image& a, const Image& b, int y0, int y1, float maxDelta,
-                         const LevelMap& map, std::uint8_t* marks, std::uint8_t* rowMarked,
-                         std::atomic<bool>* differs = nullptr);
+// The side of the smallest area whose average shift is judged: any kAreaSide x kAreaSide
+// area one just-noticeable step off is a change.
+inline constexpr int kAreaSide = 4;
 
-// scanPixelRows over the whole image, split across up to `threads` threads for large images.
-MarkCounts scanPixels(const Image& a, const Image& b, float maxDelta, const LevelMap& map,
+// The Strict and Exact pass over two images of one size. Pixels at kAtExact are marked
+// kDiffers when any byte differs. Pixels at kAtStrict are judged by the rule: anti-aliasing
+// and a shift of at most a pixel that one displacement explains for a whole block are
+// kTolerated; what is left is kDiffers when visible alone or part of an area whose average
+// shift is noticeable. `marks` has a byte per pixel, zero on entry; `rowMarked[y]` becomes 1
+// for rows with any mark. The work is split across up to `threads` threads for large images.
+// With `differs` the scan is only for a verdict: it stops soon after the first differing
+// pixel and sets the flag.
+MarkCounts scanPixels(const Image& a, const Image& b, const StrictRule& rule, const LevelMap& map,
                       int threads, std::uint8_t* marks, std::uint8_t* rowMarked,
                       std::atomic<bool>* differs = nullptr);
-
-// The same Strict verdicts computed the plain way: every pixel's colour distance and every
-// rule in turn, one thread, no shortcuts. The yardstick for the benchmark and the tests.
-MarkCounts scanPixelsReference(const Image& a, const Image& b, float maxDelta, std::uint8_t* marks);
 
 }  // namespace lumo::server::detail

@@ -13,7 +13,7 @@ namespace lumo::server::detail {
 enum EdgeStrength : std::uint8_t { kNoEdge = 0, kWeakEdge = 1, kEdge = 2 };
 
 // kEdge where a pixel's brightness steps by more than `threshold` (0..255) to its right or
-// lower neighbour, kWeakEdge where it steps by more than half of it, else kNoEdge. Colour is
+// lower neighbour, kWeakEdge where it steps by a faint but visible amount, else kNoEdge. Colour is
 // gone: only where things begin and end is kept.
 std::vector<std::uint8_t> edgeMap(const Image& image, int threshold);
 
@@ -25,15 +25,24 @@ MarkCounts scanEdges(const std::vector<std::uint8_t>& edgesA,
                      const std::vector<std::uint8_t>& edgesB, int width, int height,
                      const LevelMap& map, std::uint8_t* marks, std::uint8_t* rowMarked);
 
-// The elements of an image at kAtLayout pixels: groups of (full) edges closer than `cell` pixels,
-// as bounding boxes.
-std::vector<Rect> layoutElements(const std::vector<std::uint8_t>& edges, int width, int height,
-                                 const LevelMap& map, int cell);
+// An element of a screen's layout: its bounding box, and whether it is framed (a drawn
+// container such as a button or card, with an edge along most of its top or bottom) rather
+// than free text or an icon.
+struct LayoutElement {
+  Rect box;
+  bool framed = false;
+};
 
-// Elements of one list that have no counterpart in the other: a counterpart has the same
-// top and bottom and keeps its left side, right side or centre, each within `tolerance`.
-std::vector<Rect> unmatchedElements(const std::vector<Rect>& a, const std::vector<Rect>& b,
-                                    int tolerance);
+// The elements of an image at kAtLayout pixels: groups of (full) edges closer than `cell` pixels.
+std::vector<LayoutElement> layoutElements(const std::vector<std::uint8_t>& edges, int width,
+                                          int height, const LevelMap& map, int cell);
+
+// Boxes of the elements of one list that have no counterpart in the other: a counterpart has
+// the same top and bottom, each within `tolerance`, and keeps both sides if either element is
+// framed (a resized container is a change), else its left side, right side or centre (text
+// that changed within its place is not).
+std::vector<Rect> unmatchedElements(const std::vector<LayoutElement>& a,
+                                    const std::vector<LayoutElement>& b, int tolerance);
 
 // Whether nearly all full edges of `own` inside `area` have an edge, weak ones included,
 // within a pixel in `other`: the element is there in both images, only its contrast changed

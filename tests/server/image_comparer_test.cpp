@@ -81,32 +81,6 @@ TEST(ImageComparer, ExactSeesOneChannelStepAndAntialiasingThatStrictTolerates) {
   EXPECT_TRUE(compare(solid(60, 60, {247, 248, 250}), solid(60, 60, {250, 250, 250}), {}).matches);
 }
 
-TEST(ImageComparer, FastStrictScanMarksWhatThePlainOneMarks) {
-  // Noise differs everywhere; the screens have flat runs and edges; the jittered noise lies on
-  // both sides of the threshold. 703 pixels leave a tail after every vector of a row.
-  Image jittered = noise(703, 90, 5);
-  std::mt19937 random(6);
-  for (std::size_t i = 0; i < jittered.pixels().size(); ++i) {
-    jittered.data()[i] = static_cast<std::uint8_t>(jittered.data()[i] ^ (random() % 64));
-  }
-  const std::pair<Image, Image> pairs[] = {{noise(703, 90, 3), noise(703, 90, 4)},
-                                           {screen(1, kRed), screen(2, kBlue)},
-                                           {noise(703, 90, 5), jittered}};
-  const float maxDelta = server::detail::maxDeltaFor(0.1f);
-  for (const auto& [a, b] : pairs) {
-    const std::size_t pixels = static_cast<std::size_t>(a.width()) * a.height();
-    std::vector<std::uint8_t> plain(pixels), rows(static_cast<std::size_t>(a.height()));
-    const auto expected = server::detail::scanPixelsReference(a, b, maxDelta, plain.data());
-    EXPECT_GT(expected.differing, 1000u);
-    for (int threads : {1, 2, 3}) {
-      std::vector<std::uint8_t> fast(pixels);
-      EXPECT_EQ(server::detail::scanPixels(a, b, maxDelta, {}, threads, fast.data(), rows.data()),
-                expected);
-      EXPECT_EQ(fast, plain) << threads;
-    }
-  }
-}
-
 TEST(ImageComparer, FloatingOffsetsFarBeyondTheImageAreClamped) {
   // A one-pixel region that may move anywhere on a large image: the search is bounded by the
   // image and by its budget, and it finds the pixel's colour elsewhere.

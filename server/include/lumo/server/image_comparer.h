@@ -65,8 +65,12 @@ struct CompareResult {
 
 // Tuning of the metrics. The defaults are what the server uses.
 struct ComparerOptions {
-  // Strict: the perceptual colour distance (YIQ, 0..1) above which a pixel differs.
-  float colourThreshold = 0.1f;
+  // Strict: the perceptual colour distance (OKLab with a toe on lightness, 0..1) at which an
+  // average shift over 4 x 4 pixels or more is a change: a just-noticeable difference.
+  float justNoticeable = 0.02f;
+  // Strict: the distance at which a single pixel is a change on its own, unless
+  // anti-aliasing or a shift of at most a pixel explains it.
+  float visibleAlone = 0.1f;
   // Content and Layout: a luminance step (0..255) between neighbours that counts as an edge.
   int edgeThreshold = 24;
   // Layout: edges closer than this (in pixels) join into one element.
